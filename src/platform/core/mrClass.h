@@ -1,0 +1,8 @@
+#pragma once
+
+// Root of the core library's classes.
+class mrClass
+{
+public:
+    virtual ~mrClass() = default;
+};

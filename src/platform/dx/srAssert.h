@@ -1,0 +1,14 @@
+#pragma once
+
+// The engine's assertion routine. A report carries the expression text ("0" for a
+// report with only a message), the source name, the line and an optional message.
+// The default handler prints one line to stderr and returns, so the caller goes on.
+void srAssertFail(const char* expression, const char* source, long line, const char* message);
+
+typedef void (*srAssertHandler)(const char* expression, const char* source, long line, const char* message);
+
+// Installs a handler (null restores the default); returns the previous one.
+srAssertHandler srSetAssertHandler(srAssertHandler handler);
+
+// Number of reports since the process started (any handler).
+unsigned long srAssertCount();

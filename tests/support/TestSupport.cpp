@@ -1,0 +1,206 @@
+#include "support/TestSupport.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "platform/dx/srOutput.h"
+
+namespace mtest
+{
+
+namespace
+{
+std::vector<AssertReport> g_reports;
+
+void recordReport(const char* expression, const char* source, long line, const char* message)
+{
+    g_reports.push_back({expression ? expression : "", source ? source : "", line, message ? message : "",
+                         message != nullptr});
+}
+} // namespace
+
+AssertRecorder::AssertRecorder()
+{
+    g_reports.clear();
+    m_previous = srSetAssertHandler(&recordReport);
+}
+
+AssertRecorder::~AssertRecorder() { srSetAssertHandler(m_previous); }
+
+const std::vector<AssertReport>& AssertRecorder::reports() const { return g_reports; }
+
+void AssertRecorder::clear() { g_reports.clear(); }
+
+size_t AssertRecorder::count(const char* expression, const char* message) const
+{
+    size_t n = 0;
+    for (const AssertReport& r : g_reports)
+        if (r.expression == expression && (!message || r.message == message))
+            ++n;
+    return n;
+}
+
+LogCapture::LogCapture() { m_previous = srSetOutputTarget(&m_buffer); }
+
+LogCapture::~LogCapture() { srSetOutputTarget(m_previous); }
+
+std::vector<std::string> LogCapture::lines() const
+{
+    std::vector<std::string> out;
+    std::istringstream in(m_buffer.str());
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
+TempDir::TempDir()
+{
+    std::string tmpl = (std::filesystem::temp_directory_path() / "meridbsp-test-XXXXXX").string();
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    m_path = mkdtemp(buf.data());
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::permissions(m_path, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+    std::filesystem::remove_all(m_path, ec);
+}
+
+namespace
+{
+typedef srVector3T<float> V;
+
+// Quad a, b, c, d (counter-clockwise seen from the side the normal points to) as two triangles.
+void addQuad(srMeshModel& mesh, V a, V b, V c, V d)
+{
+    long i = mesh.addVertex(a);
+    mesh.addVertex(b);
+    mesh.addVertex(c);
+    mesh.addVertex(d);
+    mesh.addPolygon((int)i, (int)i + 1, (int)i + 2);
+    mesh.addPolygon((int)i, (int)i + 2, (int)i + 3);
+}
+
+// An axis-aligned rectangle on plane `axis` = at, spanning [u0,u1] x [v0,v1] on the next two
+// axes (cyclic), with its normal along +axis (sign > 0) or -axis.
+void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign)
+{
+    int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+    auto P = [&](float u, float v) {
+        V p;
+        p[axis] = at;
+        p[ua] = u;
+        p[va] = v;
+        return p;
+    };
+    // (ua x va) = +axis for the cyclic order, so u then v counter-clockwise faces +axis.
+    if (sign > 0)
+        addQuad(mesh, P(u0, v0), P(u1, v0), P(u1, v1), P(u0, v1));
+    else
+        addQuad(mesh, P(u0, v0), P(u0, v1), P(u1, v1), P(u1, v0));
+}
+
+float lo(const V& a, int k) { return a[k]; }
+} // namespace
+
+void addBox(srMeshModel& mesh, V mins, V maxs, bool outward)
+{
+    for (int axis = 0; axis < 3; ++axis)
+    {
+        int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+        int s = outward ? 1 : -1;
+        addRect(mesh, axis, maxs[axis], lo(mins, ua), maxs[ua], lo(mins, va), maxs[va], s);
+        addRect(mesh, axis, mins[axis], lo(mins, ua), maxs[ua], lo(mins, va), maxs[va], -s);
+    }
+}
+
+void addSphere(srMeshModel& mesh, V centre, float radius, int levels)
+{
+    std::vector<V> verts = {V(1, 0, 0), V(-1, 0, 0), V(0, 1, 0), V(0, -1, 0), V(0, 0, 1), V(0, 0, -1)};
+    std::vector<srVector3i> tris = {{0, 2, 4}, {2, 1, 4}, {1, 3, 4}, {3, 0, 4},
+                                    {2, 0, 5}, {1, 2, 5}, {3, 1, 5}, {0, 3, 5}};
+    for (int l = 0; l < levels; ++l)
+    {
+        std::map<std::pair<int, int>, int> mid;
+        auto midpoint = [&](int a, int b) {
+            std::pair<int, int> key(std::min(a, b), std::max(a, b));
+            auto it = mid.find(key);
+            if (it != mid.end())
+                return it->second;
+            V m((verts[a].x + verts[b].x) * 0.5f, (verts[a].y + verts[b].y) * 0.5f,
+                (verts[a].z + verts[b].z) * 0.5f);
+            float len = std::sqrt(m.x * m.x + m.y * m.y + m.z * m.z);
+            verts.push_back(V(m.x / len, m.y / len, m.z / len));
+            mid[key] = (int)verts.size() - 1;
+            return (int)verts.size() - 1;
+        };
+        std::vector<srVector3i> next;
+        for (const srVector3i& t : tris)
+        {
+            int ab = midpoint(t.x, t.y), bc = midpoint(t.y, t.z), ca = midpoint(t.z, t.x);
+            next.push_back({t.x, ab, ca});
+            next.push_back({ab, t.y, bc});
+            next.push_back({ca, bc, t.z});
+            next.push_back({ab, bc, ca});
+        }
+        tris.swap(next);
+    }
+    long base = mesh.getNumVerts();
+    for (const V& v : verts)
+        mesh.addVertex(V(centre.x + v.x * radius, centre.y + v.y * radius, centre.z + v.z * radius));
+    for (const srVector3i& t : tris)
+        mesh.addPolygon((int)base + t.x, (int)base + t.y, (int)base + t.z);
+}
+
+void addTwoRoomLevel(srMeshModel& mesh)
+{
+    // Room A: [0,64]^3, room B: x in [128,192]; corridor x in [64,128], y in [16,48], z in [0,32].
+    // Every face points into the open space (its solid lies behind it).
+    for (float x0 : {0.0f, 128.0f})
+    {
+        float x1 = x0 + 64;
+        addRect(mesh, 1, 0, 0, 64, x0, x1, +1);  // y = 0 wall (axis 1: u = z, v = x)
+        addRect(mesh, 1, 64, 0, 64, x0, x1, -1); // y = 64 wall
+        addRect(mesh, 2, 0, x0, x1, 0, 64, +1);  // z = 0 floor (u = x, v = y)
+        addRect(mesh, 2, 64, x0, x1, 0, 64, -1); // z = 64 ceiling
+        // Outer end wall (no opening) and the wall with the corridor opening.
+        float outer = x0 == 0 ? 0.0f : 192.0f, inner = x0 == 0 ? 64.0f : 128.0f;
+        int outerSign = x0 == 0 ? +1 : -1, innerSign = -outerSign;
+        addRect(mesh, 0, outer, 0, 64, 0, 64, outerSign); // axis 0: u = y, v = z
+        addRect(mesh, 0, inner, 0, 16, 0, 64, innerSign);
+        addRect(mesh, 0, inner, 48, 64, 0, 64, innerSign);
+        addRect(mesh, 0, inner, 16, 48, 32, 64, innerSign);
+    }
+    // Corridor: floor, ceiling and two side walls, open at both ends.
+    addRect(mesh, 2, 0, 64, 128, 16, 48, +1);
+    addRect(mesh, 2, 32, 64, 128, 16, 48, -1);
+    addRect(mesh, 1, 16, 0, 32, 64, 128, +1);
+    addRect(mesh, 1, 48, 0, 32, 64, 128, -1);
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+uint64_t fnv1a(const std::string& bytes)
+{
+    uint64_t h = 1469598103934665603ull;
+    for (unsigned char c : bytes)
+    {
+        h ^= c;
+        h *= 1099511628211ull;
+    }
+    return h;
+}
+
+} // namespace mtest
