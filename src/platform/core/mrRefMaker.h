@@ -5,13 +5,14 @@
 class mrRefTarget;
 
 // Messages a reference target sends its dependants; 0 is "a field changed".
-enum e_refMsg
+// A fixed underlying type: any message number a sender passes is a valid value.
+enum e_refMsg : int
 {
     REFMSG_CHANGE = 0,
     REFMSG_TARGET_DELETED = 1,
 };
 
-enum e_refResult
+enum e_refResult : int
 {
     REF_FAIL = 0,
     REF_SUCCEED = 1,
