@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+
+#include "geometry/mrBSPFace.h"
+#include "geometry/mrBSPSurface.h"
+#include "platform/dx/srVector3T.h"
+#include "platform/geom/mrPlane.h"
+#include "solid/mrBSPNode.h"
+
+// Builds a solid BSP tree from a surface list. The generator owns nothing once
+// generate returns: the tree belongs to the caller (release it with mrBSPTree).
+class mrSolidBSP
+{
+public:
+    int32_t m_midSplit;        // nonzero: choose planes by box division alone
+    int32_t m_numSplitNodes;   // decision nodes made
+    int32_t m_numLeafFaces;    // face fragments linked into leaves
+    int32_t m_numNodeFaces;    // faces copied by linkNodeFaces
+    int32_t m_numSolidLeafs;   // leaves without faces
+    int32_t m_numEmptyLeafs;   // leaves with faces
+    int32_t m_numLinkedFaces;  // distinct originals referenced by leaves
+    int32_t m_reserved0;       // not used by the generator
+    int32_t m_reserved1;       // set to 1 by generate
+
+    // Every field starts at zero so that a fresh generator never holds garbage.
+    mrSolidBSP()
+        : m_midSplit(0), m_numSplitNodes(0), m_numLeafFaces(0), m_numNodeFaces(0), m_numSolidLeafs(0),
+          m_numEmptyLeafs(0), m_numLinkedFaces(0), m_reserved0(0), m_reserved1(0)
+    {
+    }
+    mrSolidBSP(const mrSolidBSP&) = default;
+    mrSolidBSP& operator=(const mrSolidBSP&) = default;
+    virtual ~mrSolidBSP() {}
+
+    // Partition selection.
+    mrBSPSurface* selectPartition(mrBSPSurface* list);
+    mrBSPSurface* choosePlaneFromList(mrBSPSurface* list, srVector3T<float> mins, srVector3T<float> maxs,
+                                      int allowZUp);
+    mrBSPSurface* chooseMidPlaneFromList(mrBSPSurface* list, srVector3T<float> mins, srVector3T<float> maxs);
+    mrPlane::e_side faceSide(mrBSPFace* face, mrPlane* plane);
+
+    // Generation. Run calcBounds on every surface of the list, in list order, first:
+    // the choice of planes reads the bounds and generation computes none of its own
+    // (part of the reproducibility promise). The list is consumed. The head node's box
+    // is left for the caller to set.
+    mrBSPNode* generate(mrBSPSurface* surfaces, int midSplit);
+    void partitionSurfaces(mrBSPSurface* list, mrBSPNode* node);
+    void dividePlane(mrBSPSurface* in, mrPlane* split, mrBSPSurface** front, mrBSPSurface** back);
+    void divideNodeBounds(mrBSPNode* node, mrPlane* split);
+    void linkConvexFaces(mrBSPSurface* list, mrBSPNode* leafnode);
+    mrBSPFace* linkNodeFaces(mrBSPSurface* surface);
+};
