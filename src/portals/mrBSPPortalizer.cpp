@@ -1,0 +1,544 @@
+#include "portals/mrBSPPortalizer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "platform/dx/srAssert.h"
+#include "platform/dx/srOutput.h"
+#include "platform/geom/mrPlane.h"
+#include "platform/geom/mrWinding.h"
+
+int32_t mrBSPPortalizer::m_num_visleafs = 0;
+int32_t mrBSPPortalizer::m_num_visportals = 0;
+int32_t mrBSPPortalizer::m_polycount = 0;
+uint32_t mrBSPPortalizer::m_materialCounter = 0;
+mrDynamicArray<mrMaterial*> mrBSPPortalizer::m_materials;
+
+namespace
+{
+const char* const SOURCE = "mrBSPPortalizer";
+const char* const PORTAL_FILE = "test.prt";
+// How far the outer portals stand off the head node's box.
+const float HEADNODE_MARGIN = 24.0f;
+const uint32_t NUM_MATERIALS = 256;
+
+// Open only while writePortalfile runs.
+FILE* s_portalFile = nullptr;
+
+// Which of the portal's two lists continues at `node`: 0, 1, or -1 when the portal does
+// not bound the node at all.
+int sideOf(const mrBSPPortal* p, const mrBSPNode* node)
+{
+    if (p->m_nodes[0] == node)
+        return 0;
+    if (p->m_nodes[1] == node)
+        return 1;
+    return -1;
+}
+
+bool sameContents(const mrBSPPortal* p)
+{
+    return p->m_nodes[0] && p->m_nodes[1] && p->m_nodes[0]->m_contents == p->m_nodes[1]->m_contents;
+}
+} // namespace
+
+mrBSPPortalizer::mrBSPPortalizer() : m_num_degenerate(0) {}
+
+// The outside node releases nothing; portals still linked to it are the caller's to free.
+mrBSPPortalizer::~mrBSPPortalizer() {}
+
+void mrBSPPortalizer::portalize(mrBSPNode* head)
+{
+    srPrintf("----- Portalize ----\n");
+    m_num_degenerate = 0;
+    makeHeadnodePortals(head);
+    cutNodePortals_r(head);
+    srPrintf("Number of degenerate portals %i\n", m_num_degenerate);
+}
+
+void mrBSPPortalizer::makeHeadnodePortals(mrBSPNode* node)
+{
+    srOut << "Creating headnode portals: "
+          << "{" << node->m_mins.x << "," << node->m_mins.y << "," << node->m_mins.z << "}"
+          << "{" << node->m_maxs.x << "," << node->m_maxs.y << "," << node->m_maxs.z << "}" << '\n';
+
+    float lower[3], upper[3];
+    for (int i = 0; i < 3; ++i)
+    {
+        lower[i] = node->m_mins[i] - HEADNODE_MARGIN;
+        upper[i] = node->m_maxs[i] + HEADNODE_MARGIN;
+    }
+
+    m_outsideNode.m_contents = 1;
+    m_outsideNode.m_plane = nullptr;
+    m_outsideNode.m_children[0] = nullptr;
+    m_outsideNode.m_children[1] = nullptr;
+    m_outsideNode.m_faces = nullptr;
+    m_outsideNode.m_portals = nullptr;
+
+    // Portal 3j + i lies on the low (j = 0) or high (j = 1) face of axis i, its plane
+    // facing into the box. Created 0, 3, 1, 4, 2, 5; the planes are never released.
+    mrBSPPortal* portals[6];
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 2; ++j)
+        {
+            int n = 3 * j + i;
+            mrBSPPortal* p = new mrBSPPortal;
+            mrPlane* plane = new mrPlane;
+            plane->m_normal = srVector3T<float>(0, 0, 0);
+            if (j == 0)
+            {
+                plane->m_normal[i] = 1.0f;
+                plane->m_dist = lower[i];
+            }
+            else
+            {
+                plane->m_normal[i] = -1.0f;
+                plane->m_dist = -upper[i];
+            }
+            p->m_plane = plane;
+            p->m_winding = new mrWinding(4);
+            p->m_winding->baseFromPlane(*plane);
+            portals[n] = p;
+            addPortalToNodes(p, node, &m_outsideNode);
+        }
+
+    // Cut each base polygon down to the box face on its plane.
+    for (int i = 0; i < 6; ++i)
+        for (int j = 0; j < 6; ++j)
+        {
+            if (j == i)
+                continue;
+            if (!portals[i]->m_winding)
+            {
+                srAssertFail("portals[i]->m_winding", SOURCE, __LINE__, nullptr);
+                break;
+            }
+            portals[i]->m_winding = mrWinding::clip(portals[i]->m_winding, portals[j]->m_plane, 1);
+        }
+}
+
+void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
+{
+    if (!node || !node->m_plane)
+        return;
+    mrBSPNode* front = node->m_children[0];
+    mrBSPNode* back = node->m_children[1];
+
+    mrBSPPortal* newPortal = new mrBSPPortal;
+    newPortal->m_plane = node->m_plane;
+    mrWinding* w = new mrWinding(4);
+    w->baseFromPlane(*node->m_plane);
+
+    // Clip the node's polygon to its cell: the inside of every portal that bounds it.
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+        {
+            srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
+            break;
+        }
+        mrPlane plane = *p->m_plane;
+        if (side == 1)
+        {
+            plane.m_normal.x = -plane.m_normal.x;
+            plane.m_normal.y = -plane.m_normal.y;
+            plane.m_normal.z = -plane.m_normal.z;
+            plane.m_dist = -plane.m_dist;
+        }
+        w = mrWinding::clip(w, &plane, 1);
+        if (!w)
+        {
+            m_num_degenerate++;
+            break;
+        }
+        p = p->m_next[side];
+    }
+
+    if (w)
+    {
+        newPortal->m_winding = w;
+        addPortalToNodes(newPortal, front, back);
+    }
+    else
+        delete newPortal; // clipped to nothing: counted above, never linked
+
+    // Hand the node's portals down to its children, splitting those that straddle the plane.
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+        {
+            srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
+            break;
+        }
+        mrBSPPortal* next = p->m_next[side];
+        mrBSPNode* other = p->m_nodes[1 - side];
+
+        removePortalFromNode(p, p->m_nodes[0]);
+        removePortalFromNode(p, p->m_nodes[1]);
+
+        mrWinding* frontPart = nullptr;
+        mrWinding* backPart = nullptr;
+        mrWinding::divide(p->m_winding, node->m_plane, &frontPart, &backPart);
+
+        // A fragment keeps its orientation: the child takes the slot its parent held.
+        if (!frontPart)
+        {
+            if (side == 0)
+                addPortalToNodes(p, back, other);
+            else
+                addPortalToNodes(p, other, back);
+        }
+        else if (!backPart)
+        {
+            if (side == 0)
+                addPortalToNodes(p, front, other);
+            else
+                addPortalToNodes(p, other, front);
+        }
+        else
+        {
+            mrBSPPortal* backPortal = new mrBSPPortal;
+            backPortal->m_plane = p->m_plane;
+            backPortal->m_winding = backPart;
+            delete p->m_winding;
+            p->m_winding = frontPart;
+            if (side == 0)
+            {
+                addPortalToNodes(p, front, other);
+                addPortalToNodes(backPortal, back, other);
+            }
+            else
+            {
+                addPortalToNodes(p, other, front);
+                addPortalToNodes(backPortal, other, back);
+            }
+        }
+        p = next;
+    }
+
+    cutNodePortals_r(front);
+    cutNodePortals_r(back);
+}
+
+void mrBSPPortalizer::addPortalToNodes(mrBSPPortal* portal, mrBSPNode* front, mrBSPNode* back)
+{
+    if (portal->m_nodes[0] || portal->m_nodes[1])
+        srAssertFail("0", SOURCE, __LINE__, "AddPortalToNode: already included");
+
+    portal->m_nodes[0] = front;
+    portal->m_next[0] = front->m_portals;
+    front->m_portals = portal;
+
+    portal->m_nodes[1] = back;
+    portal->m_next[1] = back->m_portals;
+    back->m_portals = portal;
+}
+
+void mrBSPPortalizer::removePortalFromNode(mrBSPPortal* portal, mrBSPNode* node)
+{
+    if (!node)
+        return;
+    // Find the link that leads to the portal.
+    mrBSPPortal** link = &node->m_portals;
+    for (;;)
+    {
+        mrBSPPortal* t = *link;
+        if (!t)
+        {
+            srAssertFail("0", SOURCE, __LINE__, "RemovePortalFromNode: portal not in leaf");
+            return;
+        }
+        if (t == portal)
+            break;
+        int side = sideOf(t, node);
+        if (side < 0)
+        {
+            srAssertFail("0", SOURCE, __LINE__, "RemovePortalFromNode: portal not bounding leaf");
+            return;
+        }
+        link = &t->m_next[side];
+    }
+
+    if (portal->m_nodes[0] == node)
+    {
+        *link = portal->m_next[0];
+        portal->m_nodes[0] = nullptr;
+    }
+    else if (portal->m_nodes[1] == node)
+    {
+        *link = portal->m_next[1];
+        portal->m_nodes[1] = nullptr;
+    }
+}
+
+void mrBSPPortalizer::freeAllPortals(mrBSPNode* node)
+{
+    if (!node)
+        return;
+    if (node->m_plane)
+    {
+        freeAllPortals(node->m_children[0]);
+        freeAllPortals(node->m_children[1]);
+    }
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+            break; // a mislinked list cannot be followed any further
+        mrBSPPortal* next = p->m_next[side];
+        removePortalFromNode(p, p->m_nodes[0]);
+        removePortalFromNode(p, p->m_nodes[1]);
+        delete p->m_winding;
+        delete p;
+        p = next;
+    }
+}
+
+void mrBSPPortalizer::releasePortals(mrBSPNode* head)
+{
+    // Only outer portals and their fragments touch the outside node, so its list names
+    // exactly the planes makeHeadnodePortals made.
+    std::vector<mrPlane*> outerPlanes;
+    for (mrBSPPortal* p = m_outsideNode.m_portals; p;)
+    {
+        int side = sideOf(p, &m_outsideNode);
+        if (side < 0)
+            break;
+        if (std::find(outerPlanes.begin(), outerPlanes.end(), p->m_plane) == outerPlanes.end())
+            outerPlanes.push_back(p->m_plane);
+        p = p->m_next[side];
+    }
+    freeAllPortals(head);
+    for (mrPlane* plane : outerPlanes)
+        delete plane;
+}
+
+void mrBSPPortalizer::writePortalfile(mrBSPNode* head) { writePortalfile(head, PORTAL_FILE); }
+
+bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
+{
+    if (!path)
+        path = PORTAL_FILE;
+
+    // Counters reset first, so writing the same tree twice gives the same file.
+    m_num_visleafs = 0;
+    m_num_visportals = 0;
+    numberLeafs_r(head);
+
+    printf("writing %s\n", path);
+    fflush(stdout);
+
+    // Written beside the target and renamed into place, so a reader never sees half a file.
+    std::string temp = std::string(path) + ".tmp";
+    s_portalFile = fopen(temp.c_str(), "w");
+    if (!s_portalFile)
+    {
+        srAssertFail("0", SOURCE, __LINE__, "Error opening %s");
+        return false;
+    }
+
+    srPrintf("Writing %i visleafs %i visportals\n", m_num_visleafs, m_num_visportals);
+
+    fprintf(s_portalFile, "%s\n", "PRT");
+    fprintf(s_portalFile, "%i\n", m_num_visleafs);
+    fprintf(s_portalFile, "%i\n", m_num_visportals);
+    writePortalFile_r(head);
+
+    bool failed = ferror(s_portalFile) != 0;
+    failed = fclose(s_portalFile) != 0 || failed;
+    s_portalFile = nullptr;
+    if (failed || rename(temp.c_str(), path) != 0)
+    {
+        remove(temp.c_str());
+        srAssertFail("0", SOURCE, __LINE__, "Error writing %s");
+        return false;
+    }
+    return true;
+}
+
+void mrBSPPortalizer::numberLeafs_r(mrBSPNode* node)
+{
+    if (!node)
+        return;
+    if (node->m_plane)
+    {
+        node->m_leafnum = -99;
+        numberLeafs_r(node->m_children[0]);
+        numberLeafs_r(node->m_children[1]);
+        return;
+    }
+    if (node->m_contents == 1)
+    {
+        node->m_leafnum = -1;
+        return;
+    }
+    node->m_leafnum = m_num_visleafs++;
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+            break;
+        if (side == 0 && sameContents(p))
+            m_num_visportals++;
+        p = p->m_next[side];
+    }
+}
+
+void mrBSPPortalizer::writePortalFile_r(mrBSPNode* node)
+{
+    if (!node || !s_portalFile)
+        return;
+    if (node->m_plane)
+    {
+        writePortalFile_r(node->m_children[0]);
+        writePortalFile_r(node->m_children[1]);
+        return;
+    }
+    if (node->m_contents == 1)
+        return;
+
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+            break;
+        mrWinding* w = p->m_winding;
+        if (w && side == 0 && sameContents(p))
+        {
+            // A winding that faces away from its portal plane names its back leaf first;
+            // the points keep their order. Reproducibility promise: the dot product in
+            // double, summed x, y, z.
+            mrPlane own;
+            w->getPlane(own);
+            const mrPlane& pp = *p->m_plane;
+            double dot = (double)own.m_normal.x * pp.m_normal.x + (double)own.m_normal.y * pp.m_normal.y +
+                         (double)own.m_normal.z * pp.m_normal.z;
+            int first = p->m_nodes[0]->m_leafnum;
+            int second = p->m_nodes[1]->m_leafnum;
+            if (dot < 0.99)
+            {
+                first = p->m_nodes[1]->m_leafnum;
+                second = p->m_nodes[0]->m_leafnum;
+            }
+            fprintf(s_portalFile, "%i %i %i ", w->m_numpoints, first, second);
+            for (int i = 0; i < w->m_numpoints; ++i)
+            {
+                const srVector3T<float>& pt = w->m_points[(uint32_t)i];
+                fprintf(s_portalFile, "(");
+                writeFloat(s_portalFile, pt.x);
+                writeFloat(s_portalFile, pt.y);
+                writeFloat(s_portalFile, pt.z);
+                fprintf(s_portalFile, ") ");
+            }
+            fprintf(s_portalFile, "\n");
+        }
+        p = p->m_next[side];
+    }
+}
+
+void mrBSPPortalizer::writeFloat(FILE* file, float value)
+{
+    // A value within 0.001 of a whole number is written as that number. Reproducibility
+    // promise: rounding in double, against the single-precision 0.001.
+    double v = value;
+    double r = std::floor(v + 0.5);
+    // The range check keeps the conversion defined; such values are written in full.
+    if (std::fabs(v - r) < (double)0.001f && r >= -2147483648.0 && r <= 2147483647.0)
+        fprintf(file, "%i ", (int)r);
+    else
+        fprintf(file, "%f ", v);
+}
+
+srMeshModel* mrBSPPortalizer::createMeshModel(mrBSPNode* head)
+{
+    srModeler modeler;
+    m_polycount = 0;
+    m_materialCounter = 0;
+
+    // Earlier materials are overwritten in the table, not released.
+    for (uint32_t i = 0; i < NUM_MATERIALS; ++i)
+    {
+        mrMaterial* m = new mrMaterial;
+        m_materials[i] = m;
+        // Three draws, in the order red, green, blue.
+        float red = (float)(rand() % 100) * 0.01f;
+        float green = (float)(rand() % 100) * 0.01f;
+        float blue = (float)(rand() % 100) * 0.01f;
+        m->m_color0[0] = red;
+        m->m_color0[1] = green;
+        m->m_color0[2] = blue;
+        m->m_color0[3] = 1.0f;
+        m->m_flags = 1;
+        m->m_color1[0] = red;
+        m->m_color1[1] = green;
+        m->m_color1[2] = blue;
+        m->m_color1[3] = 1.0f;
+        m->m_flags = 1;
+        m->refreshPBlock(nullptr);
+    }
+
+    createLeafPolys_r(head, modeler);
+
+    srOut << " mrBSPPortalizer::createMeshModel -> polys:" << '\n' << m_polycount << '\n';
+
+    srMeshModel* mesh = new srMeshModel(0, 0);
+    mesh->setName("portalizer created mesh");
+    modeler.convert(*mesh, 1);
+    return mesh;
+}
+
+void mrBSPPortalizer::createLeafPolys_r(mrBSPNode* node, srModeler& modeler)
+{
+    if (!node)
+        return;
+    srModeler::Polygon poly(10);
+    if (node->m_plane)
+    {
+        createLeafPolys_r(node->m_children[0], modeler);
+        createLeafPolys_r(node->m_children[1], modeler);
+        return;
+    }
+    if (node->m_contents == 1)
+        return;
+
+    for (mrBSPPortal* p = node->m_portals; p;)
+    {
+        int side = sideOf(p, node);
+        if (side < 0)
+            break;
+        if (side == 0)
+        {
+            if (p->m_nodes[1] && p->m_nodes[0]->m_contents != p->m_nodes[1]->m_contents)
+            {
+                mrWinding* w = p->m_winding;
+                int n = w ? w->m_numpoints : 0;
+                poly.reset();
+                poly.reAllocate(n);
+                if (n < 3)
+                    srAssertFail("w->m_numpoints>=3", SOURCE, __LINE__, nullptr);
+                else
+                {
+                    // Reversed, so the polygon faces the other way from the portal.
+                    mrMaterial* material = m_materials[m_materialCounter];
+                    for (int k = 0; k < n; ++k)
+                    {
+                        poly[k].m_pos = w->m_points[(uint32_t)(n - 1 - k)];
+                        poly[k].m_material = material;
+                    }
+                    modeler.addPolygon(poly);
+                    m_polycount++;
+                }
+            }
+            // Every portal the leaf owns takes a turn, polygon or not.
+            m_materialCounter = (m_materialCounter + 1) % NUM_MATERIALS;
+        }
+        p = p->m_next[side];
+    }
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "geometry/mrDynamicArray.h"
+#include "platform/dx/srMeshModel.h"
+#include "platform/dx/srModeler.h"
+#include "platform/geom/mrMaterial.h"
+#include "portals/mrBSPPortal.h"
+#include "solid/mrBSPNode.h"
+
+// Cuts portals between the leaves of a solid BSP tree, writes them to a portal file and
+// turns the leaf boundaries that face solid space into a mesh model.
+//
+// The static counters, the material table and the open portal file are process-wide, so
+// writing the portal file and building the leaf mesh are one call at a time.
+class mrBSPPortalizer
+{
+public:
+    // All space outside the head node's box; a solid leaf once the outer portals exist.
+    mrBSPNode m_outsideNode;
+    // Node portals clipped away to nothing during the last portalize.
+    int32_t m_num_degenerate;
+
+    static int32_t m_num_visleafs;
+    static int32_t m_num_visportals;
+    static int32_t m_polycount;
+    static uint32_t m_materialCounter;
+    // Filled by createMeshModel; nothing here releases the materials.
+    static mrDynamicArray<mrMaterial*> m_materials;
+
+    mrBSPPortalizer();
+    mrBSPPortalizer(const mrBSPPortalizer&) = default;
+    mrBSPPortalizer& operator=(const mrBSPPortalizer&) = default;
+    virtual ~mrBSPPortalizer();
+
+    // Portals for a generated tree whose head node box is set. The tree must carry no
+    // portals; this portalizer must outlive them (the outer portals link to its outside node).
+    void portalize(mrBSPNode* head);
+    void makeHeadnodePortals(mrBSPNode* node);
+    void cutNodePortals_r(mrBSPNode* node);
+    void addPortalToNodes(mrBSPPortal* portal, mrBSPNode* front, mrBSPNode* back);
+    static void removePortalFromNode(mrBSPPortal* portal, mrBSPNode* node);
+    // Unlinks and deletes every portal of the subtree (and their windings).
+    static void freeAllPortals(mrBSPNode* node);
+    // freeAllPortals on the head node, and also the planes of the six outer portals, which
+    // freeAllPortals leaves allocated. For callers that must not leak.
+    void releasePortals(mrBSPNode* head);
+
+    // Numbers the leaves and writes "test.prt" in the current directory.
+    static void writePortalfile(mrBSPNode* head);
+    // The same to the given path. The file is written beside the target and renamed into
+    // place, so a failure leaves any earlier file untouched; returns false on failure.
+    static bool writePortalfile(mrBSPNode* head, const char* path);
+    static void numberLeafs_r(mrBSPNode* node);
+    static void writePortalFile_r(mrBSPNode* node);
+    static void writeFloat(FILE* file, float value);
+
+    // A new mesh model (owned by the caller) of the portals between open leaves and solid space.
+    static srMeshModel* createMeshModel(mrBSPNode* head);
+    static void createLeafPolys_r(mrBSPNode* node, srModeler& modeler);
+};
