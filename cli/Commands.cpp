@@ -1,0 +1,623 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "AtomicFile.h"
+#include "MeshReader.h"
+#include "MeshWriter.h"
+#include "ModuleSession.h"
+#include "SliceImage.h"
+#include "StdoutRedirect.h"
+#include "Tool.h"
+#include "VisPipeline.h"
+#include "clip/mrClipBSP.h"
+#include "clipgen/mrClipBSPGen.h"
+#include "platform/dx/srMeshModel.h"
+
+namespace
+{
+
+// Releases an engine object (mesh model, clip BSP) at the end of a scope.
+template <class T> class Released
+{
+public:
+    explicit Released(T* object = nullptr) : m_object(object) {}
+    ~Released()
+    {
+        if (m_object)
+            m_object->release();
+    }
+    Released(const Released&) = delete;
+    Released& operator=(const Released&) = delete;
+    void reset(T* object)
+    {
+        if (m_object)
+            m_object->release();
+        m_object = object;
+    }
+    T* get() const { return m_object; }
+    T* operator->() const { return m_object; }
+
+private:
+    T* m_object;
+};
+
+std::string vec3(const srVector3T<float>& v) { return Tool::g9(v.x) + " " + Tool::g9(v.y) + " " + Tool::g9(v.z); }
+
+std::string ms(double value)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f ms", value);
+    return buf;
+}
+
+// Every output is checked before any work starts, so a run that cannot write its
+// results fails early and writes nothing.
+bool checkOutputs(const std::vector<std::string>& paths)
+{
+    for (const std::string& path : paths)
+    {
+        std::string why;
+        if (!path.empty() && !AtomicFile::checkTarget(path, why))
+        {
+            Tool::fail(path, why);
+            return false;
+        }
+    }
+    return true;
+}
+
+srMeshModel* readMesh(const std::string& path, MeshReader::Stats* stats = nullptr)
+{
+    std::string error;
+    srMeshModel* mesh = MeshReader::read(path, error, stats);
+    if (!mesh)
+        Tool::fail(path, error);
+    return mesh;
+}
+
+nlohmann::ordered_json visJson(const VisPipeline::Result& r, double elapsed)
+{
+    nlohmann::ordered_json j;
+    j["planes"] = r.planes;
+    j["surfaces"] = r.surfaces;
+    j["faces"] = r.faces;
+    j["numSplitNodes"] = r.numSplitNodes;
+    j["numLeafFaces"] = r.numLeafFaces;
+    j["numNodeFaces"] = r.numNodeFaces;
+    j["numSolidLeafs"] = r.numSolidLeafs;
+    j["numEmptyLeafs"] = r.numEmptyLeafs;
+    j["numLinkedFaces"] = r.numLinkedFaces;
+    j["visleafs"] = r.visleafs;
+    j["visportals"] = r.visportals;
+    j["meshPolys"] = r.meshPolys;
+    j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
+    return j;
+}
+
+void printVisSummary(const VisPipeline::Result& r, const VisPipeline::Options& o)
+{
+    std::printf("planes %ld, surfaces %ld, faces %ld\n", r.planes, r.surfaces, r.faces);
+    std::printf("tree: %ld decision nodes, %ld empty leaves, %ld solid leaves\n", r.numSplitNodes, r.numEmptyLeafs,
+                r.numSolidLeafs);
+    std::printf("faces: %ld in leaves, %ld on nodes, %ld linked\n", r.numLeafFaces, r.numNodeFaces, r.numLinkedFaces);
+    std::printf("portals: %ld visleafs, %ld visportals\n", r.visleafs, r.visportals);
+    std::printf("wrote %s\n", o.portalFile.c_str());
+    std::string companion = MeshWriter::companionPath(o.meshFile);
+    std::printf("wrote %s (%ld polygons)%s%s\n", o.meshFile.c_str(), r.meshPolys, companion.empty() ? "" : " and ",
+                companion.c_str());
+}
+
+// Reads the numbers of one query line; false with the reason.
+bool readQuery(const std::vector<std::string>& words, size_t count, float* values, std::string& why)
+{
+    if (words.size() != count)
+    {
+        why = "expected " + std::to_string(count) + " numbers, found " + std::to_string(words.size());
+        return false;
+    }
+    for (size_t i = 0; i < count; ++i)
+    {
+        if (!Tool::parseFloat(words[i], values[i]))
+        {
+            why = "malformed number '" + words[i] + "'";
+            return false;
+        }
+    }
+    return true;
+}
+
+// Runs one query per line of standard input, answering each line as it is read.
+template <class Answer> int streamQueries(size_t count, Answer answer)
+{
+    char* line = nullptr;
+    size_t capacity = 0;
+    long lineNumber = 0;
+    int status = Tool::EXIT_OK;
+    float values[6];
+    ssize_t length;
+    while ((length = ::getline(&line, &capacity, stdin)) >= 0)
+    {
+        ++lineNumber;
+        std::string text(line, (size_t)length);
+        if (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        std::vector<std::string> words = Tool::splitWords(text);
+        if (words.empty())
+            continue;
+        std::string why;
+        if (!readQuery(words, count, values, why))
+        {
+            std::fflush(stdout);
+            status = Tool::fail("stdin line " + std::to_string(lineNumber), why);
+            break;
+        }
+        answer(values);
+    }
+    std::free(line);
+    return status;
+}
+
+// The chunk file's clip BSP, checked for what the queries take on trust.
+mrClipBSP* loadClipBSP(ModuleSession& session, const std::string& path, bool validate)
+{
+    std::string error;
+    if (!session.start(error))
+    {
+        Tool::fail(error);
+        return nullptr;
+    }
+    mrClipBSP* bsp = session.load(path, validate, error);
+    if (!bsp)
+        Tool::fail(error);
+    return bsp;
+}
+
+bool saveClipBSP(ModuleSession& session, const std::string& path, mrClipBSP* bsp)
+{
+    std::string error;
+    if (!session.start(error))
+    {
+        Tool::fail(error);
+        return false;
+    }
+    if (!session.save(path, bsp, error))
+    {
+        Tool::fail(error);
+        return false;
+    }
+    return true;
+}
+
+struct DepthStats
+{
+    double leaves = 1;
+    double sumDepth = 0;
+    long maxDepth = 0;
+};
+
+// Leaf depths of a validated clip BSP (every child is a leaf or a later node), node by
+// node from the last, so neither recursion nor shared subtrees can blow up.
+DepthStats depthStats(const mrClipBSP& bsp)
+{
+    DepthStats root;
+    if (!bsp.m_nodes || bsp.m_numnodes == 0 || !bsp.m_planes)
+        return root;
+    std::vector<DepthStats> below(bsp.m_numnodes);
+    for (uint32_t i = bsp.m_numnodes; i-- > 0;)
+    {
+        DepthStats s;
+        s.leaves = 0;
+        for (int side = 0; side < 2; ++side)
+        {
+            int32_t child = bsp.m_nodes[i].child[side];
+            if (child < 0)
+            {
+                s.leaves += 1;
+                s.sumDepth += 1;
+                s.maxDepth = std::max(s.maxDepth, 1L);
+            }
+            else
+            {
+                const DepthStats& c = below[(size_t)child];
+                s.leaves += c.leaves;
+                s.sumDepth += c.sumDepth + c.leaves;
+                s.maxDepth = std::max(s.maxDepth, c.maxDepth + 1);
+            }
+        }
+        below[i] = s;
+    }
+    return below[0];
+}
+
+bool parseAxis(const std::string& text, int& axis)
+{
+    if (text == "x" || text == "X")
+        axis = 0;
+    else if (text == "y" || text == "Y")
+        axis = 1;
+    else if (text == "z" || text == "Z")
+        axis = 2;
+    else
+        return false;
+    return true;
+}
+
+std::string directoryOfExecutable()
+{
+    char buf[4096];
+    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        return std::string();
+    buf[n] = '\0';
+    std::string path(buf);
+    std::string::size_type slash = path.find_last_of('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+bool fileExists(const std::string& path)
+{
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+} // namespace
+
+int Commands::vis(const VisArgs& args)
+{
+    double start = Tool::nowMs();
+    VisPipeline::Options options;
+    options.midSplit = args.midSplit;
+    options.portalFile = Tool::joinPath(args.outDir, "test.prt");
+    options.meshFile = args.meshOut.empty() ? Tool::joinPath(args.outDir, "portals.obj") : args.meshOut;
+    if (!MeshWriter::supported(options.meshFile))
+        return Tool::usage("--mesh-out " + options.meshFile + ": unsupported mesh format (use .obj, .glb or .ply)");
+
+    AtomicFile::protectInput(args.mesh);
+    if (!checkOutputs({options.portalFile, options.meshFile, MeshWriter::companionPath(options.meshFile)}))
+        return Tool::EXIT_BAD_INPUT;
+    Released<srMeshModel> mesh(readMesh(args.mesh));
+    if (!mesh.get())
+        return Tool::EXIT_BAD_INPUT;
+
+    VisPipeline::Result result;
+    std::string error;
+    if (!VisPipeline::run(mesh.get(), options, result, error))
+        return Tool::fail(error);
+    double elapsed = Tool::nowMs() - start;
+
+    if (args.json)
+    {
+        std::printf("%s\n", visJson(result, elapsed).dump().c_str());
+        return Tool::EXIT_OK;
+    }
+    std::printf("%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
+    printVisSummary(result, options);
+    std::printf("time %s\n", ms(elapsed).c_str());
+    return Tool::EXIT_OK;
+}
+
+int Commands::clip(const ClipArgs& args)
+{
+    double start = Tool::nowMs();
+    float xyz[3] = {0, 0, 0};
+    srMatrix3T<float> matrix;
+    if (!args.offset.empty() && !Tool::parseFloatList(args.offset, 3, xyz))
+        return Tool::usage("--offset " + args.offset + ": expected three comma-separated numbers X,Y,Z");
+    srVector3T<float> offset(xyz[0], xyz[1], xyz[2]);
+    if (!args.matrix.empty() && !Tool::parseFloatList(args.matrix, 9, matrix.m))
+        return Tool::usage("--matrix " + args.matrix + ": expected nine comma-separated numbers m0,...,m8");
+
+    AtomicFile::protectInput(args.mesh);
+    if (!checkOutputs({args.output}))
+        return Tool::EXIT_BAD_INPUT;
+    ModuleSession session;
+    std::string error;
+    if (!session.start(error))
+        return Tool::fail(error);
+    Released<srMeshModel> mesh(readMesh(args.mesh));
+    if (!mesh.get())
+        return Tool::EXIT_BAD_INPUT;
+
+    Released<mrClipBSP> bsp;
+    mrClipBSPGen generator;
+    {
+        StdoutRedirect quietStdout;
+        bsp.reset(generator.importMeshModel(mesh.get(), offset, matrix));
+    }
+    if (!bsp.get())
+        return Tool::fail(args.mesh, "the collision pipeline made no clip BSP");
+    if (!saveClipBSP(session, args.output, bsp.get()))
+        return Tool::EXIT_BAD_INPUT;
+    std::printf("wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(), bsp->m_numnodes,
+                bsp->m_numplanes, mesh->m_numpolys);
+    std::printf("leaves: %d empty, %d solid; %d faces reached leaves\n", generator.m_numemptyleafs,
+                generator.m_numsolidleafs, generator.m_numleaffaces);
+    std::printf("bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
+    std::printf("time %s\n", ms(Tool::nowMs() - start).c_str());
+    return Tool::EXIT_OK;
+}
+
+int Commands::box(const BoxArgs& args)
+{
+    float lo[3], hi[3];
+    if (!Tool::parseFloatList(args.mins, 3, lo))
+        return Tool::usage(args.mins + ": expected the minimum corner as MINX,MINY,MINZ");
+    if (!Tool::parseFloatList(args.maxs, 3, hi))
+        return Tool::usage(args.maxs + ": expected the maximum corner as MAXX,MAXY,MAXZ");
+    srVector3T<float> mins(lo[0], lo[1], lo[2]), maxs(hi[0], hi[1], hi[2]);
+    if (!checkOutputs({args.output}))
+        return Tool::EXIT_BAD_INPUT;
+    ModuleSession session;
+    std::string error;
+    if (!session.start(error))
+        return Tool::fail(error);
+    Released<mrClipBSP> bsp(new mrClipBSP);
+    bsp->makeFromBBox(mins, maxs);
+    // The file carries the parameter fields, which the box builder leaves as they were.
+    bsp->refreshPBlock(nullptr);
+    if (!saveClipBSP(session, args.output, bsp.get()))
+        return Tool::EXIT_BAD_INPUT;
+    std::printf("wrote %s: box %s to %s, %u nodes, %u planes\n", args.output.c_str(), vec3(mins).c_str(),
+                vec3(maxs).c_str(), bsp->m_numnodes, bsp->m_numplanes);
+    return Tool::EXIT_OK;
+}
+
+int Commands::info(const FileArgs& args)
+{
+    ModuleSession session;
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, false));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    std::string problem;
+    bool valid = bsp->validate(&problem);
+    DepthStats depth;
+    if (valid)
+        depth = depthStats(*bsp.get());
+    struct stat st;
+    long long size = ::stat(args.file.c_str(), &st) == 0 ? (long long)st.st_size : -1;
+    char classId[32];
+    std::snprintf(classId, sizeof classId, "0x%lx", bsp->getClassID());
+    double mean = depth.leaves > 0 ? depth.sumDepth / depth.leaves : 0.0;
+
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["file"] = args.file;
+        j["class"] = "clip BSP";
+        j["classID"] = classId;
+        j["contents"] = bsp->m_contents;
+        j["mins"] = {bsp->m_mins.x, bsp->m_mins.y, bsp->m_mins.z};
+        j["maxs"] = {bsp->m_maxs.x, bsp->m_maxs.y, bsp->m_maxs.z};
+        j["nodes"] = bsp->m_numnodes;
+        j["planes"] = bsp->m_numplanes;
+        j["leaves"] =
+            valid ? nlohmann::ordered_json((unsigned long long)depth.leaves) : nlohmann::ordered_json(nullptr);
+        j["maxDepth"] = valid ? nlohmann::ordered_json(depth.maxDepth) : nlohmann::ordered_json(nullptr);
+        j["meanLeafDepth"] = valid ? nlohmann::ordered_json(mean) : nlohmann::ordered_json(nullptr);
+        j["fileSize"] = size;
+        j["valid"] = valid;
+        j["problem"] = valid ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(problem);
+        std::printf("%s\n", j.dump().c_str());
+    }
+    else
+    {
+        std::printf("file %s\n", args.file.c_str());
+        std::printf("class clip BSP (%s)\n", classId);
+        std::printf("contents %u\n", bsp->m_contents);
+        std::printf("mins %s\n", vec3(bsp->m_mins).c_str());
+        std::printf("maxs %s\n", vec3(bsp->m_maxs).c_str());
+        std::printf("nodes %u\n", bsp->m_numnodes);
+        std::printf("planes %u\n", bsp->m_numplanes);
+        if (valid)
+        {
+            std::printf("leaves %.0f\n", depth.leaves);
+            std::printf("depth max %ld, mean %s\n", depth.maxDepth, Tool::g9(mean).c_str());
+        }
+        std::printf("file size %lld bytes\n", size);
+        std::printf("valid %s\n", valid ? "yes" : ("no: " + problem).c_str());
+    }
+    if (!valid)
+        return Tool::fail(args.file, "not a usable clip BSP: " + problem);
+    return Tool::EXIT_OK;
+}
+
+int Commands::dump(const FileArgs& args)
+{
+    ModuleSession session;
+    // Validated first: the records are read as the counts say.
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    std::printf("contents %u\n", bsp->m_contents);
+    std::printf("mins %s\n", vec3(bsp->m_mins).c_str());
+    std::printf("maxs %s\n", vec3(bsp->m_maxs).c_str());
+    uint32_t planes = bsp->m_planes ? bsp->m_numplanes : 0;
+    std::printf("planes %u\n", planes);
+    for (uint32_t i = 0; i < planes; ++i)
+    {
+        const mrPlane& p = bsp->m_planes[i];
+        std::printf("%u %s %s\n", i, vec3(p.m_normal).c_str(), Tool::g9(p.m_dist).c_str());
+    }
+    uint32_t nodes = bsp->m_nodes ? bsp->m_numnodes : 0;
+    std::printf("nodes %u\n", nodes);
+    for (uint32_t i = 0; i < nodes; ++i)
+    {
+        const mrClipNode& n = bsp->m_nodes[i];
+        std::printf("%u %d %d %d\n", i, n.planeIndex, n.child[0], n.child[1]);
+    }
+    return Tool::EXIT_OK;
+}
+
+int Commands::point(const FileArgs& args)
+{
+    if (!args.numbers.empty() && args.numbers.size() != 3)
+        return Tool::usage("point takes a point as three numbers X Y Z, or none to read points from stdin");
+    float p[3];
+    std::string why;
+    if (!args.numbers.empty() && !readQuery(args.numbers, 3, p, why))
+        return Tool::usage(why);
+    ModuleSession session;
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    const mrClipBSP& clip = *bsp.get();
+    auto answer = [&clip](const float* v)
+    { std::printf("%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2]))); };
+    if (!args.numbers.empty())
+    {
+        answer(p);
+        return Tool::EXIT_OK;
+    }
+    return streamQueries(3, answer);
+}
+
+int Commands::trace(const FileArgs& args)
+{
+    if (!args.numbers.empty() && args.numbers.size() != 6)
+        return Tool::usage("trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from "
+                           "stdin");
+    float s[6];
+    std::string why;
+    if (!args.numbers.empty() && !readQuery(args.numbers, 6, s, why))
+        return Tool::usage(why);
+    ModuleSession session;
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    const mrClipBSP& clip = *bsp.get();
+    auto answer = [&clip](const float* v)
+    {
+        mrTrace t;
+        // The queries leave the plane as they find it when nothing stops the trace.
+        t.m_planeNormal = srVector3T<float>(0, 0, 0);
+        t.m_planeDist = 0;
+        int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]), srVector3T<float>(v[3], v[4], v[5]), t);
+        std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(), vec3(t.m_endPos).c_str(),
+                    t.m_startSolid, t.m_allSolid, t.m_inOpen, vec3(t.m_planeNormal).c_str(),
+                    Tool::g9(t.m_planeDist).c_str());
+    };
+    if (!args.numbers.empty())
+    {
+        answer(s);
+        return Tool::EXIT_OK;
+    }
+    return streamQueries(6, answer);
+}
+
+int Commands::slice(const SliceArgs& args)
+{
+    int axis = 0;
+    float at = 0;
+    if (!parseAxis(args.axis, axis))
+        return Tool::usage("--axis " + args.axis + ": expected x, y or z");
+    if (!Tool::parseFloat(args.at, at))
+        return Tool::usage("--at " + args.at + ": malformed number");
+    if (args.size < 1 || args.size > 8192)
+        return Tool::usage("--size " + std::to_string(args.size) + ": expected 1 to 8192 pixels");
+    AtomicFile::protectInput(args.file);
+    if (!checkOutputs({args.output}))
+        return Tool::EXIT_BAD_INPUT;
+    ModuleSession session;
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    SliceImage image;
+    std::string error;
+    if (!image.render(*bsp.get(), axis, at, args.size, error))
+        return Tool::fail(args.file, error);
+    if (!image.writePng(args.output, error))
+        return Tool::fail(error);
+    const SliceImage::Counts& c = image.counts();
+    std::printf("wrote %s: %d x %d pixels of %s = %s; %ld empty, %ld solid, %ld marked solid\n", args.output.c_str(),
+                image.width(), image.height(), args.axis.c_str(), Tool::g9(at).c_str(), c.empty, c.solid, c.marked);
+    return Tool::EXIT_OK;
+}
+
+std::string Commands::demoLevelPath()
+{
+#ifdef MERIDBSP_DEMO_LEVEL
+    if (fileExists(MERIDBSP_DEMO_LEVEL))
+        return MERIDBSP_DEMO_LEVEL;
+#endif
+    std::string installed = directoryOfExecutable() + "/../share/meridbsp/demo-level.obj";
+    if (fileExists(installed))
+        return installed;
+#ifdef MERIDBSP_INSTALLED_DEMO_LEVEL
+    if (fileExists(MERIDBSP_INSTALLED_DEMO_LEVEL))
+        return MERIDBSP_INSTALLED_DEMO_LEVEL;
+#endif
+    return std::string();
+}
+
+int Commands::demo(const DemoArgs& args)
+{
+    std::string level = demoLevelPath();
+    if (level.empty())
+        return Tool::fail("demo-level.obj", "the built-in demo level is not installed");
+    if (::mkdir(args.outDir.c_str(), 0777) != 0 && errno != EEXIST)
+        return Tool::fail(args.outDir, std::string("cannot create the directory: ") + std::strerror(errno));
+
+    VisPipeline::Options vis;
+    vis.portalFile = Tool::joinPath(args.outDir, "test.prt");
+    vis.meshFile = Tool::joinPath(args.outDir, "portals.obj");
+    std::string clipFile = Tool::joinPath(args.outDir, "level.mrc");
+    std::string pngFile = Tool::joinPath(args.outDir, "slice.png");
+    AtomicFile::protectInput(level);
+    if (!checkOutputs({vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile), clipFile, pngFile}))
+        return Tool::EXIT_BAD_INPUT;
+
+    ModuleSession session;
+    std::string error;
+    if (!session.start(error))
+        return Tool::fail(error);
+    Released<srMeshModel> mesh(readMesh(level));
+    if (!mesh.get())
+        return Tool::EXIT_BAD_INPUT;
+    std::printf("demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
+
+    double start = Tool::nowMs();
+    VisPipeline::Result result;
+    if (!VisPipeline::run(mesh.get(), vis, result, error))
+        return Tool::fail(error);
+    std::printf("\nvisibility pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
+    printVisSummary(result, vis);
+
+    start = Tool::nowMs();
+    srVector3T<float> offset;
+    srMatrix3T<float> identity;
+    Released<mrClipBSP> bsp;
+    {
+        StdoutRedirect quietStdout;
+        mrClipBSPGen generator;
+        bsp.reset(generator.importMeshModel(mesh.get(), offset, identity));
+    }
+    if (!bsp.get())
+        return Tool::fail(level, "the collision pipeline made no clip BSP");
+    if (!saveClipBSP(session, clipFile, bsp.get()))
+        return Tool::EXIT_BAD_INPUT;
+    std::printf("\ncollision pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
+    std::printf("wrote %s: %u nodes, %u planes\n", clipFile.c_str(), bsp->m_numnodes, bsp->m_numplanes);
+
+    // Halfway up the corridors: every room, both corridors and the pillar are cut.
+    start = Tool::nowMs();
+    SliceImage image;
+    const float sliceZ = 48.0f;
+    if (!image.render(*bsp.get(), 2, sliceZ, 512, error))
+        return Tool::fail(clipFile, error);
+    if (!image.writePng(pngFile, error))
+        return Tool::fail(error);
+    const SliceImage::Counts& c = image.counts();
+    std::printf("\nslice at z = %s (%s)\n", Tool::g9(sliceZ).c_str(), ms(Tool::nowMs() - start).c_str());
+    std::printf("wrote %s: %d x %d pixels; %ld empty, %ld solid, %ld marked solid\n", pngFile.c_str(), image.width(),
+                image.height(), c.empty, c.solid, c.marked);
+    return Tool::EXIT_OK;
+}

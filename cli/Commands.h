@@ -1,0 +1,63 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// The tool's commands. Each takes its parsed arguments, writes its results to standard
+// output and its errors to standard error, and returns the exit code (Tool::e_exit).
+class Commands
+{
+public:
+    struct VisArgs
+    {
+        std::string mesh;
+        bool midSplit = false;
+        std::string outDir = ".";
+        std::string meshOut; // empty: portals.obj in outDir
+        bool json = false;
+    };
+    struct ClipArgs
+    {
+        std::string mesh;
+        std::string output;
+        std::string offset; // "x,y,z"; empty: 0,0,0
+        std::string matrix; // nine comma-separated numbers; empty: identity
+    };
+    struct BoxArgs
+    {
+        std::string mins;
+        std::string maxs;
+        std::string output;
+    };
+    struct FileArgs
+    {
+        std::string file;
+        bool json = false;
+        std::vector<std::string> numbers; // point and trace: the query on the command line
+    };
+    struct SliceArgs
+    {
+        std::string file;
+        std::string axis;
+        std::string at;
+        int size = 512;
+        std::string output;
+    };
+    struct DemoArgs
+    {
+        std::string outDir = "demo-out";
+    };
+
+    static int vis(const VisArgs& args);
+    static int clip(const ClipArgs& args);
+    static int box(const BoxArgs& args);
+    static int info(const FileArgs& args);
+    static int dump(const FileArgs& args);
+    static int point(const FileArgs& args);
+    static int trace(const FileArgs& args);
+    static int slice(const SliceArgs& args);
+    static int demo(const DemoArgs& args);
+
+    // The built-in demo level: the copy in the source tree, else the installed one.
+    static std::string demoLevelPath();
+};

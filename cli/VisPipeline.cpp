@@ -1,0 +1,121 @@
+#include "VisPipeline.h"
+
+#include "MeshWriter.h"
+#include "StdoutRedirect.h"
+#include "geometry/mrBSPFace.h"
+#include "geometry/mrBSPSurface.h"
+#include "platform/dx/srMeshModel.h"
+#include "platform/geom/mrMaterial.h"
+#include "portals/mrBSPPortalizer.h"
+#include "solid/mrBSPTree.h"
+#include "solid/mrSolidBSP.h"
+#include "surfaces/mrBSPSurfaceBuilder.h"
+
+namespace
+{
+
+// The box of the vertices the triangles use (degenerate triangles included), starting
+// from the first such vertex; part of the reproducibility promise, since the outer
+// portals and so every portal coordinate follow from it.
+void meshBox(srMeshModel* mesh, srVector3T<float>& mins, srVector3T<float>& maxs)
+{
+    const srVector3i* tris = mesh->getPolyVertex();
+    const srVector3T<float>* verts = mesh->getVertexLoc();
+    bool first = true;
+    for (long i = 0; tris && verts && i < mesh->m_numpolys; ++i)
+    {
+        for (int k = 0; k < 3; ++k)
+        {
+            const srVector3T<float>& p = verts[tris[i][k]];
+            if (first)
+            {
+                mins = maxs = p;
+                first = false;
+                continue;
+            }
+            for (int a = 0; a < 3; ++a)
+            {
+                if (p[a] < mins[a])
+                    mins[a] = p[a];
+                if (p[a] > maxs[a])
+                    maxs[a] = p[a];
+            }
+        }
+    }
+    if (first)
+        mins = maxs = srVector3T<float>(0, 0, 0);
+}
+
+// The portal mesh holds the only references to the materials the portalizer made, and
+// the library never releases them; a tool that runs once can.
+void releasePortalMaterials()
+{
+    mrDynamicArray<mrMaterial*>& table = mrBSPPortalizer::m_materials;
+    for (uint32_t i = 0; i < table.size(); ++i)
+    {
+        if (table.at(i))
+        {
+            table.at(i)->release();
+            table[i] = nullptr;
+        }
+    }
+}
+
+} // namespace
+
+bool VisPipeline::run(srMeshModel* mesh, const Options& options, Result& result, std::string& error)
+{
+    StdoutRedirect quietStdout;
+
+    mrBSPSurfaceBuilder builder;
+    mrBSPSurface* surfaces = builder.buildSurfaces(mesh);
+    result.planes = (long)builder.m_numplanes;
+    result.surfaces = 0;
+    result.faces = 0;
+    // Partition selection reads every surface's bounds, which surface building leaves
+    // unset: computed for each surface in list order (part of the reproducibility promise).
+    for (mrBSPSurface* s = surfaces; s; s = s->m_next)
+    {
+        s->calcBounds();
+        ++result.surfaces;
+        for (mrBSPFace* f = s->m_faces; f; f = f->m_next)
+            ++result.faces;
+    }
+
+    mrSolidBSP generator;
+    mrBSPNode* head = generator.generate(surfaces, options.midSplit ? 1 : 0);
+    result.numSplitNodes = generator.m_numSplitNodes;
+    result.numLeafFaces = generator.m_numLeafFaces;
+    result.numNodeFaces = generator.m_numNodeFaces;
+    result.numSolidLeafs = generator.m_numSolidLeafs;
+    result.numEmptyLeafs = generator.m_numEmptyLeafs;
+    result.numLinkedFaces = generator.m_numLinkedFaces;
+
+    meshBox(mesh, head->m_mins, head->m_maxs);
+
+    bool ok = true;
+    {
+        mrBSPPortalizer portalizer;
+        portalizer.portalize(head);
+        if (!mrBSPPortalizer::writePortalfile(head, options.portalFile.c_str()))
+        {
+            error = options.portalFile + ": cannot write the portal file";
+            ok = false;
+        }
+        result.visleafs = mrBSPPortalizer::m_num_visleafs;
+        result.visportals = mrBSPPortalizer::m_num_visportals;
+        if (ok)
+        {
+            srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
+            result.meshPolys = mrBSPPortalizer::m_polycount;
+            ok = MeshWriter::write(*portalMesh, options.meshFile, error);
+            portalMesh->release();
+            releasePortalMaterials();
+        }
+        // Frees the portals and the outer portal planes, which freeAllPortals leaves.
+        portalizer.releasePortals(head);
+    }
+    mrBSPTree::release(head);
+    builder.releasePlanes();
+    return ok;
+}

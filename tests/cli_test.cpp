@@ -1,0 +1,715 @@
+// The meridbsp tool, driven as a user drives it: the built binary, its standard output,
+// standard error and exit code.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <assimp/scene.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "mrVersion.h"
+#include "platform/core/mrIOManager.h"
+#include "support/TestSupport.h"
+
+namespace
+{
+
+const std::string BINARY = MERIDBSP_BINARY_DIR "/meridbsp";
+const std::string DEMO_LEVEL = MERIDBSP_SOURCE_DIR "/data/demo-level.obj";
+
+struct Outcome
+{
+    int code;
+    std::string out;
+    std::string err;
+};
+
+// Runs the tool in `dir` with `args` (shell words), feeding `input` on stdin.
+Outcome run(const mtest::TempDir& dir, const std::string& args, const std::string& input = std::string())
+{
+    std::string in = dir.file(".stdin"), out = dir.file(".stdout"), err = dir.file(".stderr");
+    std::ofstream(in, std::ios::binary) << input;
+    std::string command =
+        "cd '" + dir.path() + "' && '" + BINARY + "' " + args + " <'" + in + "' >'" + out + "' 2>'" + err + "'";
+    int status = std::system(command.c_str());
+    Outcome r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = mtest::readFile(out);
+    r.err = mtest::readFile(err);
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+    std::remove(err.c_str());
+    return r;
+}
+
+void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> listDirectory(const std::string& path)
+{
+    std::vector<std::string> names;
+    if (DIR* d = ::opendir(path.c_str()))
+    {
+        while (dirent* e = ::readdir(d))
+            names.push_back(e->d_name);
+        ::closedir(d);
+    }
+    return names;
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
+// A closed box room from (0,0,0) to (64,64,64) whose twelve triangles face inwards.
+const char* ROOM_OBJ = "v 0 0 0\nv 64 0 0\nv 64 64 0\nv 0 64 0\n"
+                       "v 0 0 64\nv 64 0 64\nv 64 64 64\nv 0 64 64\n"
+                       "f 1 2 3\nf 1 3 4\nf 5 7 6\nf 5 8 7\nf 1 5 6\nf 1 6 2\n"
+                       "f 4 3 7\nf 4 7 8\nf 1 4 8\nf 1 8 5\nf 2 6 7\nf 2 7 3\n";
+
+const std::vector<std::string> VIS_KEYS = {"planes",
+                                           "surfaces",
+                                           "faces",
+                                           "numSplitNodes",
+                                           "numLeafFaces",
+                                           "numNodeFaces",
+                                           "numSolidLeafs",
+                                           "numEmptyLeafs",
+                                           "numLinkedFaces",
+                                           "visleafs",
+                                           "visportals",
+                                           "meshPolys",
+                                           "ms"};
+
+// The keys of a one-line JSON object, in order (the tool writes flat objects of
+// numbers and strings, so a light reading is enough here).
+std::vector<std::string> jsonKeys(const std::string& json)
+{
+    std::vector<std::string> keys;
+    int depth = 0;
+    bool inString = false;
+    std::string current;
+    bool expectKey = false;
+    for (size_t i = 0; i < json.size(); ++i)
+    {
+        char c = json[i];
+        if (inString)
+        {
+            if (c == '"')
+            {
+                inString = false;
+                if (expectKey && depth == 1)
+                    keys.push_back(current);
+            }
+            else
+                current += c;
+            continue;
+        }
+        if (c == '"')
+        {
+            inString = true;
+            current.clear();
+        }
+        else if (c == '{' || c == '[')
+        {
+            ++depth;
+            expectKey = c == '{';
+        }
+        else if (c == '}' || c == ']')
+            --depth;
+        else if (c == ',')
+            expectKey = depth == 1;
+        else if (c == ':')
+            expectKey = false;
+    }
+    return keys;
+}
+
+long jsonNumber(const std::string& json, const std::string& key)
+{
+    std::string::size_type at = json.find("\"" + key + "\":");
+    if (at == std::string::npos)
+        return -1;
+    return std::strtol(json.c_str() + at + key.size() + 3, nullptr, 10);
+}
+
+// Faces of a mesh file as the importer reads it without triangulating. The importer is
+// reached at run time so that this test needs no link dependency of its own.
+long importedFaceCount(const std::string& path)
+{
+    void* lib = ::dlopen("libassimp.so.5", RTLD_NOW | RTLD_LOCAL);
+    if (!lib)
+        return -1;
+    typedef const aiScene* (*ImportFn)(const char*, unsigned int);
+    typedef void (*ReleaseFn)(const aiScene*);
+    ImportFn import = reinterpret_cast<ImportFn>(::dlsym(lib, "aiImportFile"));
+    ReleaseFn release = reinterpret_cast<ReleaseFn>(::dlsym(lib, "aiReleaseImport"));
+    long faces = -2;
+    if (import && release)
+    {
+        if (const aiScene* scene = import(path.c_str(), 0))
+        {
+            faces = 0;
+            for (unsigned m = 0; m < scene->mNumMeshes; ++m)
+                faces += scene->mMeshes[m]->mNumFaces;
+            release(scene);
+        }
+    }
+    ::dlclose(lib);
+    return faces;
+}
+
+class CliTest : public ::testing::Test
+{
+protected:
+    mtest::TempDir dir;
+
+    void SetUp() override
+    {
+        if (!exists(BINARY))
+            GTEST_SKIP() << BINARY << " is not built (configure with MERIDBSP_BUILD_CLI=ON)";
+    }
+
+    std::string makeBox()
+    {
+        Outcome r = run(dir, "box -16,-16,-16 16,16,16 -o box.mrc");
+        EXPECT_EQ(r.code, 0) << r.err;
+        return dir.file("box.mrc");
+    }
+};
+
+// ---- Command line ----------------------------------------------------------------
+
+TEST_F(CliTest, VersionPrintsTheLibraryVersion)
+{
+    Outcome r = run(dir, "--version");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.out, std::string("meridbsp ") + meridbspVersion() + "\n");
+}
+
+TEST_F(CliTest, UsageErrorsExitWithTwo)
+{
+    const char* cases[] = {"",                                 // no command
+                           "frobnicate",                       // unknown command
+                           "box 1,2,3 -o x.mrc",               // missing corner
+                           "point box.mrc 1 2",                // two coordinates
+                           "point box.mrc 1 2 3 4",            // four coordinates
+                           "trace box.mrc 1 2 3",              // half a segment
+                           "vis",                              // no mesh
+                           "slice box.mrc --axis z -o a.png"}; // no --at
+    for (const char* args : cases)
+    {
+        Outcome r = run(dir, args);
+        EXPECT_EQ(r.code, 2) << args;
+        EXPECT_EQ(r.err.rfind("meridbsp: error: ", 0), 0u) << args << ": " << r.err;
+        EXPECT_EQ(r.out, "") << args;
+    }
+}
+
+TEST_F(CliTest, MalformedNumbersAreUsageErrors)
+{
+    makeBox();
+    struct Case
+    {
+        const char* args;
+        const char* message;
+    } cases[] = {
+        {"point box.mrc 1 abc 3", "malformed number 'abc'"},
+        {"point box.mrc 1 2 nan", "malformed number 'nan'"},
+        {"trace box.mrc 0 0 0 1e39 0 0", "malformed number '1e39'"},
+        {"box 1,2 3,4,5 -o b.mrc", "expected the minimum corner as MINX,MINY,MINZ"},
+        {"box 1,2,3 3,4,5x -o b.mrc", "expected the maximum corner as MAXX,MAXY,MAXZ"},
+        {"clip room.obj -o c.mrc --offset 1,2", "expected three comma-separated numbers X,Y,Z"},
+        {"clip room.obj -o c.mrc --matrix 1,0,0,0,1,0,0,0", "expected nine comma-separated numbers"},
+        {"slice box.mrc --axis w --at 0 -o a.png", "--axis w: expected x, y or z"},
+        {"slice box.mrc --axis z --at 1..2 -o a.png", "--at 1..2: malformed number"},
+        {"slice box.mrc --axis z --at 0 --size 0 -o a.png", "--size 0: expected 1 to 8192 pixels"},
+        {"vis room.obj --mesh-out p.xyz", "unsupported mesh format"},
+    };
+    for (const Case& c : cases)
+    {
+        Outcome r = run(dir, c.args);
+        EXPECT_EQ(r.code, 2) << c.args;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << ": " << r.err;
+    }
+    EXPECT_FALSE(exists(dir.file("b.mrc")));
+    EXPECT_FALSE(exists(dir.file("a.png")));
+}
+
+TEST_F(CliTest, MissingFilesAreBadInput)
+{
+    Outcome r = run(dir, "info nothing.mrc");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: nothing.mrc: cannot open: No such file or directory"), std::string::npos)
+        << r.err;
+    r = run(dir, "vis nothing.obj");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: nothing.obj: cannot open: No such file or directory"), std::string::npos)
+        << r.err;
+    r = run(dir, "point nothing.mrc 0 0 0");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, "");
+}
+
+// ---- Clip BSP files: box, dump, info --------------------------------------------------
+
+TEST_F(CliTest, DumpOfABoxListsEveryPlaneAndNode)
+{
+    makeBox();
+    Outcome r = run(dir, "dump box.mrc");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "contents 1\n"
+                     "mins -32 -32 -32\n"
+                     "maxs 32 32 32\n"
+                     "planes 6\n"
+                     "0 1 0 0 16\n1 -1 0 0 16\n2 0 1 0 16\n3 0 -1 0 16\n4 0 0 1 16\n5 0 0 -1 16\n"
+                     "nodes 6\n"
+                     "0 0 -1 1\n1 1 -1 2\n2 2 -1 3\n3 3 -1 4\n4 4 -1 5\n5 5 -1 -2\n");
+}
+
+TEST_F(CliTest, InfoReportsCountsDepthsAndValidity)
+{
+    makeBox();
+    Outcome r = run(dir, "info box.mrc");
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::vector<std::string> l = lines(r.out);
+    std::vector<std::string> expected = {"file box.mrc",
+                                         "class clip BSP (0x60000)",
+                                         "contents 1",
+                                         "mins -32 -32 -32",
+                                         "maxs 32 32 32",
+                                         "nodes 6",
+                                         "planes 6",
+                                         "leaves 7",
+                                         "depth max 6, mean 3.85714286"};
+    ASSERT_GE(l.size(), expected.size() + 2);
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_EQ(l[i], expected[i]);
+    EXPECT_EQ(l.back(), "valid yes");
+
+    r = run(dir, "info --json box.mrc");
+    EXPECT_EQ(r.code, 0);
+    ASSERT_EQ(lines(r.out).size(), 1u);
+    EXPECT_EQ(jsonKeys(r.out),
+              (std::vector<std::string>{"file", "class", "classID", "contents", "mins", "maxs", "nodes", "planes",
+                                        "leaves", "maxDepth", "meanLeafDepth", "fileSize", "valid", "problem"}));
+    EXPECT_EQ(jsonNumber(r.out, "maxDepth"), 6);
+    EXPECT_NE(r.out.find("\"valid\":true"), std::string::npos);
+}
+
+TEST_F(CliTest, FilesThatAreNotClipBSPsAreRefused)
+{
+    writeFile(dir.file("room.obj"), ROOM_OBJ);
+    Outcome r = run(dir, "info room.obj");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: room.obj: "), std::string::npos) << r.err;
+
+    // A truncated clip BSP file: every command that reads it fails cleanly.
+    std::string bytes = mtest::readFile(makeBox());
+    writeFile(dir.file("cut.mrc"), bytes.substr(0, bytes.size() / 2));
+    for (const char* args : {"info cut.mrc", "dump cut.mrc", "point cut.mrc 0 0 0", "trace cut.mrc 0 0 0 1 1 1"})
+    {
+        r = run(dir, args);
+        EXPECT_EQ(r.code, 1) << args;
+        EXPECT_EQ(r.err.find("meridbsp: error: cut.mrc: "), r.err.find("meridbsp: error: ")) << args << r.err;
+        EXPECT_EQ(r.out, "") << args;
+    }
+}
+
+TEST_F(CliTest, HostileClipBSPFilesAreRefused)
+{
+    // A node whose back child is itself: a query would never end.
+    std::string bytes = mtest::readFile(makeBox());
+    const char node0[12] = {0, 0, 0, 0, '\xff', '\xff', '\xff', '\xff', 1, 0, 0, 0};
+    std::string::size_type at = bytes.find(std::string(node0, 12));
+    ASSERT_NE(at, std::string::npos);
+    bytes[at + 8] = 0;
+    writeFile(dir.file("cycle.mrc"), bytes);
+    for (const char* args : {"info cycle.mrc", "point cycle.mrc 0 0 0", "slice cycle.mrc --axis z --at 0 -o c.png"})
+    {
+        Outcome r = run(dir, args);
+        EXPECT_EQ(r.code, 1) << args;
+        EXPECT_NE(r.err.find("meridbsp: error: cycle.mrc: "), std::string::npos) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_FALSE(exists(dir.file("c.png")));
+
+    // A well-formed chunk file that holds nothing.
+    mrIOManager manager;
+    std::string error;
+    ASSERT_TRUE(manager.saveFile(dir.file("none.mrc"), {}, &error)) << error;
+    Outcome r = run(dir, "dump none.mrc");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: none.mrc: the file holds no objects"), std::string::npos) << r.err;
+}
+
+// ---- Queries ------------------------------------------------------------------------
+
+TEST_F(CliTest, PointAnswersOneOrManyPoints)
+{
+    makeBox();
+    Outcome r = run(dir, "point box.mrc 0 0 0");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "-2\n");
+    r = run(dir, "point box.mrc 16.5 0 -.5");
+    EXPECT_EQ(r.out, "-1\n");
+
+    // Blank lines are skipped, the last line needs no newline; a point on a face is
+    // in front of it, so in empty space.
+    r = run(dir, "point box.mrc", "0 0 0\n20 0 0\n\n  -15.9\t0 0  \n16 16 16\n15.999 0 0");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "-2\n-1\n-2\n-1\n-2\n");
+}
+
+TEST_F(CliTest, BatchStopsAtTheFirstBadLine)
+{
+    makeBox();
+    Outcome r = run(dir, "point box.mrc", "0 0 0\n1 2\n20 0 0\n");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, "-2\n");
+    EXPECT_NE(r.err.find("meridbsp: error: stdin line 2: expected 3 numbers, found 2"), std::string::npos) << r.err;
+    r = run(dir, "trace box.mrc", "0 0 0 1 1 x\n");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: stdin line 1: malformed number 'x'"), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, BatchAnswersEveryLine)
+{
+    makeBox();
+    std::string input;
+    for (int i = 0; i < 20000; ++i)
+        input += std::to_string(i % 40 - 20) + " 0 0\n";
+    Outcome r = run(dir, "point box.mrc", input);
+    EXPECT_EQ(r.code, 0);
+    std::vector<std::string> l = lines(r.out);
+    ASSERT_EQ(l.size(), 20000u);
+    EXPECT_EQ(l[0], "-1");  // x = -20
+    EXPECT_EQ(l[20], "-2"); // x = 0
+}
+
+TEST_F(CliTest, TraceReportsTheWholeRecord)
+{
+    makeBox();
+    // Stopped by the box's -x face, just short of it.
+    Outcome r = run(dir, "trace box.mrc -32 0 0 0 0 0");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "0 0.498992175 -16.0322495 0 0 0 0 1 -1 0 0 16\n");
+
+    r = run(dir, "trace box.mrc", "-32 0 0 -20 0 0\n0 0 0 32 0 0\n");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "1 1 -20 0 0 0 0 1 0 0 0 0\n"  // clear
+                     "0 1 32 0 0 1 1 0 0 0 0 0\n"); // starts in solid
+}
+
+// ---- Collision pipeline ---------------------------------------------------------------
+
+TEST_F(CliTest, ClipBuildsAQueryableFileWithOffsetAndMatrix)
+{
+    writeFile(dir.file("room.obj"), ROOM_OBJ);
+    Outcome r = run(dir, "clip room.obj -o room.mrc");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("wrote room.mrc: "), std::string::npos);
+    EXPECT_EQ(run(dir, "point room.mrc", "32 32 32\n100 32 32\n").out, "-1\n-2\n");
+    EXPECT_NE(run(dir, "info room.mrc").out.find("mins -1 -1 -1\nmaxs 65 65 65\n"), std::string::npos);
+
+    // The matrix (x -> y, y -> -x) first, then the offset.
+    r = run(dir, "clip room.obj -o moved.mrc --matrix 0,1,0,-1,0,0,0,0,1 --offset 1000,0,0");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(run(dir, "info moved.mrc").out.find("mins 935 -1 -1\nmaxs 1001 65 65\n"), std::string::npos);
+    EXPECT_EQ(run(dir, "point moved.mrc", "968 32 32\n32 32 32\n").out, "-1\n-2\n");
+}
+
+TEST_F(CliTest, TextureNamesMarkTheSpecialSolid)
+{
+    // One triangle facing +z: below it is solid, of the kind its texture name gives.
+    // The name is the diffuse texture's file name without directories, else the
+    // material's own name.
+    writeFile(dir.file("m.mtl"), "newmtl textured\nmap_Kd textures/NERDSTRP.TGA\n"
+                                 "newmtl Q47ROADOT.TGA\nKd 1 0 0\n"
+                                 "newmtl stone\nKd 0.5 0.5 0.5\n");
+    struct Case
+    {
+        const char* material;
+        const char* below;
+    } cases[] = {{"textured", "-3\n"}, {"Q47ROADOT.TGA", "-3\n"}, {"stone", "-2\n"}};
+    for (const Case& c : cases)
+    {
+        writeFile(dir.file("tri.obj"),
+                  std::string("mtllib m.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nusemtl ") + c.material + "\nf 1 2 3\n");
+        Outcome r = run(dir, "clip tri.obj -o tri.mrc");
+        ASSERT_EQ(r.code, 0) << r.err;
+        EXPECT_EQ(run(dir, "point tri.mrc", "0.2 0.2 -1\n0.2 0.2 1\n").out, std::string(c.below) + "-1\n")
+            << c.material;
+    }
+}
+
+TEST_F(CliTest, SliceDrawsTheCrossSection)
+{
+    makeBox();
+    Outcome r = run(dir, "slice box.mrc --axis z --at 0 --size 64 -o cut.png");
+    EXPECT_EQ(r.code, 0) << r.err;
+    // Bounds -32..32 at one pixel per unit: the box (-16..16) is the middle 32 x 32.
+    EXPECT_EQ(r.out, "wrote cut.png: 64 x 64 pixels of z = 0; 3072 empty, 1024 solid, 0 marked solid\n");
+    std::string png = mtest::readFile(dir.file("cut.png"));
+    ASSERT_GT(png.size(), 24u);
+    EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
+
+    r = run(dir, "slice box.mrc --axis x --at 100 --size 10 -o far.png");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("10 x 10 pixels of x = 100; 100 empty, 0 solid"), std::string::npos);
+}
+
+// ---- Visibility pipeline ----------------------------------------------------------------
+
+TEST_F(CliTest, VisJsonIsTheOnlyOutput)
+{
+    Outcome r = run(dir, "vis '" + DEMO_LEVEL + "' --json --out .");
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::vector<std::string> l = lines(r.out);
+    ASSERT_EQ(l.size(), 1u) << r.out;
+    EXPECT_EQ(jsonKeys(l[0]), VIS_KEYS);
+    EXPECT_EQ(jsonNumber(l[0], "faces"), 84);
+    // The library's own lines, the portal writer's included, went to stderr.
+    EXPECT_NE(r.err.find("writing test.prt"), std::string::npos) << r.err;
+
+    std::string prt = mtest::readFile(dir.file("test.prt"));
+    std::vector<std::string> p = lines(prt);
+    ASSERT_GE(p.size(), 3u);
+    EXPECT_EQ(p[0], "PRT");
+    EXPECT_EQ(std::stol(p[1]), jsonNumber(l[0], "visleafs"));
+    EXPECT_EQ(std::stol(p[2]), jsonNumber(l[0], "visportals"));
+    EXPECT_EQ((long)p.size() - 3, jsonNumber(l[0], "visportals"));
+
+    // Whole polygons: read back without triangulation, one face per reported polygon.
+    long polys = jsonNumber(l[0], "meshPolys");
+    EXPECT_GT(polys, 0);
+    long faces = importedFaceCount(dir.file("portals.obj"));
+    if (faces == -1)
+        GTEST_SKIP() << "the mesh importer library is not available to re-read the portal mesh";
+    EXPECT_EQ(faces, polys);
+    EXPECT_TRUE(exists(dir.file("portals.mtl")));
+}
+
+TEST_F(CliTest, VisIsDeterministicInBothModes)
+{
+    for (const char* mode : {"", "--mid-split"})
+    {
+        ASSERT_EQ(::mkdir(dir.file("a").c_str(), 0777) == 0 || exists(dir.file("a")), true);
+        ASSERT_EQ(::mkdir(dir.file("b").c_str(), 0777) == 0 || exists(dir.file("b")), true);
+        Outcome a = run(dir, "vis '" + DEMO_LEVEL + "' " + mode + " --out a");
+        Outcome b = run(dir, "vis '" + DEMO_LEVEL + "' " + mode + " --out b --mesh-out b/p.ply");
+        ASSERT_EQ(a.code, 0) << a.err;
+        ASSERT_EQ(b.code, 0) << b.err;
+        EXPECT_NE(a.out.find("wrote a/test.prt"), std::string::npos) << a.out;
+        EXPECT_EQ(mtest::readFile(dir.file("a/test.prt")), mtest::readFile(dir.file("b/test.prt"))) << mode;
+        EXPECT_EQ(importedFaceCount(dir.file("b/p.ply")), importedFaceCount(dir.file("a/portals.obj")));
+    }
+}
+
+TEST_F(CliTest, DegenerateTrianglesAreKept)
+{
+    // The room plus a triangle whose corners lie on one line.
+    writeFile(dir.file("room.obj"), std::string(ROOM_OBJ) + "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 9 10 11\n");
+    Outcome r = run(dir, "vis room.obj --json --mesh-out room.glb");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(jsonNumber(r.out, "faces"), 13);
+    EXPECT_TRUE(exists(dir.file("room.glb")));
+}
+
+// ---- Hostile meshes --------------------------------------------------------------------
+
+TEST_F(CliTest, BrokenMeshesAreRejectedWithTheReason)
+{
+    struct Case
+    {
+        const char* name;
+        std::string text;
+        const char* message;
+    } cases[] = {
+        {"nan.obj", "v 0 0 0\nv nan 0 0\nv 0 1 0\nf 1 2 3\n", "mesh 0 vertex 1 has a non-finite coordinate"},
+        {"inf.obj", "v 0 0 0\nv 1 0 0\nv 0 1e39 0\nf 1 2 3\n", "mesh 0 vertex 2 has a non-finite coordinate"},
+        {"index.ply",
+         "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
+         "element face 1\nproperty list uchar int vertex_indices\nend_header\n0 0 0\n1 0 0\n0 1 0\n3 0 1 9\n",
+         "mesh 0 face 0 refers to vertex 9, but the mesh has only 3 vertices"},
+        {"index.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 7\n", "vertex index out of range"},
+        {"empty.obj", "", "the file is empty"},
+        {"points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nv 5 5 5\nv 6 6 6\n", "the file holds no triangles"},
+        {"noise.bin", std::string("\x01\x02garbage\xff\xfe", 11), "cannot read the mesh"},
+    };
+    for (const Case& c : cases)
+    {
+        writeFile(dir.file(c.name), c.text);
+        for (const std::string& args : {std::string("vis ") + c.name, std::string("clip ") + c.name + " -o out.mrc"})
+        {
+            Outcome r = run(dir, args);
+            EXPECT_EQ(r.code, 1) << args;
+            EXPECT_NE(r.err.find(std::string("meridbsp: error: ") + c.name + ": "), std::string::npos) << r.err;
+            EXPECT_NE(r.err.find(c.message), std::string::npos) << args << ": " << r.err;
+        }
+    }
+    Outcome r = run(dir, "vis .");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: .: is a directory, not a mesh file"), std::string::npos);
+    EXPECT_FALSE(exists(dir.file("out.mrc")));
+    EXPECT_FALSE(exists(dir.file("test.prt")));
+}
+
+// ---- Outputs are whole or absent --------------------------------------------------------
+
+TEST_F(CliTest, OutputIntoAMissingDirectoryWritesNothing)
+{
+    writeFile(dir.file("room.obj"), ROOM_OBJ);
+    Outcome r = run(dir, "vis room.obj --out missing");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: missing/test.prt: cannot write into directory missing: No such file or "
+                         "directory"),
+              std::string::npos)
+        << r.err;
+    r = run(dir, "clip room.obj -o missing/room.mrc");
+    EXPECT_EQ(r.code, 1);
+    r = run(dir, "box 0,0,0 1,1,1 -o missing/box.mrc");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_FALSE(exists(dir.file("missing")));
+    EXPECT_FALSE(exists(dir.file("test.prt")));
+    EXPECT_FALSE(exists(dir.file("portals.obj")));
+}
+
+TEST_F(CliTest, OutputsThatCannotBeMadeAreBadInput)
+{
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0777), 0);
+    Outcome r = run(dir, "box 0,0,0 1,1,1 -o sub");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: sub: is a directory, not a file name"), std::string::npos) << r.err;
+
+    r = run(dir, "demo --out missing/deeper");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: missing/deeper: cannot create the directory: No such file or directory"),
+              std::string::npos)
+        << r.err;
+
+    // A box given upside down has bounds that enclose nothing to draw.
+    ASSERT_EQ(run(dir, "box 1,1,1 -100,-100,-100 -o flat.mrc").code, 0);
+    r = run(dir, "slice flat.mrc --axis z --at 0 -o flat.png");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: flat.mrc: the clip BSP's bounds span no area on this slice"),
+              std::string::npos)
+        << r.err;
+    EXPECT_FALSE(exists(dir.file("flat.png")));
+}
+
+TEST_F(CliTest, AFailedRunLeavesEarlierOutputsAlone)
+{
+    writeFile(dir.file("room.obj"), ROOM_OBJ);
+    writeFile(dir.file("bad.obj"), "v 0 0 0\nv nan 0 0\nv 0 1 0\nf 1 2 3\n");
+    ASSERT_EQ(run(dir, "vis room.obj").code, 0);
+    ASSERT_EQ(run(dir, "clip room.obj -o room.mrc").code, 0);
+    std::string prt = mtest::readFile(dir.file("test.prt"));
+    std::string obj = mtest::readFile(dir.file("portals.obj"));
+    std::string mrc = mtest::readFile(dir.file("room.mrc"));
+
+    EXPECT_EQ(run(dir, "vis bad.obj").code, 1);
+    EXPECT_EQ(run(dir, "clip bad.obj -o room.mrc").code, 1);
+    EXPECT_EQ(mtest::readFile(dir.file("test.prt")), prt);
+    EXPECT_EQ(mtest::readFile(dir.file("portals.obj")), obj);
+    EXPECT_EQ(mtest::readFile(dir.file("room.mrc")), mrc);
+
+    // No temporary file is left behind either.
+    std::vector<std::string> names = listDirectory(dir.path());
+    for (const std::string& name : names)
+        EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
+}
+
+TEST_F(CliTest, TheInputIsNeverOverwritten)
+{
+    writeFile(dir.file("room.obj"), ROOM_OBJ);
+    makeBox();
+    std::string box = mtest::readFile(dir.file("box.mrc"));
+    struct Case
+    {
+        const char* args;
+        const char* target;
+    } cases[] = {
+        {"clip room.obj -o room.obj", "room.obj"},
+        {"clip room.obj -o ./room.obj", "./room.obj"},
+        {"vis room.obj --mesh-out room.obj", "room.obj"},
+        {"slice box.mrc --axis z --at 0 -o box.mrc", "box.mrc"},
+    };
+    for (const Case& c : cases)
+    {
+        Outcome r = run(dir, c.args);
+        EXPECT_EQ(r.code, 1) << c.args;
+        EXPECT_NE(r.err.find(std::string("meridbsp: error: ") + c.target + ": refusing to overwrite the input file"),
+                  std::string::npos)
+            << r.err;
+    }
+    EXPECT_EQ(mtest::readFile(dir.file("room.obj")), ROOM_OBJ);
+    EXPECT_EQ(mtest::readFile(dir.file("box.mrc")), box);
+}
+
+// ---- Demo ---------------------------------------------------------------------------------
+
+TEST_F(CliTest, DemoWritesItsFourOutputs)
+{
+    Outcome r = run(dir, "demo --out out");
+    EXPECT_EQ(r.code, 0) << r.err;
+    for (const char* name : {"test.prt", "portals.obj", "level.mrc", "slice.png"})
+    {
+        EXPECT_TRUE(exists(dir.file(std::string("out/") + name))) << name;
+        EXPECT_NE(r.out.find(std::string("wrote out/") + name), std::string::npos) << name << "\n" << r.out;
+    }
+    EXPECT_NE(r.out.find("and out/portals.mtl"), std::string::npos);
+    EXPECT_TRUE(exists(dir.file("out/portals.mtl")));
+    EXPECT_NE(r.out.find("84 triangles"), std::string::npos) << r.out;
+
+    // Rooms and corridors are open, the pillar is solid of the marked kind (its material
+    // says so), the rock between the rooms plain solid.
+    EXPECT_EQ(run(dir, "point out/level.mrc", "128 128 48\n600 0 48\n128 512 48\n320 128 48\n128 320 48\n").out,
+              "-1\n-1\n-1\n-1\n-1\n");
+    EXPECT_EQ(run(dir, "point out/level.mrc 512 128 48").out, "-3\n");
+    EXPECT_EQ(run(dir, "point out/level.mrc 320 320 48").out, "-2\n");
+
+    // Every open leaf is reachable from every other through the portals of the file.
+    std::vector<std::string> prt = lines(mtest::readFile(dir.file("out/test.prt")));
+    ASSERT_GE(prt.size(), 3u);
+    int leaves = std::stoi(prt[1]);
+    ASSERT_GT(leaves, 1);
+    std::vector<int> group(leaves);
+    for (int i = 0; i < leaves; ++i)
+        group[i] = i;
+    auto find = [&group](int i)
+    {
+        while (group[i] != i)
+            i = group[i] = group[group[i]];
+        return i;
+    };
+    for (size_t i = 3; i < prt.size(); ++i)
+    {
+        int points = 0, a = -1, b = -1;
+        ASSERT_EQ(std::sscanf(prt[i].c_str(), "%d %d %d", &points, &a, &b), 3) << prt[i];
+        ASSERT_TRUE(a >= 0 && a < leaves && b >= 0 && b < leaves) << prt[i];
+        group[find(a)] = find(b);
+    }
+    for (int i = 1; i < leaves; ++i)
+        EXPECT_EQ(find(i), find(0)) << "leaf " << i << " is cut off";
+}
+
+} // namespace
