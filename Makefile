@@ -16,7 +16,7 @@ build: deps
 	@cmake --build $(BUILD) -j $(JOBS)
 
 demo: build
-	@if [ -x $(BUILD)/meridbsp ]; then $(BUILD)/meridbsp demo --out demo-out; else $(BUILD)/meridbsp_example; fi
+	@$(BUILD)/meridbsp demo --out demo-out
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
