@@ -1,0 +1,76 @@
+#pragma once
+
+#include <vector>
+
+#include "clipgen/mrBSPGenNode.h"
+#include "clipgen/mrFace.h"
+#include "platform/dx/srMatrix3T.h"
+#include "platform/dx/srVector3T.h"
+#include "platform/dx/srVector4T.h"
+#include "platform/geom/mrPlane.h"
+
+class mrClipBSP;
+class srMeshModel;
+class srTexture;
+
+// Turns a triangle mesh into a clip BSP. One generator serves one import: construct it,
+// call importMeshModel once, keep the returned clip BSP and destroy the generator.
+class mrClipBSPGen
+{
+public:
+    mrClipBSPGen();
+    virtual ~mrClipBSPGen();
+
+    mrClipBSPGen(const mrClipBSPGen&) = delete;
+    mrClipBSPGen& operator=(const mrClipBSPGen&) = delete;
+
+    // Solid contents of a leaf bounded by a face with this texture: -3 for the two
+    // marked texture names, -2 otherwise (and for no texture).
+    int findContents(srTexture* texture);
+    // Hook called on every face made; does nothing.
+    void checkFace(mrFace* face);
+
+    // Copies and moves the mesh (matrix first, then offset), builds the tree and returns
+    // a new clip BSP owned by the caller; null for a null model.
+    mrClipBSP* importMeshModel(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix);
+
+    // Fills `node` and its subtree from the faces of `faces`.
+    void partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* node);
+    // The splitter of a list, or null when no face may still be one.
+    mrFace* selectPartition(std::vector<mrFace*>& faces);
+    // The candidate whose plane passes nearest the middle of the bounds.
+    mrFace* chooseMidPlaneFromList(std::vector<mrFace*>& faces, srVector3T<float>& mins, srVector3T<float>& maxs);
+    // Children get no bounds; does nothing.
+    void divideNodeBounds(mrBSPGenNode* node, srVector4T<float>& plane);
+    // Sends the face whole to one side, or cuts it into two new pieces (the face is then
+    // released). A side that gets nothing is set to null.
+    void splitFace(mrFace* face, srVector4T<float>& plane, mrFace** front, mrFace** back);
+
+    // Flattens the tree into a new clip BSP (planes copied, nodes numbered as in m_nodes).
+    mrClipBSP* convertToClipBSP();
+
+    // Plane i is the plane of triangle i; owned.
+    int m_numplanes;
+    mrPlane* m_planes;
+    // Faces of the import, in triangle order (not owned; may dangle after cuts).
+    std::vector<mrFace*> m_faces;
+    // Interior nodes in pre-order: the node numbering of the clip BSP.
+    std::vector<mrBSPGenNode*> m_nodes;
+    // Every live face; owns them.
+    std::vector<mrFace*> m_allfaces;
+    // Statistics of the last partitioning.
+    int m_numnodes;
+    int m_numleaffaces;
+    int m_numsolidleafs;
+    int m_numemptyleafs;
+
+private:
+    // The recursion proper. `consume` frees the list once it has been divided, so a deep
+    // chain does not keep every level's list alive at once (the caller's own list, the
+    // root's, is kept).
+    void partition_r(std::vector<mrFace*>& faces, mrBSPGenNode* node, bool consume);
+    mrBSPGenNode* newNode();
+
+    // Every node this generator made (interior, leaves and root), for release.
+    std::vector<mrBSPGenNode*> m_madeNodes;
+};

@@ -1,0 +1,849 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "clip/mrClipBSP.h"
+#include "clipgen/mrClipBSPGen.h"
+#include "platform/dx/srMeshModel.h"
+#include "platform/dx/srTexture.h"
+#include "support/TestSupport.h"
+
+namespace
+{
+typedef srVector3T<float> V;
+typedef srVector4T<float> V4;
+const double kPi = 3.14159265358979323846;
+
+struct ReleaseBSP
+{
+    void operator()(mrClipBSP* bsp) const
+    {
+        if (bsp)
+            bsp->release();
+    }
+};
+typedef std::unique_ptr<mrClipBSP, ReleaseBSP> BSPPtr;
+
+BSPPtr import(mrClipBSPGen& gen, srMeshModel& mesh, V offset = V(0, 0, 0), srMatrix3T<float> matrix = {})
+{
+    return BSPPtr(gen.importMeshModel(&mesh, offset, matrix));
+}
+
+void addTri(srMeshModel& mesh, V a, V b, V c)
+{
+    long i = mesh.addVertex(a);
+    mesh.addVertex(b);
+    mesh.addVertex(c);
+    mesh.addPolygon((int)i, (int)i + 1, (int)i + 2);
+}
+
+// Holds one reference to a named texture for the test's lifetime.
+struct Tex
+{
+    explicit Tex(const char* name) : p(new srTexture(name)) {}
+    ~Tex() { p->release(); }
+    srTexture* p;
+};
+
+// A face owned by the generator (it releases every face in m_allfaces).
+mrFace* addFace(mrClipBSPGen& gen, std::vector<V> pts, V4 plane)
+{
+    mrFace* f = new mrFace();
+    f->m_numpoints = (int)pts.size();
+    for (size_t i = 0; i < pts.size(); ++i)
+        f->m_points[i] = pts[i];
+    f->m_plane = plane;
+    gen.m_allfaces.push_back(f);
+    return f;
+}
+
+bool same(const V& a, const V& b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+bool hasPoint(const mrFace* f, const V& p)
+{
+    for (int i = 0; i < f->m_numpoints; ++i)
+        if (same(f->m_points[i], p))
+            return true;
+    return false;
+}
+
+// ---- brute-force reference for closed meshes, in double ----
+
+struct D3
+{
+    double x, y, z;
+};
+D3 d3(const V& v) { return {v.x, v.y, v.z}; }
+D3 operator-(D3 a, D3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+D3 operator+(D3 a, D3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+D3 operator*(D3 a, double s) { return {a.x * s, a.y * s, a.z * s}; }
+double dot(D3 a, D3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+D3 cross(D3 a, D3 b) { return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
+double len(D3 a) { return std::sqrt(dot(a, a)); }
+
+struct Poly
+{
+    std::vector<D3> a, b, c;
+
+    explicit Poly(srMeshModel& m)
+    {
+        const srVector3i* t = m.getPolyVertex();
+        const V* v = m.getVertexLoc();
+        for (long i = 0; i < m.m_numpolys; ++i)
+        {
+            a.push_back(d3(v[t[i].x]));
+            b.push_back(d3(v[t[i].y]));
+            c.push_back(d3(v[t[i].z]));
+        }
+    }
+
+    // Ray/segment parameter of the hit with triangle i, or -1.
+    double hit(size_t i, D3 o, D3 dir) const
+    {
+        D3 e1 = b[i] - a[i], e2 = c[i] - a[i];
+        D3 p = cross(dir, e2);
+        double det = dot(e1, p);
+        if (std::fabs(det) < 1e-15)
+            return -1;
+        D3 s = o - a[i];
+        double u = dot(s, p) / det;
+        if (u < 0 || u > 1)
+            return -1;
+        D3 q = cross(s, e1);
+        double v = dot(dir, q) / det;
+        if (v < 0 || u + v > 1)
+            return -1;
+        return dot(e2, q) / det;
+    }
+
+    // Parity of crossings along a fixed skew ray.
+    bool inside(const V& p) const
+    {
+        D3 dir = {0.5773502, 0.6180339, 0.5330874};
+        int n = 0;
+        for (size_t i = 0; i < a.size(); ++i)
+            if (hit(i, d3(p), dir) > 0)
+                ++n;
+        return n % 2 == 1;
+    }
+
+    // Fraction of the first surface hit along start -> end, or 2 when none.
+    double firstHit(const V& s, const V& e) const
+    {
+        double best = 2;
+        for (size_t i = 0; i < a.size(); ++i)
+        {
+            double t = hit(i, d3(s), d3(e) - d3(s));
+            if (t >= 0 && t <= 1 && t < best)
+                best = t;
+        }
+        return best;
+    }
+
+    static D3 closest(D3 p, D3 a, D3 b, D3 c)
+    {
+        D3 ab = b - a, ac = c - a, ap = p - a;
+        double d1 = dot(ab, ap), d2 = dot(ac, ap);
+        if (d1 <= 0 && d2 <= 0)
+            return a;
+        D3 bp = p - b;
+        double d3_ = dot(ab, bp), d4 = dot(ac, bp);
+        if (d3_ >= 0 && d4 <= d3_)
+            return b;
+        double vc = d1 * d4 - d3_ * d2;
+        if (vc <= 0 && d1 >= 0 && d3_ <= 0)
+            return a + ab * (d1 / (d1 - d3_));
+        D3 cp = p - c;
+        double d5 = dot(ab, cp), d6 = dot(ac, cp);
+        if (d6 >= 0 && d5 <= d6)
+            return c;
+        double vb = d5 * d2 - d1 * d6;
+        if (vb <= 0 && d2 >= 0 && d6 <= 0)
+            return a + ac * (d2 / (d2 - d6));
+        double va = d3_ * d6 - d5 * d4;
+        if (va <= 0 && (d4 - d3_) >= 0 && (d5 - d6) >= 0)
+            return b + (c - b) * ((d4 - d3_) / ((d4 - d3_) + (d5 - d6)));
+        double denom = 1.0 / (va + vb + vc);
+        return a + ab * (vb * denom) + ac * (vc * denom);
+    }
+
+    double distance(const V& p) const
+    {
+        double best = 1e30;
+        for (size_t i = 0; i < a.size(); ++i)
+            best = std::min(best, len(d3(p) - closest(d3(p), a[i], b[i], c[i])));
+        return best;
+    }
+};
+
+// A closed, outward-facing torus around the z axis (not convex, so faces get cut).
+void addTorus(srMeshModel& mesh, float R, float r, int nu, int nv)
+{
+    long base = mesh.getNumVerts();
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j)
+        {
+            double u = 2 * kPi * i / nu, v = 2 * kPi * j / nv;
+            mesh.addVertex(V((float)((R + r * std::cos(v)) * std::cos(u)), (float)((R + r * std::cos(v)) * std::sin(u)),
+                             (float)(r * std::sin(v))));
+        }
+    auto idx = [&](int i, int j) { return (int)base + ((i % nu) * nv + (j % nv)); };
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j)
+        {
+            mesh.addPolygon(idx(i, j), idx(i + 1, j), idx(i + 1, j + 1));
+            mesh.addPolygon(idx(i, j), idx(i + 1, j + 1), idx(i, j + 1));
+        }
+}
+
+// Random points in a box, keeping those farther than `margin` from the surface; each one's
+// expected answer comes from the brute-force test.
+void expectPointsMatch(const mrClipBSP& bsp, const Poly& poly, float extent, int count, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-extent, extent);
+    int checked = 0, inside = 0;
+    while (checked < count)
+    {
+        V p(u(rng), u(rng), u(rng));
+        if (poly.distance(p) <= 0.01)
+            continue;
+        bool in = poly.inside(p);
+        int c = bsp.pointInfo(0, p);
+        ASSERT_EQ(in ? -2 : -1, c) << "at " << p.x << ", " << p.y << ", " << p.z;
+        ++checked;
+        inside += in;
+    }
+    EXPECT_GT(inside, count / 20);
+    EXPECT_LT(inside, count - count / 20);
+}
+
+// Traces from random points on a large sphere toward `centre` stop just short of the
+// first surface hit.
+void expectTracesStopShort(const mrClipBSP& bsp, const Poly& poly, V centre, float radius, int count, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> g(0, 1);
+    for (int i = 0; i < count; ++i)
+    {
+        D3 d = {g(rng), g(rng), g(rng)};
+        d = d * (radius / len(d));
+        V start((float)(centre.x + d.x), (float)(centre.y + d.y), (float)(centre.z + d.z));
+        V end = centre;
+        double hit = poly.firstHit(start, end);
+        ASSERT_LT(hit, 1.0);
+        mrTrace tr;
+        int r = bsp.checkCollision(start, end, tr);
+        ASSERT_EQ(0, r);
+        EXPECT_EQ(0, tr.m_startSolid);
+        EXPECT_EQ(0, tr.m_allSolid);
+        EXPECT_LT((double)tr.m_fraction, hit);
+        EXPECT_LT(poly.distance(tr.m_endPos), 0.05) << "trace " << i;
+        EXPECT_EQ(-1, bsp.pointInfo(0, tr.m_endPos));
+    }
+}
+} // namespace
+
+// ---------------------------------------------------------------------------
+
+TEST(ClipGenRecords, NewGeneratorIsEmpty)
+{
+    mrClipBSPGen gen;
+    EXPECT_EQ(0, gen.m_numplanes);
+    EXPECT_EQ(nullptr, gen.m_planes);
+    EXPECT_TRUE(gen.m_faces.empty());
+    EXPECT_TRUE(gen.m_nodes.empty());
+    EXPECT_TRUE(gen.m_allfaces.empty());
+    EXPECT_EQ(0, gen.m_numnodes + gen.m_numleaffaces + gen.m_numsolidleafs + gen.m_numemptyleafs);
+}
+
+TEST(ClipGenRecords, FindContentsMarksOnlyTheTwoExactNames)
+{
+    mrClipBSPGen gen;
+    EXPECT_EQ(-2, gen.findContents(nullptr));
+    for (const char* name : {"Q47ROADOT.TGA", "NERDSTRP.TGA"})
+    {
+        Tex t(name);
+        EXPECT_EQ(-3, gen.findContents(t.p)) << name;
+    }
+    for (const char* name : {"q47roadot.tga", "Nerdstrp.TGA", "NERDSTRP.TGA ", "NERDSTRP", "Q47ROADOT", "", "WALL.TGA"})
+    {
+        Tex t(name);
+        EXPECT_EQ(-2, gen.findContents(t.p)) << name;
+    }
+}
+
+TEST(ClipGenRecords, CheckFaceChangesNothing)
+{
+    mrClipBSPGen gen;
+    mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
+    mrFace before = *f;
+    gen.checkFace(f);
+    EXPECT_EQ(0, std::memcmp(&before, f, sizeof(mrFace)));
+}
+
+// ---- import: planes, bounds, textures ----
+
+TEST(ClipGenImport, TrianglePlaneFollowsWinding)
+{
+    struct Case
+    {
+        V a, b, c;
+        V4 plane;
+    } cases[] = {
+        {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0), V4(0, 0, 1, 0)},
+        {V(0, 0, 0), V(0, 1, 0), V(1, 0, 0), V4(0, 0, -1, 0)},
+        {V(0, 0, 5), V(1, 0, 5), V(0, 1, 5), V4(0, 0, 1, 5)},
+        {V(0, 0, 0), V(1, 1, 1), V(2, 2, 2), V4(0, 0, 0, 0)},
+        {V(3, 1, 2), V(3, 1, 2), V(0, 7, 1), V4(0, 0, 0, 0)},
+    };
+    for (const Case& c : cases)
+    {
+        srMeshModel mesh;
+        addTri(mesh, c.a, c.b, c.c);
+        mrClipBSPGen gen;
+        BSPPtr bsp = import(gen, mesh);
+        ASSERT_EQ(1u, gen.m_faces.size());
+        const V4& p = gen.m_faces[0]->m_plane;
+        EXPECT_TRUE(p == c.plane) << p.x << " " << p.y << " " << p.z << " " << p.w;
+        EXPECT_EQ(3, gen.m_faces[0]->m_numpoints);
+        ASSERT_EQ(1, gen.m_numplanes);
+        EXPECT_TRUE(gen.m_planes[0].m_normal == V(c.plane.x, c.plane.y, c.plane.z));
+        EXPECT_EQ(c.plane.w, gen.m_planes[0].m_dist);
+    }
+}
+
+TEST(ClipGenImport, FacePlaneIsComputedInFloat)
+{
+    // These points give a plane that differs in every component from the same formula
+    // evaluated in double and rounded once.
+    srMeshModel mesh;
+    addTri(mesh, V(-117.125f, -86.625f, -35.875f), V(70.125f, 88.25f, -79.25f), V(73.75f, -18.625f, 73.5f));
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    const V4& p = gen.m_faces[0]->m_plane;
+    EXPECT_EQ(0x1.0ee9c8p-1f, p.x);
+    EXPECT_EQ(-0x1.60ed4cp-1f, p.y);
+    EXPECT_EQ(-0x1.fab99ep-2f, p.z);
+    EXPECT_EQ(0x1.efaf78p+3f, p.w);
+
+    // Here the scale 1/sqrt(L) differs when taken in double.
+    srMeshModel mesh2;
+    addTri(mesh2, V(-19.25f, -1.5f, 24.25f), V(-13.75f, -24.25f, -1.25f), V(-4.75f, -4.75f, -2.75f));
+    mrClipBSPGen gen2;
+    BSPPtr bsp2 = import(gen2, mesh2);
+    const V4& q = gen2.m_faces[0]->m_plane;
+    EXPECT_EQ(0x1.9f8b4cp-1f, q.x);
+    EXPECT_EQ(-0x1.5a0adap-2f, q.y);
+    EXPECT_EQ(0x1.e7fa7ap-2f, q.z);
+    EXPECT_EQ(-0x1.c7bd14p+1f, q.w);
+}
+
+TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMesh)
+{
+    srMeshModel mesh;
+    addTri(mesh, V(-2, 0, 0), V(3, 0, 0), V(0, 1, 7));
+    mesh.addVertex(V(100, 100, 100)); // used by no triangle: does not count
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    EXPECT_EQ(-3.0f, bsp->m_mins.x);
+    EXPECT_EQ(4.0f, bsp->m_maxs.x);
+    EXPECT_EQ(-1.0f, bsp->m_mins.y);
+    EXPECT_EQ(2.0f, bsp->m_maxs.y);
+    EXPECT_EQ(8.0f, bsp->m_maxs.z);
+    ASSERT_EQ(1u, gen.m_nodes.size());
+    EXPECT_TRUE(gen.m_nodes[0]->m_mins == V(-2, 0, 0));
+    EXPECT_TRUE(gen.m_nodes[0]->m_maxs == V(3, 1, 7));
+}
+
+TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBounds)
+{
+    srMeshModel mesh;
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    ASSERT_TRUE(bsp);
+    EXPECT_EQ(0u, bsp->m_numnodes);
+    EXPECT_EQ(0u, bsp->m_numplanes);
+    EXPECT_EQ(nullptr, bsp->m_nodes);
+    EXPECT_EQ(nullptr, bsp->m_planes);
+    EXPECT_TRUE(bsp->m_mins == V(999998, 999998, 999998));
+    EXPECT_TRUE(bsp->m_maxs == V(-999998, -999998, -999998));
+    EXPECT_EQ(1, gen.m_numsolidleafs);
+    EXPECT_EQ(0, gen.m_numplanes);
+    EXPECT_EQ(nullptr, gen.m_planes);
+}
+
+TEST(ClipGenImport, NullModelIsReported)
+{
+    mtest::AssertRecorder rec;
+    mrClipBSPGen gen;
+    V offset;
+    srMatrix3T<float> m;
+    EXPECT_EQ(nullptr, gen.importMeshModel(nullptr, offset, m));
+    ASSERT_EQ(1u, rec.reports().size());
+    EXPECT_EQ("model", rec.reports()[0].expression);
+    EXPECT_EQ("mrClipBSPGen", rec.reports()[0].source);
+    EXPECT_EQ(36, rec.reports()[0].line);
+    EXPECT_FALSE(rec.reports()[0].hasMessage);
+}
+
+TEST(ClipGenImport, FacesTakePolygonTexturesElseTheMeshTexture)
+{
+    Tex a("A.TGA"), b("B.TGA"), m("MESH.TGA");
+    srMeshModel mesh;
+    addTri(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    addTri(mesh, V(0, 0, 3), V(0, 1, 3), V(1, 0, 3));
+    mesh.setTexture(m.p);
+    {
+        mrClipBSPGen gen;
+        BSPPtr bsp = import(gen, mesh);
+        EXPECT_EQ(m.p, gen.m_faces[0]->m_texture);
+        EXPECT_EQ(m.p, gen.m_faces[1]->m_texture);
+    }
+    mesh.setPolyTexture(0, a.p);
+    mesh.setPolyTexture(1, b.p);
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    EXPECT_EQ(a.p, gen.m_faces[0]->m_texture);
+    EXPECT_EQ(b.p, gen.m_faces[1]->m_texture);
+}
+
+TEST(ClipGenImport, MatrixThenOffsetMoveACopy)
+{
+    srMeshModel mesh;
+    addTri(mesh, V(1, 0, 0), V(0, 1, 0), V(0, 0, 1));
+    // Quarter turn about z: (x, y, z) -> (-y, x, z); then the offset.
+    srMatrix3T<float> rot(0, 1, 0, -1, 0, 0, 0, 0, 1);
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh, V(10, 20, 30), rot);
+    const mrFace* f = gen.m_faces[0];
+    EXPECT_TRUE(same(f->m_points[0], V(10, 21, 30)));
+    EXPECT_TRUE(same(f->m_points[1], V(9, 20, 30)));
+    EXPECT_TRUE(same(f->m_points[2], V(10, 20, 31)));
+    EXPECT_TRUE(same(mesh.getVertexLoc()[0], V(1, 0, 0)));
+    EXPECT_TRUE(bsp->m_mins == V(8, 19, 29));
+}
+
+// ---- partitioning and conversion on whole meshes ----
+
+TEST(ClipGenTree, OneTriangleIsOnePlaneWithSolidBehind)
+{
+    for (const char* name : {"WALL.TGA", "NERDSTRP.TGA", "Q47ROADOT.TGA"})
+    {
+        Tex t(name);
+        srMeshModel mesh;
+        addTri(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+        mesh.setTexture(t.p);
+        mrClipBSPGen gen;
+        BSPPtr bsp = import(gen, mesh);
+        ASSERT_EQ(1u, bsp->m_numnodes);
+        ASSERT_EQ(1u, bsp->m_numplanes);
+        EXPECT_EQ(0, bsp->m_nodes[0].planeIndex);
+        EXPECT_EQ(-1, bsp->m_nodes[0].child[0]);
+        EXPECT_EQ(std::strcmp(name, "WALL.TGA") ? -3 : -2, bsp->m_nodes[0].child[1]) << name;
+        EXPECT_EQ(-1, bsp->pointInfo(0, V(0.2f, 0.2f, 1)));
+        EXPECT_GE(-2, bsp->pointInfo(0, V(0.2f, 0.2f, -1)));
+    }
+}
+
+TEST(ClipGenTree, ClosedBoxIsAChainOfSixNodes)
+{
+    Tex other("WALL.TGA"), marked("NERDSTRP.TGA");
+    for (int mark = 0; mark < 2; ++mark)
+    {
+        srMeshModel mesh;
+        mtest::addBox(mesh, V(-8, -8, -8), V(8, 8, 8), true);
+        ASSERT_EQ(12, mesh.m_numpolys);
+        for (long i = 0; i < 12; ++i)
+            mesh.setPolyTexture(i, other.p);
+        if (mark)
+            mesh.setPolyTexture(1, marked.p);
+        mrClipBSPGen gen;
+        BSPPtr bsp = import(gen, mesh);
+        ASSERT_EQ(6u, bsp->m_numnodes);
+        EXPECT_EQ(12u, bsp->m_numplanes);
+        const int planes[6] = {11, 9, 7, 5, 3, 1};
+        for (int i = 0; i < 6; ++i)
+        {
+            EXPECT_EQ(planes[i], bsp->m_nodes[i].planeIndex) << i;
+            EXPECT_EQ(-1, bsp->m_nodes[i].child[0]) << i;
+            EXPECT_EQ(i < 5 ? i + 1 : (mark ? -3 : -2), bsp->m_nodes[i].child[1]) << i;
+        }
+        EXPECT_EQ(6, gen.m_numnodes);
+        EXPECT_EQ(6, gen.m_numemptyleafs);
+        EXPECT_EQ(1, gen.m_numsolidleafs);
+        EXPECT_EQ(12, gen.m_numleaffaces);
+        EXPECT_EQ(12u, gen.m_allfaces.size()); // nothing was cut
+        for (const mrFace* f : gen.m_faces)
+            EXPECT_EQ(1, f->m_used);
+        // Contents of the clip BSP object itself stay at the constructor's value.
+        EXPECT_EQ(1u, bsp->m_contents);
+    }
+}
+
+TEST(ClipGenTree, EqualPlanesInDifferentSubtreesUseTheLastIndex)
+{
+    // A wall on x = 0 is the first splitter; two small triangles on the plane z = 1,
+    // one on each side of it, become splitters in different subtrees.
+    srMeshModel mesh;
+    addTri(mesh, V(-10, 0, 1), V(-9, 0, 1), V(-10, 1, 1)); // 0: z = 1, faces +z
+    addTri(mesh, V(0, -5, -5), V(0, 5, -5), V(0, 0, 5));   // 1: x = 0, faces +x
+    addTri(mesh, V(9, 0, 1), V(10, 0, 1), V(9, 1, 1));     // 2: z = 1, faces +z
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    ASSERT_TRUE(gen.m_planes[0].m_normal == gen.m_planes[2].m_normal);
+    ASSERT_EQ(gen.m_planes[0].m_dist, gen.m_planes[2].m_dist);
+    ASSERT_EQ(3u, bsp->m_numnodes);
+    EXPECT_EQ(1, bsp->m_nodes[0].planeIndex);
+    EXPECT_EQ(2, bsp->m_nodes[1].planeIndex);
+    EXPECT_EQ(2, bsp->m_nodes[2].planeIndex);
+    EXPECT_EQ(1, bsp->m_nodes[0].child[0]);
+    EXPECT_EQ(2, bsp->m_nodes[0].child[1]);
+}
+
+// ---- splitFace ----
+
+class ClipGenSplit : public ::testing::Test
+{
+protected:
+    mrClipBSPGen gen;
+    mrFace* front = reinterpret_cast<mrFace*>(1);
+    mrFace* back = reinterpret_cast<mrFace*>(1);
+};
+
+TEST_F(ClipGenSplit, SameFacingGoesFrontWholeAndIsUsed)
+{
+    mrFace* f = addFace(gen, {V(0, 0, 2), V(1, 0, 2), V(0, 1, 2)}, V4(0, 0, 1, 2));
+    V4 plane(0, 0, 1, 2.0005f);
+    gen.splitFace(f, plane, &front, &back);
+    EXPECT_EQ(f, front);
+    EXPECT_EQ(nullptr, back);
+    EXPECT_EQ(1, f->m_used);
+}
+
+TEST_F(ClipGenSplit, OppositeFacingGoesBackWholeAndIsUsed)
+{
+    mrFace* f = addFace(gen, {V(0, 0, 2), V(0, 1, 2), V(1, 0, 2)}, V4(0, 0, -1, -2));
+    V4 plane(0, 0, 1, 2);
+    gen.splitFace(f, plane, &front, &back);
+    EXPECT_EQ(nullptr, front);
+    EXPECT_EQ(f, back);
+    EXPECT_EQ(1, f->m_used);
+}
+
+TEST_F(ClipGenSplit, WholeFacesKeepTheirSideAndStayCandidates)
+{
+    mrFace* infront = addFace(gen, {V(0, 0, 0), V(1, 0, 0), V(0, 0, 1)}, V4(0, -1, 0, 0));
+    mrFace* behind = addFace(gen, {V(0, 0, 0), V(-1, 0, 0), V(0, 0, 1)}, V4(0, 1, 0, 0));
+    // Points on the plane but a plane of its own that fails both facing tests.
+    mrFace* onPlane = addFace(gen, {V(0, 0, 0), V(0, 1, 0), V(0, 2, 0)}, V4(0, 0, 0, 0));
+    V4 plane(1, 0, 0, 0.0009f);
+    gen.splitFace(infront, plane, &front, &back);
+    EXPECT_EQ(infront, front);
+    EXPECT_EQ(nullptr, back);
+    gen.splitFace(behind, plane, &front, &back);
+    EXPECT_EQ(nullptr, front);
+    EXPECT_EQ(behind, back);
+    gen.splitFace(onPlane, plane, &front, &back);
+    EXPECT_EQ(nullptr, front);
+    EXPECT_EQ(onPlane, back);
+    EXPECT_EQ(0, infront->m_used + behind->m_used + onPlane->m_used);
+    EXPECT_EQ(3u, gen.m_allfaces.size());
+}
+
+TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
+{
+    Tex t("WALL.TGA");
+    mrFace* keep = addFace(gen, {V(0, 0, 9), V(1, 0, 9), V(0, 1, 9)}, V4(0, 0, 1, 9));
+    // One point on x = 4, one in front, one behind.
+    mrFace* f = addFace(gen, {V(4, 0, 0), V(6, 1, 0), V(1, 3, 0)}, V4(0, 0, 1, 0));
+    f->m_texture = t.p;
+    f->m_used = 1;
+    V4 plane(1, 0, 0, 4);
+    gen.splitFace(f, plane, &front, &back);
+    ASSERT_EQ(3u, gen.m_allfaces.size());
+    EXPECT_EQ(keep, gen.m_allfaces[0]);
+    EXPECT_EQ(back, gen.m_allfaces[1]);
+    EXPECT_EQ(front, gen.m_allfaces[2]);
+    ASSERT_EQ(3, front->m_numpoints);
+    ASSERT_EQ(3, back->m_numpoints);
+    const V on(4, 0, 0);
+    const V cut = front->m_points[2];
+    EXPECT_EQ(4.0f, cut.x);
+    EXPECT_NEAR(1.8f, cut.y, 1e-6);
+    EXPECT_TRUE(same(front->m_points[0], on));
+    EXPECT_TRUE(same(front->m_points[1], V(6, 1, 0)));
+    EXPECT_TRUE(same(back->m_points[0], on));
+    EXPECT_TRUE(same(back->m_points[1], cut));
+    EXPECT_TRUE(same(back->m_points[2], V(1, 3, 0)));
+    for (mrFace* piece : {front, back})
+    {
+        EXPECT_EQ(t.p, piece->m_texture);
+        EXPECT_EQ(1, piece->m_used);
+        EXPECT_TRUE(piece->m_plane == V4(0, 0, 1, 0));
+    }
+}
+
+TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
+{
+    // On x = 0 the interpolated x of the edge from 6.7 to -2.1 comes out as -2^-50.
+    struct Case
+    {
+        float sign, at;
+    } cases[] = {{1, 4}, {-1, 4}, {1, 0}, {-1, 0}};
+    for (const Case& c : cases)
+    {
+        const float s = c.at;
+        mrFace* f = addFace(gen, {V(s + 6.7f, 0.3f, 0.1f), V(s - 2.1f, 2.1f, 0.7f), V(s + 7.3f, 5.3f, -0.9f)},
+                            V4(0, 0, 1, 0));
+        V4 plane(c.sign, 0, 0, c.at * c.sign);
+        gen.splitFace(f, plane, &front, &back);
+        ASSERT_NE(nullptr, front);
+        ASSERT_NE(nullptr, back);
+        int cuts = 0;
+        for (int i = 0; i < back->m_numpoints; ++i)
+            if (hasPoint(front, back->m_points[i]))
+            {
+                EXPECT_EQ(c.at, back->m_points[i].x) << c.sign << " " << c.at;
+                ++cuts;
+            }
+        EXPECT_EQ(2, cuts);
+        EXPECT_EQ(4, c.sign > 0 ? front->m_numpoints : back->m_numpoints);
+    }
+}
+
+TEST_F(ClipGenSplit, PointDistancesAreTakenInDouble)
+{
+    // p lies 0.0010016 in front of the plane in double, but within 0.001 in float; the
+    // other two points are well behind, so only the double distance cuts the face.
+    const float nx = 0x1.a89bf2p-2f, ny = 0x1.d1e896p-1f;
+    const V p(0x1.a7p+4f, -0x1.d39p+6f, 1);
+    const V q1(p.x - 3 * nx - 2 * ny, p.y - 3 * ny + 2 * nx, 1);
+    const V q2(p.x - 3 * nx + 2 * ny, p.y - 3 * ny - 2 * nx, 1);
+    mrFace* f = addFace(gen, {p, q1, q2}, V4(0, 0, 1, 1));
+    V4 plane(nx, ny, 0, -0x1.7da01ap+6f);
+    gen.splitFace(f, plane, &front, &back);
+    ASSERT_NE(nullptr, front);
+    ASSERT_NE(nullptr, back);
+    EXPECT_TRUE(same(front->m_points[0], p));
+    EXPECT_EQ(3, front->m_numpoints);
+    EXPECT_EQ(4, back->m_numpoints);
+}
+
+TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
+{
+    std::vector<V> ring;
+    for (int i = 0; i < 64; ++i)
+        ring.push_back(V((float)(10 * std::cos(2 * kPi * i / 64)), (float)(10 * std::sin(2 * kPi * i / 64)), 0));
+    mrFace* f = addFace(gen, ring, V4(0, 0, 1, 0));
+    // Slices off point 0 only: the front piece would need 63 + 2 points.
+    V4 plane(-1, 0, 0, -9.99f);
+    mtest::AssertRecorder rec;
+    gen.splitFace(f, plane, &front, &back);
+    ASSERT_EQ(1u, rec.reports().size());
+    EXPECT_EQ("mrClipBSPGen", rec.reports()[0].source);
+    EXPECT_EQ("face piece exceeds 64 points; point dropped", rec.reports()[0].message);
+    EXPECT_EQ(64, front->m_numpoints);
+    EXPECT_EQ(3, back->m_numpoints);
+}
+
+// ---- splitter choice and partitioning on hand-made lists ----
+
+TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeaf)
+{
+    mrClipBSPGen gen;
+    mrBSPGenNode solid, empty;
+    std::vector<mrFace*> none;
+    gen.partitionFaces(none, &solid);
+    EXPECT_EQ(-2, solid.m_contents);
+    mrFace* f = addFace(gen, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)}, V4(0, 0, 1, 0));
+    f->m_used = 1;
+    std::vector<mrFace*> used = {f, f};
+    gen.partitionFaces(used, &empty);
+    EXPECT_EQ(-1, empty.m_contents);
+    EXPECT_EQ(1, gen.m_numsolidleafs);
+    EXPECT_EQ(1, gen.m_numemptyleafs);
+    EXPECT_EQ(2, gen.m_numleaffaces);
+    EXPECT_TRUE(gen.m_nodes.empty());
+    EXPECT_EQ(2u, used.size()); // the caller's list is left as it was
+}
+
+TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLater)
+{
+    mrClipBSPGen gen;
+    mrFace* a = addFace(gen, {}, V4(1, 0, 0, 3));
+    mrFace* b = addFace(gen, {}, V4(0, 1, 0, 1));
+    mrFace* c = addFace(gen, {}, V4(0, 0, -1, 1));
+    mrFace* used = addFace(gen, {}, V4(0, 0, 1, 0));
+    used->m_used = 1;
+    std::vector<mrFace*> list = {a, b, c, used};
+    V mins(-2, -2, -2), maxs(2, 2, 2);
+    // b and c are equally far from the centre; c is later. The used face would be best.
+    EXPECT_EQ(c, gen.chooseMidPlaneFromList(list, mins, maxs));
+    std::vector<mrFace*> ab = {b, a};
+    EXPECT_EQ(b, gen.chooseMidPlaneFromList(ab, mins, maxs));
+    // Every measure above the start value: the first candidate.
+    V far(-30000, -30000, -30000), farMax(-29999, -29999, -29999);
+    std::vector<mrFace*> ba = {a, b};
+    EXPECT_EQ(a, gen.chooseMidPlaneFromList(ba, far, farMax));
+}
+
+TEST(ClipGenPartition, NoCandidateIsReported)
+{
+    mrClipBSPGen gen;
+    mrFace* used = addFace(gen, {}, V4(0, 0, 1, 0));
+    used->m_used = 1;
+    std::vector<mrFace*> list = {used};
+    V mins, maxs;
+    mtest::AssertRecorder rec;
+    EXPECT_EQ(nullptr, gen.chooseMidPlaneFromList(list, mins, maxs));
+    ASSERT_EQ(1u, rec.reports().size());
+    EXPECT_EQ("0", rec.reports()[0].expression);
+    EXPECT_EQ("error", rec.reports()[0].message);
+    EXPECT_EQ(437, rec.reports()[0].line);
+}
+
+TEST(ClipGenPartition, SelectPartitionBoundsUseFirstThreePointsOfAllFaces)
+{
+    mrClipBSPGen gen;
+    // Planes x = 1 and y = 0 score the same on the unit cube's bounds.
+    mrFace* x = addFace(gen, {V(1, 0, 0), V(1, 1, 0), V(1, 0, 1)}, V4(1, 0, 0, 1));
+    mrFace* y = addFace(gen, {V(0, 0, 0), V(0, 0, 1), V(1, 0, 0)}, V4(0, 1, 0, 0));
+    EXPECT_EQ(nullptr, gen.selectPartition(gen.m_faces));
+    std::vector<mrFace*> one = {x};
+    EXPECT_EQ(x, gen.selectPartition(one));
+    // A used face widens the bounds only through its first three points.
+    mrFace* far = addFace(gen, {V(0, 0, 0), V(0, 0, 0), V(0, 0, 0), V(40, 0, 0)}, V4(0, 0, 1, 0));
+    far->m_used = 1;
+    std::vector<mrFace*> list = {x, y, far};
+    EXPECT_EQ(y, gen.selectPartition(list)); // tie: the later face
+    far->m_points[2] = V(40, 0, 0);
+    EXPECT_EQ(x, gen.selectPartition(list)); // x = 1 is now nearer the middle
+}
+
+TEST(ClipGenPartition, DegenerateSplitterSendsEverythingBack)
+{
+    mrClipBSPGen gen;
+    mrFace* t = addFace(gen, {V(-1, -1, 1), V(1, -1, 1), V(-1, 1, 1)}, V4(0, 0, 1, 1));
+    mrFace* d = addFace(gen, {V(-1, -1, -1), V(0, 0, 0), V(1, 1, 1)}, V4(0, 0, 0, 0));
+    std::vector<mrFace*> list = {t, d};
+    mrBSPGenNode root;
+    gen.partitionFaces(list, &root);
+    ASSERT_EQ(2u, gen.m_nodes.size());
+    EXPECT_EQ(&root, gen.m_nodes[0]);
+    EXPECT_TRUE(root.m_plane == V4(0, 0, 0, 0));
+    EXPECT_EQ(-2, root.m_children[0]->m_contents);
+    EXPECT_EQ(root.m_children[1], gen.m_nodes[1]);
+    EXPECT_EQ(-1, gen.m_nodes[1]->m_children[0]->m_contents);
+    EXPECT_EQ(-1, gen.m_nodes[1]->m_children[1]->m_contents);
+    EXPECT_EQ(2u, gen.m_allfaces.size());
+}
+
+TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
+{
+    mrClipBSPGen gen;
+    gen.m_numplanes = 2;
+    gen.m_planes = new mrPlane[2];
+    gen.m_planes[0] = mrPlane(0, 0, 1, 4);
+    gen.m_planes[1] = mrPlane(0, 0, -0.0f, 0); // equal to (0, 0, 0, 0)
+    mrBSPGenNode root, stray, leaf;
+    leaf.m_contents = -3;
+    root.m_plane = V4(0, 0, 1, 5);
+    root.m_children[0] = &leaf;
+    root.m_children[1] = &stray; // interior, but not in m_nodes
+    stray.m_plane = V4(0, 0, 0, 0);
+    stray.m_children[0] = stray.m_children[1] = &leaf;
+    gen.m_nodes = {&root};
+    mtest::AssertRecorder rec;
+    BSPPtr bsp(gen.convertToClipBSP());
+    ASSERT_EQ(2u, rec.reports().size());
+    EXPECT_EQ("found", rec.reports()[0].expression);
+    EXPECT_EQ(696, rec.reports()[0].line);
+    EXPECT_FALSE(rec.reports()[0].hasMessage);
+    EXPECT_EQ("interior child missing from the node list", rec.reports()[1].message);
+    EXPECT_EQ(-3, bsp->m_nodes[0].child[0]);
+    EXPECT_EQ(-2, bsp->m_nodes[0].child[1]);
+    // Negative zero matches zero exactly.
+    rec.clear();
+    gen.m_nodes = {&stray};
+    BSPPtr bsp2(gen.convertToClipBSP());
+    EXPECT_TRUE(rec.reports().empty());
+    EXPECT_EQ(1, bsp2->m_nodes[0].planeIndex);
+    EXPECT_EQ(2u, bsp2->m_numplanes);
+    EXPECT_EQ(4.0f, bsp2->m_planes[0].m_dist);
+}
+
+// ---- end to end: collision queries against the brute-force reference ----
+
+TEST(ClipGenEndToEnd, CubeAnswersPointsAndTraces)
+{
+    srMeshModel mesh;
+    mtest::addBox(mesh, V(-2, -1.5f, -1), V(2.5f, 1.5f, 3), true);
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    Poly poly(mesh);
+    expectPointsMatch(*bsp, poly, 4, 2000, 1);
+    expectTracesStopShort(*bsp, poly, V(0.25f, 0, 1), 12, 300, 2);
+}
+
+TEST(ClipGenEndToEnd, SubdividedSphereAnswersPointsAndTraces)
+{
+    srMeshModel mesh;
+    mtest::addSphere(mesh, V(1, -2, 0.5f), 5, 3);
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    EXPECT_EQ(512u, bsp->m_numnodes);
+    EXPECT_EQ(512u, bsp->m_numplanes);
+    Poly poly(mesh);
+    expectPointsMatch(*bsp, poly, 7, 1500, 3);
+    expectTracesStopShort(*bsp, poly, V(1, -2, 0.5f), 20, 200, 4);
+}
+
+TEST(ClipGenEndToEnd, TorusWithCutFacesAnswersPoints)
+{
+    srMeshModel mesh;
+    addTorus(mesh, 4, 1.5f, 16, 8);
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    EXPECT_GT(gen.m_allfaces.size(), gen.m_faces.size()); // faces were cut
+    Poly poly(mesh);
+    expectPointsMatch(*bsp, poly, 6, 2000, 5);
+}
+
+TEST(ClipGenEndToEnd, MovedMeshAnswersLikeTheMovedPoints)
+{
+    srMeshModel mesh;
+    addTorus(mesh, 4, 1.5f, 12, 8);
+    // Rotation by 0.7 rad about the unit axis (1, 2, 3)/sqrt(14).
+    double ax = 1 / std::sqrt(14.0), ay = 2 / std::sqrt(14.0), az = 3 / std::sqrt(14.0);
+    double c = std::cos(0.7), s = std::sin(0.7), k = 1 - c;
+    // Stored so that v' = (m0 x + m3 y + m6 z, m1 x + m4 y + m7 z, m2 x + m5 y + m8 z).
+    srMatrix3T<float> rot((float)(c + ax * ax * k), (float)(ay * ax * k + az * s), (float)(az * ax * k - ay * s),
+                          (float)(ax * ay * k - az * s), (float)(c + ay * ay * k), (float)(az * ay * k + ax * s),
+                          (float)(ax * az * k + ay * s), (float)(ay * az * k - ax * s), (float)(c + az * az * k));
+    V offset(12.5f, -7, 3.25f);
+    mrClipBSPGen gen, movedGen;
+    BSPPtr bsp = import(gen, mesh);
+    BSPPtr moved = import(movedGen, mesh, offset, rot);
+    Poly poly(mesh);
+    std::mt19937 rng(6);
+    std::uniform_real_distribution<float> u(-6, 6);
+    int checked = 0, solid = 0;
+    while (checked < 1000)
+    {
+        V p(u(rng), u(rng), u(rng));
+        if (poly.distance(p) <= 0.01)
+            continue;
+        V q = rot.transform(p);
+        q = V(q.x + offset.x, q.y + offset.y, q.z + offset.z);
+        int expected = bsp->pointInfo(0, p);
+        ASSERT_EQ(expected, moved->pointInfo(0, q));
+        solid += expected != -1;
+        ++checked;
+    }
+    EXPECT_GT(solid, 20);
+    EXPECT_TRUE(moved->m_mins.x > 3);
+}
