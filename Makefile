@@ -29,6 +29,14 @@ test-asan: deps
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# Benchmarks side by side with the peer libraries: writes $(BUILD)/bench.json, prints the ratio table.
+bench:
+	@tools/install-deps.sh --bench
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DMERIDBSP_BUILD_BENCH=ON -DMERIDBSP_BENCH_PEERS=ON $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) --target meridbsp_bench -j $(JOBS)
+	@$(BUILD)/meridbsp_bench --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
+	@python3 bench/report.py $(BUILD)/bench.json
+
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 

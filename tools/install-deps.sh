@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
       libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev)
-[ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev)
+[ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev python3)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

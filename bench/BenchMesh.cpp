@@ -1,0 +1,341 @@
+#include "BenchMesh.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
+
+#include "BenchRandom.h"
+
+#ifdef MERIDBSP_BENCH_HAVE_MESHIO
+#include "MeshReader.h"
+#endif
+
+BenchMesh::BenchMesh(const std::string& name, const std::string& kind, e_orientation orientation)
+    : m_name(name), m_kind(kind), m_orientation(orientation), m_mesh(new srMeshModel(0, 0))
+{
+}
+
+BenchMesh::~BenchMesh() { m_mesh->release(); }
+
+void BenchMesh::finish()
+{
+    const srVector3T<float>* verts = m_mesh->getVertexLoc();
+    const srVector3i* polys = m_mesh->getPolyVertex();
+    const long n = m_mesh->m_numpolys;
+    // The box of the vertices the triangles use, starting from the first such vertex:
+    // the same box the visibility pipeline gives its head node.
+    bool first = true;
+    for (long i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k)
+        {
+            const srVector3T<float>& p = verts[polys[i][k]];
+            if (first)
+            {
+                m_mins = m_maxs = p;
+                first = false;
+                continue;
+            }
+            for (int a = 0; a < 3; ++a)
+            {
+                if (p[a] < m_mins[a])
+                    m_mins[a] = p[a];
+                if (p[a] > m_maxs[a])
+                    m_maxs[a] = p[a];
+            }
+        }
+    m_flatVerts.clear();
+    m_flatVerts.reserve((size_t)m_mesh->getNumVerts() * 3);
+    for (long v = 0; v < m_mesh->getNumVerts(); ++v)
+    {
+        m_flatVerts.push_back(verts[v].x);
+        m_flatVerts.push_back(verts[v].y);
+        m_flatVerts.push_back(verts[v].z);
+    }
+    m_flatIndices.clear();
+    m_flatIndices.reserve((size_t)n * 3);
+    for (long i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k)
+            m_flatIndices.push_back((uint32_t)polys[i][k]);
+}
+
+BenchMesh* BenchMesh::sphere(const std::string& name, int slices, int stacks, float radius)
+{
+    BenchMesh* out = new BenchMesh(name, "sphere", ORIENT_OUTWARD);
+    srMeshModel* m = out->m_mesh;
+    const double pi = 3.14159265358979323846;
+    // Positions in double, rounded to float once, so the ring vertices are shared exactly
+    // between neighbouring triangles (the mesh is watertight).
+    m->addVertex(srVector3T<float>(0.0f, 0.0f, radius));
+    for (int i = 1; i < stacks; ++i)
+    {
+        const double theta = pi * i / stacks;
+        for (int j = 0; j < slices; ++j)
+        {
+            const double phi = 2.0 * pi * j / slices;
+            m->addVertex(srVector3T<float>((float)(radius * std::sin(theta) * std::cos(phi)),
+                                           (float)(radius * std::sin(theta) * std::sin(phi)),
+                                           (float)(radius * std::cos(theta))));
+        }
+    }
+    const int south = (int)m->addVertex(srVector3T<float>(0.0f, 0.0f, -radius));
+    auto ring = [slices](int i, int j) { return 1 + (i - 1) * slices + (j % slices); };
+    // Counter-clockwise seen from outside: the normal (b − a) × (c − a) points out.
+    for (int j = 0; j < slices; ++j)
+        m->addPolygon(0, ring(1, j), ring(1, j + 1));
+    for (int i = 1; i + 1 < stacks; ++i)
+        for (int j = 0; j < slices; ++j)
+        {
+            m->addPolygon(ring(i, j), ring(i + 1, j), ring(i + 1, j + 1));
+            m->addPolygon(ring(i, j), ring(i + 1, j + 1), ring(i, j + 1));
+        }
+    for (int j = 0; j < slices; ++j)
+        m->addPolygon(south, ring(stacks - 1, j + 1), ring(stacks - 1, j));
+    out->finish();
+    return out;
+}
+
+namespace
+{
+
+// The open cells of a level on a cell grid; everything else (and all outside the grid)
+// is rock.
+class LevelGrid
+{
+public:
+    LevelGrid(int x, int y, int z) : m_x(x), m_y(y), m_z(z), m_open((size_t)x * y * z, 0) {}
+    bool open(int x, int y, int z) const
+    {
+        if (x < 0 || y < 0 || z < 0 || x >= m_x || y >= m_y || z >= m_z)
+            return false;
+        return m_open[index(x, y, z)] != 0;
+    }
+    void carve(int x0, int x1, int y0, int y1, int z0, int z1, unsigned char v = 1)
+    {
+        for (int x = x0; x <= x1; ++x)
+            for (int y = y0; y <= y1; ++y)
+                for (int z = z0; z <= z1; ++z)
+                    if (x >= 0 && y >= 0 && z >= 0 && x < m_x && y < m_y && z < m_z)
+                        m_open[index(x, y, z)] = v;
+    }
+    int m_x, m_y, m_z;
+
+private:
+    size_t index(int x, int y, int z) const { return ((size_t)z * m_y + y) * m_x + x; }
+    std::vector<unsigned char> m_open;
+};
+
+} // namespace
+
+BenchMesh* BenchMesh::level(const std::string& name, int nx, int ny, int nz, uint64_t seed)
+{
+    // Each room sits in a slot of 8 × 8 cells and 6 cells of height and always contains
+    // its slot's centre column, so corridors along the centre rows reach every room.
+    const int S = 8, H = 6;
+    const float cell = 32.0f;
+    LevelGrid g(nx * S, ny * S, nz * H);
+    BenchRandom rnd(seed);
+    struct Room
+    {
+        int x0, x1, y0, y1, z0, z1;
+    };
+    std::vector<Room> rooms((size_t)nx * ny * nz);
+    auto room = [&](int i, int j, int k) -> Room& { return rooms[((size_t)k * ny + j) * nx + i]; };
+    for (int k = 0; k < nz; ++k)
+        for (int j = 0; j < ny; ++j)
+            for (int i = 0; i < nx; ++i)
+            {
+                const int cx = i * S + 4, cy = j * S + 4;
+                Room& r = room(i, j, k);
+                r.x0 = cx - rnd.range(1, 3);
+                r.x1 = cx + rnd.range(1, 2);
+                r.y0 = cy - rnd.range(1, 3);
+                r.y1 = cy + rnd.range(1, 2);
+                r.z0 = k * H;
+                r.z1 = k * H + rnd.range(2, 4) - 1;
+                g.carve(r.x0, r.x1, r.y0, r.y1, r.z0, r.z1);
+                // A pillar in a corner of the larger rooms, away from the centre rows.
+                if (r.x1 - r.x0 >= 4 && r.y1 - r.y0 >= 4 && rnd.unit() < 0.5)
+                    g.carve(r.x0 + 1, r.x0 + 1, r.y0 + 1, r.y0 + 1, r.z0, r.z1, 0);
+            }
+    for (int k = 0; k < nz; ++k)
+        for (int j = 0; j < ny; ++j)
+            for (int i = 0; i < nx; ++i)
+            {
+                const Room& r = room(i, j, k);
+                const int cx = i * S + 4, cy = j * S + 4;
+                // Corridors two cells high: every neighbour along x, the first column and
+                // half of the others along y, so the level is connected.
+                if (i + 1 < nx)
+                    g.carve(r.x1 + 1, room(i + 1, j, k).x0 - 1, cy, cy, r.z0, r.z0 + 1);
+                if (j + 1 < ny && (i == 0 || rnd.unit() < 0.5))
+                    g.carve(cx, cx, r.y1 + 1, room(i, j + 1, k).y0 - 1, r.z0, r.z0 + 1);
+                // Shafts up to the room above.
+                if (k + 1 < nz && ((i == 0 && j == 0) || rnd.unit() < 0.3))
+                    g.carve(cx, cx, cy, cy, r.z1 + 1, room(i, j, k + 1).z0 - 1);
+            }
+
+    BenchMesh* out = new BenchMesh(name, "level", ORIENT_INWARD);
+    srMeshModel* m = out->m_mesh;
+    std::unordered_map<uint64_t, int> corner;
+    auto vertex = [&](int x, int y, int z) {
+        const uint64_t key = ((uint64_t)x << 42) | ((uint64_t)y << 21) | (uint64_t)z;
+        auto it = corner.find(key);
+        if (it != corner.end())
+            return it->second;
+        const int v = (int)m->addVertex(srVector3T<float>(x * cell, y * cell, z * cell));
+        corner.emplace(key, v);
+        return v;
+    };
+    // One quad (two triangles) on every face between an open cell and rock, wound so
+    // that its normal points into the open cell.
+    for (int z = 0; z < g.m_z; ++z)
+        for (int y = 0; y < g.m_y; ++y)
+            for (int x = 0; x < g.m_x; ++x)
+            {
+                if (!g.open(x, y, z))
+                    continue;
+                for (int a = 0; a < 3; ++a)
+                    for (int s = 0; s < 2; ++s)
+                    {
+                        int c[3] = {x, y, z};
+                        int nb[3] = {x, y, z};
+                        nb[a] += s ? 1 : -1;
+                        if (g.open(nb[0], nb[1], nb[2]))
+                            continue;
+                        const int u = (a + 1) % 3, v = (a + 2) % 3;
+                        int p[4][3];
+                        const int plane = c[a] + s;
+                        const int us[4] = {0, 1, 1, 0}, vs[4] = {0, 0, 1, 1};
+                        for (int q = 0; q < 4; ++q)
+                        {
+                            p[q][a] = plane;
+                            p[q][u] = c[u] + us[q];
+                            p[q][v] = c[v] + vs[q];
+                        }
+                        // Corners in u, v order have normal +axis; the face on the upper
+                        // side (s = 1) must face −axis, so it takes the reverse order.
+                        int idx[4];
+                        for (int q = 0; q < 4; ++q)
+                        {
+                            const int src = s ? 3 - q : q;
+                            idx[q] = vertex(p[src][0], p[src][1], p[src][2]);
+                        }
+                        m->addPolygon(idx[0], idx[1], idx[2]);
+                        m->addPolygon(idx[0], idx[2], idx[3]);
+                    }
+            }
+    out->finish();
+    return out;
+}
+
+BenchMesh* BenchMesh::levelNear(const std::string& name, long target)
+{
+    // More floors for bigger levels, so they grow in all three directions.
+    const int nz = target <= 2000 ? 1 : (target <= 20000 ? 2 : (target <= 200000 ? 4 : 8));
+    const uint64_t seed = 0x4D6572696442ull;
+    BenchMesh* best = nullptr;
+    for (int n = 1;; ++n)
+        for (int extra = 0; extra < 2; ++extra)
+        {
+            BenchMesh* cand = level(name, n, n + extra, nz, seed);
+            const long c = cand->numTriangles();
+            if (!best || std::labs(c - target) < std::labs(best->numTriangles() - target))
+            {
+                delete best;
+                best = cand;
+            }
+            else
+                delete cand;
+            if (c >= target)
+                return best;
+        }
+}
+
+bool BenchMesh::writeObj(const std::string& path) const
+{
+    FILE* f = std::fopen(path.c_str(), "w");
+    if (!f)
+        return false;
+    std::fprintf(f, "# %s: %ld triangles\n", m_name.c_str(), m_mesh->m_numpolys);
+    for (size_t i = 0; i + 2 < m_flatVerts.size(); i += 3)
+        std::fprintf(f, "v %.9g %.9g %.9g\n", m_flatVerts[i], m_flatVerts[i + 1], m_flatVerts[i + 2]);
+    for (size_t i = 0; i + 2 < m_flatIndices.size(); i += 3)
+        std::fprintf(f, "f %u %u %u\n", m_flatIndices[i] + 1, m_flatIndices[i + 1] + 1, m_flatIndices[i + 2] + 1);
+    const bool ok = std::fflush(f) == 0 && !std::ferror(f);
+    return std::fclose(f) == 0 && ok;
+}
+
+BenchMesh* BenchMesh::generate(const std::string& name)
+{
+    const float radius = 512.0f;
+    if (name == "sphere_tiny")
+        return sphere(name, 8, 5, radius); // 64 triangles
+    if (name == "sphere1k")
+        return sphere(name, 25, 21, radius); // 1,000
+    if (name == "sphere10k")
+        return sphere(name, 100, 51, radius); // 10,000
+    if (name == "sphere100k")
+        return sphere(name, 250, 201, radius); // 100,000
+    if (name == "sphere1m")
+        return sphere(name, 1000, 501, radius); // 1,000,000
+    if (name == "level_tiny")
+        return level(name, 2, 1, 1, 0x4D6572696442ull);
+    if (name == "level1k")
+        return levelNear(name, 1000);
+    if (name == "level10k")
+        return levelNear(name, 10000);
+    if (name == "level100k")
+        return levelNear(name, 100000);
+    if (name == "level1m")
+        return levelNear(name, 1000000);
+    // Any other size: sphereN / levelN with N a count, optionally followed by k or m.
+    for (const char* kind : {"sphere", "level"})
+    {
+        const size_t len = std::strlen(kind);
+        if (name.compare(0, len, kind) != 0 || name.size() == len)
+            continue;
+        char* end = nullptr;
+        double n = std::strtod(name.c_str() + len, &end);
+        if (*end == 'k')
+            n *= 1e3, ++end;
+        else if (*end == 'm')
+            n *= 1e6, ++end;
+        if (*end != '\0' || !(n >= 8 && n <= 2e7))
+            return nullptr;
+        if (kind[0] == 'l')
+            return levelNear(name, (long)n);
+        // 2 · slices · (stacks − 1) triangles with about twice as many stacks as slices
+        // around (the proportions of the fixed sizes above).
+        const int slices = std::max(3, (int)std::lround(std::sqrt(n)));
+        const int stacks = std::max(2, (int)std::lround(n / (2.0 * slices)) + 1);
+        return sphere(name, slices, stacks, radius);
+    }
+    return nullptr;
+}
+
+BenchMesh* BenchMesh::fromFile(const std::string& path, std::string* error)
+{
+#ifdef MERIDBSP_BENCH_HAVE_MESHIO
+    std::string why;
+    srMeshModel* model = MeshReader::read(path, why);
+    if (!model)
+    {
+        *error = path + ": " + why;
+        return nullptr;
+    }
+    std::string stem = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
+    if (stem.find('.') != std::string::npos)
+        stem = stem.substr(0, stem.rfind('.'));
+    BenchMesh* out = new BenchMesh(stem, "file:" + stem, ORIENT_UNKNOWN);
+    out->m_mesh->release();
+    out->m_mesh = model;
+    out->finish();
+    return out;
+#else
+    *error = path + ": mesh files need the command-line tool's mesh reader (configure with MERIDBSP_BUILD_CLI=ON)";
+    return nullptr;
+#endif
+}

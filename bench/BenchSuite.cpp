@@ -1,0 +1,748 @@
+#include "BenchSuite.h"
+
+#include <algorithm>
+#include <ctime>
+#include <cmath>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "clip/mrClipBSP.h"
+#include "clipgen/mrClipBSPGen.h"
+#include "platform/core/mrCore.h"
+#include "platform/core/mrIOManager.h"
+#include "portals/mrBSPPortalizer.h"
+#include "solid/mrBSPTree.h"
+#include "solid/mrSolidBSP.h"
+#include "surfaces/mrBSPSurfaceBuilder.h"
+
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+#include "PeerEmbree.h"
+#endif
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+#include "PeerBullet.h"
+#endif
+
+namespace
+{
+
+// The stage times and the time limit use the thread's CPU time, like the benchmark
+// library's own figures: the machine is shared, and wall time there measures the load.
+class Clock
+{
+public:
+    typedef double time_point;
+    static time_point now()
+    {
+        timespec ts;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+        return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
+    }
+};
+
+double secondsSince(Clock::time_point t0) { return Clock::now() - t0; }
+
+// The portal file writer announces itself on standard output; keep that line out of
+// the benchmark's own output (which may be JSON on standard output).
+class StdoutSilencer
+{
+public:
+    StdoutSilencer()
+    {
+        std::fflush(stdout);
+        m_saved = ::dup(1);
+        const int devnull = ::open("/dev/null", O_WRONLY);
+        if (devnull >= 0)
+        {
+            ::dup2(devnull, 1);
+            ::close(devnull);
+        }
+    }
+    ~StdoutSilencer()
+    {
+        std::fflush(stdout);
+        if (m_saved >= 0)
+        {
+            ::dup2(m_saved, 1);
+            ::close(m_saved);
+        }
+    }
+
+private:
+    int m_saved;
+};
+
+benchmark::Counter average(double total) { return benchmark::Counter(total, benchmark::Counter::kAvgIterations); }
+
+// Queries timed to decide whether a whole pass fits the time limit.
+const size_t kSample = 1000;
+
+} // namespace
+
+BenchSuite::BenchSuite(const Options& options) : m_options(options) {}
+
+BenchSuite::~BenchSuite()
+{
+    for (std::unique_ptr<Entry>& e : m_entries)
+    {
+        if (e->clip)
+            e->clip->release();
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+        delete e->embree;
+#endif
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+        delete e->bullet;
+#endif
+    }
+}
+
+void BenchSuite::addMesh(BenchMesh* mesh)
+{
+    std::unique_ptr<Entry> e(new Entry);
+    e->mesh.reset(mesh);
+    m_entries.push_back(std::move(e));
+}
+
+void BenchSuite::registerFamily(const std::string& family, void (BenchSuite::*fn)(benchmark::State&, Entry&),
+                                const std::string& suffix)
+{
+    for (std::unique_ptr<Entry>& up : m_entries)
+    {
+        Entry* e = up.get();
+        const std::string name = family + "/" + e->mesh->name() + suffix;
+        benchmark::internal::Benchmark* b =
+            benchmark::RegisterBenchmark(name.c_str(), [this, fn, e](benchmark::State& st) { (this->*fn)(st, *e); });
+        b->Unit(benchmark::kMillisecond);
+        if (m_options.tiny || family == "cross_check")
+            b->Iterations(1);
+    }
+}
+
+void BenchSuite::registerAll()
+{
+    // Order matters for the time limit: within a family the meshes of a kind run
+    // smallest first, so each size's time predicts the next.
+    registerFamily("clip_build", &BenchSuite::clipBuild);
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+    registerFamily("peer_embree_build", &BenchSuite::embreeBuild);
+#endif
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+    registerFamily("peer_bullet_build", &BenchSuite::bulletBuild);
+#endif
+    registerFamily("vis_build", &BenchSuite::visMidSplit, "/mid_split");
+    registerFamily("vis_build", &BenchSuite::visNormal, "/normal");
+    registerFamily("chunk_save", &BenchSuite::chunkSave);
+    registerFamily("chunk_load", &BenchSuite::chunkLoad);
+    registerFamily("point_info", &BenchSuite::pointInfo);
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+    registerFamily("peer_embree_inside", &BenchSuite::embreeInside);
+#endif
+    registerFamily("check_collision", &BenchSuite::checkCollision);
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+    registerFamily("peer_embree_segment", &BenchSuite::embreeSegment);
+#endif
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+    registerFamily("peer_bullet_segment", &BenchSuite::bulletSegment);
+#endif
+    registerFamily("cross_check", &BenchSuite::crossCheck);
+}
+
+// ---- time limit -------------------------------------------------------------------
+
+static double predictFrom(const std::vector<std::pair<double, double>>& times, double n, double defaultExponent)
+{
+    if (times.empty())
+        return 0.0;
+    const std::pair<double, double>& last = times.back();
+    double k = defaultExponent;
+    if (times.size() >= 2)
+    {
+        const std::pair<double, double>& prev = times[times.size() - 2];
+        if (prev.first > 0 && last.first > prev.first && prev.second > 0 && last.second > 0)
+            k = std::min(3.0, std::max(1.0, std::log(last.second / prev.second) / std::log(last.first / prev.first)));
+    }
+    if (n <= last.first)
+        return last.second;
+    return last.second * std::pow(n / last.first, k);
+}
+
+bool BenchSuite::skipByPrediction(benchmark::State& st, const std::string& family, const Entry& e,
+                                  double defaultExponent, double limit)
+{
+    const auto it = m_times.find(family + "|" + e.mesh->kind());
+    if (it == m_times.end())
+        return false;
+    const double predicted = predictFrom(it->second, (double)e.mesh->numTriangles(), defaultExponent);
+    if (predicted <= limit)
+        return false;
+    char msg[200];
+    std::snprintf(msg, sizeof msg, "skipped: predicted %.0f s per iteration from the smaller meshes (limit %.0f s)",
+                  predicted, limit);
+    st.SkipWithError(msg);
+    std::fprintf(stderr, "%s/%s: %s\n", family.c_str(), e.mesh->name().c_str(), msg);
+    return true;
+}
+
+void BenchSuite::recordTime(const std::string& family, const Entry& e, double secondsPerIteration)
+{
+    std::vector<std::pair<double, double>>& v = m_times[family + "|" + e.mesh->kind()];
+    const double n = (double)e.mesh->numTriangles();
+    if (!v.empty() && v.back().first == n)
+        v.back().second = secondsPerIteration;
+    else
+        v.push_back(std::make_pair(n, secondsPerIteration));
+}
+
+bool BenchSuite::skipBySample(benchmark::State& st, double sampleSeconds, size_t sample, size_t total)
+{
+    if (sample == 0)
+        return false;
+    const double predicted = sampleSeconds * (double)total / (double)sample;
+    if (predicted <= m_options.maxSeconds)
+        return false;
+    char msg[200];
+    std::snprintf(msg, sizeof msg, "skipped: the first %zu queries predict %.0f s per pass (limit %.0f s)", sample,
+                  predicted, m_options.maxSeconds);
+    st.SkipWithError(msg);
+    return true;
+}
+
+// ---- shared state -----------------------------------------------------------------
+
+BenchQueries& BenchSuite::queries(Entry& e)
+{
+    if (!e.queries)
+        e.queries.reset(new BenchQueries(e.mesh->mins(), e.mesh->maxs(), m_options.queries, 0x5EED0F5EEDull));
+    return *e.queries;
+}
+
+mrClipBSP* BenchSuite::clip(Entry& e)
+{
+    if (!e.clip)
+    {
+        // Building takes as long as clip_build; refuse where that was predicted far over
+        // the limit, rather than stall every query benchmark of the mesh.
+        const auto it = m_times.find("clip_build|" + e.mesh->kind());
+        if (it != m_times.end() && predictFrom(it->second, (double)e.mesh->numTriangles(), 2.0) > m_options.buildMaxSeconds)
+            return nullptr;
+        mrClipBSPGen gen;
+        srVector3T<float> offset(0.0f, 0.0f, 0.0f);
+        srMatrix3T<float> matrix;
+        e.clip = gen.importMeshModel(e.mesh->mesh(), offset, matrix);
+    }
+    return e.clip;
+}
+
+const std::vector<unsigned char>& BenchSuite::chunk(Entry& e)
+{
+    if (e.chunk.empty())
+    {
+        mrClipBSP* bsp = clip(e);
+        std::string error;
+        std::vector<srClass*> objects(1, bsp);
+        if (bsp && !mrCore::instance().getIOManager()->saveBuffer(objects, e.chunk, &error))
+            std::fprintf(stderr, "%s: cannot save the clip BSP: %s\n", e.mesh->name().c_str(), error.c_str());
+    }
+    return e.chunk;
+}
+
+PeerEmbree* BenchSuite::embree(Entry& e)
+{
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+    if (!e.embree)
+    {
+        PeerEmbree::FlushDenormals ftz;
+        e.embree = new PeerEmbree(*e.mesh);
+    }
+#endif
+    return e.embree;
+}
+
+PeerBullet* BenchSuite::bullet(Entry& e)
+{
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+    if (!e.bullet)
+        e.bullet = new PeerBullet(*e.mesh);
+#endif
+    return e.bullet;
+}
+
+// ---- our benchmarks ---------------------------------------------------------------
+
+void BenchSuite::clipBuild(benchmark::State& st, Entry& e)
+{
+    if (skipByPrediction(st, "clip_build", e, 2.0, m_options.buildMaxSeconds))
+        return;
+    srVector3T<float> offset(0.0f, 0.0f, 0.0f);
+    srMatrix3T<float> matrix;
+    double total = 0.0, convert = 0.0;
+    uint32_t nodes = 0, planes = 0;
+    for (auto _ : st)
+    {
+        const Clock::time_point t0 = Clock::now();
+        mrClipBSPGen* gen = new mrClipBSPGen();
+        mrClipBSP* bsp = gen->importMeshModel(e.mesh->mesh(), offset, matrix);
+        benchmark::DoNotOptimize(bsp);
+        total += secondsSince(t0);
+        st.PauseTiming();
+        // The flattening alone: the generator keeps its tree, and converting it again
+        // changes nothing.
+        const Clock::time_point t1 = Clock::now();
+        mrClipBSP* again = gen->convertToClipBSP();
+        convert += secondsSince(t1);
+        again->release();
+        nodes = bsp->m_numnodes;
+        planes = bsp->m_numplanes;
+        delete gen;
+        if (!e.clip)
+            e.clip = bsp; // the query benchmarks use it
+        else
+            bsp->release();
+        st.ResumeTiming();
+    }
+    recordTime("clip_build", e, total / (double)st.iterations());
+    st.counters["triangles"] = (double)e.mesh->numTriangles();
+    st.counters["nodes"] = nodes;
+    st.counters["planes"] = planes;
+    st.counters["convert_s"] = average(convert);
+}
+
+void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
+{
+    const std::string family = midSplit ? "vis_build_mid_split" : "vis_build_normal";
+    // Normal mode scores every candidate against every face of its list at every node:
+    // up to cubic in the worst case.
+    if (skipByPrediction(st, family, e, midSplit ? 2.0 : 3.0, m_options.maxSeconds))
+        return;
+    const std::string path = m_options.portalDir + "/test.prt";
+    double tSurf = 0, tGen = 0, tPortal = 0, tFile = 0, tMesh = 0, tFree = 0;
+    int32_t splitNodes = 0, visleafs = 0, visportals = 0;
+    long meshPolys = 0;
+    bool fileOk = true;
+    for (auto _ : st)
+    {
+        Clock::time_point t = Clock::now();
+        mrBSPSurfaceBuilder builder;
+        mrBSPSurface* list = builder.buildSurfaces(e.mesh->mesh());
+        for (mrBSPSurface* s = list; s; s = s->m_next)
+            s->calcBounds();
+        tSurf += secondsSince(t);
+
+        t = Clock::now();
+        mrSolidBSP solid;
+        mrBSPNode* head = solid.generate(list, midSplit ? 1 : 0);
+        head->m_mins = e.mesh->mins();
+        head->m_maxs = e.mesh->maxs();
+        tGen += secondsSince(t);
+
+        t = Clock::now();
+        mrBSPPortalizer portalizer;
+        portalizer.portalize(head);
+        tPortal += secondsSince(t);
+
+        t = Clock::now();
+        {
+            StdoutSilencer quiet;
+            fileOk = mrBSPPortalizer::writePortalfile(head, path.c_str()) && fileOk;
+        }
+        tFile += secondsSince(t);
+
+        t = Clock::now();
+        srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
+        tMesh += secondsSince(t);
+
+        t = Clock::now();
+        mrBSPPortalizer::freeAllPortals(head);
+        tFree += secondsSince(t);
+
+        st.PauseTiming();
+        splitNodes = solid.m_numSplitNodes;
+        visleafs = mrBSPPortalizer::m_num_visleafs;
+        visportals = mrBSPPortalizer::m_num_visportals;
+        meshPolys = portalMesh ? portalMesh->m_numpolys : 0;
+        if (portalMesh)
+            portalMesh->release();
+        mrBSPTree::release(head);
+        builder.releasePlanes();
+        st.ResumeTiming();
+    }
+    if (!fileOk)
+        st.SkipWithError("the portal file could not be written");
+    recordTime(family, e, (tSurf + tGen + tPortal + tFile + tMesh + tFree) / (double)st.iterations());
+    st.counters["triangles"] = (double)e.mesh->numTriangles();
+    st.counters["split_nodes"] = splitNodes;
+    st.counters["visleafs"] = visleafs;
+    st.counters["visportals"] = visportals;
+    st.counters["mesh_polys"] = (double)meshPolys;
+    st.counters["surfaces_s"] = average(tSurf);
+    st.counters["generate_s"] = average(tGen);
+    st.counters["portalize_s"] = average(tPortal);
+    st.counters["portalfile_s"] = average(tFile);
+    st.counters["mesh_s"] = average(tMesh);
+    st.counters["free_s"] = average(tFree);
+}
+
+void BenchSuite::chunkSave(benchmark::State& st, Entry& e)
+{
+    mrClipBSP* bsp = clip(e);
+    if (!bsp)
+    {
+        st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
+        return;
+    }
+    mrIOManager* io = mrCore::instance().getIOManager();
+    std::vector<srClass*> objects(1, bsp);
+    std::vector<unsigned char> out;
+    std::string error;
+    bool ok = true;
+    for (auto _ : st)
+    {
+        ok = io->saveBuffer(objects, out, &error) && ok;
+        benchmark::DoNotOptimize(out.data());
+    }
+    if (!ok)
+        st.SkipWithError(("save failed: " + error).c_str());
+    st.SetBytesProcessed((int64_t)st.iterations() * (int64_t)out.size());
+    st.counters["bytes"] = (double)out.size();
+}
+
+void BenchSuite::chunkLoad(benchmark::State& st, Entry& e)
+{
+    const std::vector<unsigned char>& data = chunk(e);
+    if (data.empty())
+    {
+        st.SkipWithError("skipped: no saved clip BSP to load");
+        return;
+    }
+    mrIOManager* io = mrCore::instance().getIOManager();
+    std::string error;
+    bool ok = true;
+    std::vector<srClass*> objects;
+    objects.reserve(1);
+    // Each pass loads (with the file's validation) and releases the loaded clip BSP.
+    for (auto _ : st)
+    {
+        objects.clear();
+        ok = io->loadBuffer(data, objects, &error) && ok;
+        for (srClass* o : objects)
+            o->release();
+    }
+    if (!ok)
+        st.SkipWithError(("load failed: " + error).c_str());
+    st.SetBytesProcessed((int64_t)st.iterations() * (int64_t)data.size());
+    st.counters["bytes"] = (double)data.size();
+}
+
+void BenchSuite::pointInfo(benchmark::State& st, Entry& e)
+{
+    const mrClipBSP* bsp = clip(e);
+    if (!bsp)
+    {
+        st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
+        return;
+    }
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size(), sample = std::min(n, kSample);
+    Clock::time_point t0 = Clock::now();
+    for (size_t i = 0; i < sample; ++i)
+        benchmark::DoNotOptimize(bsp->pointInfo(0, q.m_points[i]));
+    if (skipBySample(st, secondsSince(t0), sample, n))
+        return;
+    size_t solid = 0;
+    for (auto _ : st)
+    {
+        solid = 0;
+        for (size_t i = 0; i < n; ++i)
+            solid += bsp->pointInfo(0, q.m_points[i]) <= -2;
+        benchmark::DoNotOptimize(solid);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["solid"] = (double)solid;
+    // How deep the walks go (outside the timing, on the first 10,000 points): the cost
+    // of a query is this many plane tests.
+    const size_t m = std::min(n, (size_t)10000);
+    double visited = 0.0;
+    for (size_t i = 0; i < m; ++i)
+    {
+        const srVector3T<float>& p = q.m_points[i];
+        for (int node = 0; node >= 0 && bsp->m_numnodes;)
+        {
+            const mrClipNode& nd = bsp->m_nodes[node];
+            const mrPlane& pl = bsp->m_planes[nd.planeIndex];
+            const float d = pl.m_normal.z * p.z + pl.m_normal.y * p.y + pl.m_normal.x * p.x - pl.m_dist;
+            node = d >= 0.0f ? nd.child[0] : nd.child[1];
+            visited += 1.0;
+        }
+    }
+    st.counters["nodes_per_query"] = m ? visited / (double)m : 0.0;
+}
+
+void BenchSuite::checkCollision(benchmark::State& st, Entry& e)
+{
+    const mrClipBSP* bsp = clip(e);
+    if (!bsp)
+    {
+        st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
+        return;
+    }
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size(), sample = std::min(n, kSample);
+    mrTrace trace;
+    Clock::time_point t0 = Clock::now();
+    for (size_t i = 0; i < sample; ++i)
+        benchmark::DoNotOptimize(bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace));
+    if (skipBySample(st, secondsSince(t0), sample, n))
+        return;
+    size_t blocked = 0;
+    for (auto _ : st)
+    {
+        blocked = 0;
+        for (size_t i = 0; i < n; ++i)
+            blocked += bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0;
+        benchmark::DoNotOptimize(blocked);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["blocked"] = (double)blocked;
+}
+
+// ---- peers ------------------------------------------------------------------------
+
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+void BenchSuite::embreeBuild(benchmark::State& st, Entry& e)
+{
+    if (skipByPrediction(st, "peer_embree_build", e, 1.3, m_options.buildMaxSeconds))
+        return;
+    PeerEmbree::device(); // outside the timing
+    PeerEmbree::FlushDenormals ftz;
+    double total = 0.0;
+    for (auto _ : st)
+    {
+        const Clock::time_point t0 = Clock::now();
+        RTCScene scene = PeerEmbree::buildScene(*e.mesh, false);
+        benchmark::DoNotOptimize(scene);
+        total += secondsSince(t0);
+        st.PauseTiming();
+        rtcReleaseScene(scene);
+        st.ResumeTiming();
+    }
+    recordTime("peer_embree_build", e, total / (double)st.iterations());
+    st.counters["triangles"] = (double)e.mesh->numTriangles();
+}
+
+void BenchSuite::embreeSegment(benchmark::State& st, Entry& e)
+{
+    PeerEmbree* peer = embree(e);
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size();
+    PeerEmbree::FlushDenormals ftz;
+    size_t hits = 0;
+    for (auto _ : st)
+    {
+        hits = 0;
+        for (size_t i = 0; i < n; ++i)
+            hits += peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
+        benchmark::DoNotOptimize(hits);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["hits"] = (double)hits;
+}
+
+void BenchSuite::embreeInside(benchmark::State& st, Entry& e)
+{
+    PeerEmbree* peer = embree(e);
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size();
+    PeerEmbree::FlushDenormals ftz;
+    size_t inside = 0;
+    for (auto _ : st)
+    {
+        inside = 0;
+        for (size_t i = 0; i < n; ++i)
+            inside += peer->inside(&q.m_points[i].x);
+        benchmark::DoNotOptimize(inside);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["inside"] = (double)inside;
+}
+#else
+void BenchSuite::embreeBuild(benchmark::State&, Entry&) {}
+void BenchSuite::embreeSegment(benchmark::State&, Entry&) {}
+void BenchSuite::embreeInside(benchmark::State&, Entry&) {}
+#endif
+
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+void BenchSuite::bulletBuild(benchmark::State& st, Entry& e)
+{
+    if (skipByPrediction(st, "peer_bullet_build", e, 1.3, m_options.buildMaxSeconds))
+        return;
+    btTriangleIndexVertexArray* triangles = PeerBullet::wrap(*e.mesh);
+    double total = 0.0;
+    for (auto _ : st)
+    {
+        const Clock::time_point t0 = Clock::now();
+        btBvhTriangleMeshShape* shape = PeerBullet::buildShape(triangles);
+        benchmark::DoNotOptimize(shape);
+        total += secondsSince(t0);
+        st.PauseTiming();
+        delete shape;
+        st.ResumeTiming();
+    }
+    delete triangles;
+    recordTime("peer_bullet_build", e, total / (double)st.iterations());
+    st.counters["triangles"] = (double)e.mesh->numTriangles();
+}
+
+void BenchSuite::bulletSegment(benchmark::State& st, Entry& e)
+{
+    PeerBullet* peer = bullet(e);
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size();
+    size_t hits = 0;
+    for (auto _ : st)
+    {
+        hits = 0;
+        for (size_t i = 0; i < n; ++i)
+            hits += peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
+        benchmark::DoNotOptimize(hits);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["hits"] = (double)hits;
+}
+#else
+void BenchSuite::bulletBuild(benchmark::State&, Entry&) {}
+void BenchSuite::bulletSegment(benchmark::State&, Entry&) {}
+#endif
+
+// ---- cross-check ------------------------------------------------------------------
+
+void BenchSuite::crossCheck(benchmark::State& st, Entry& e)
+{
+    const mrClipBSP* bsp = clip(e);
+    if (!bsp)
+    {
+        st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
+        return;
+    }
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size();
+    PeerEmbree* pe = embree(e);
+    PeerBullet* pb = bullet(e);
+
+    // Fit the check into the time limit: time a sample of both queries and check as
+    // many as fit (all of them unless the clip BSP's queries are very slow).
+    const size_t sample = std::min(n, (size_t)200);
+    mrTrace trace;
+    Clock::time_point t0 = Clock::now();
+    for (size_t i = 0; i < sample; ++i)
+    {
+        benchmark::DoNotOptimize(bsp->pointInfo(0, q.m_points[i]));
+        benchmark::DoNotOptimize(bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace));
+    }
+    const double perQuery = sample ? secondsSince(t0) / (double)sample : 0.0;
+    size_t count = n;
+    if (perQuery * (double)n > m_options.maxSeconds)
+        count = std::max(sample, (size_t)(m_options.maxSeconds / perQuery));
+
+    // Points: our solid (<= -2) against the peer's inside-by-parity. For an inward mesh
+    // (a hollow level) the enclosed volume is the open space, so solid means outside.
+    const bool outward = e.mesh->orientation() != BenchMesh::ORIENT_INWARD;
+    size_t solid = 0, solidAgree = 0, empty = 0, emptyAgree = 0;
+    size_t blocked = 0, blockedEmbree = 0, blockedBullet = 0, startSolid = 0, clear = 0, clearNoHit = 0;
+    for (auto _ : st)
+    {
+        for (size_t i = 0; i < count; ++i)
+        {
+            const int c = bsp->pointInfo(0, q.m_points[i]);
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+            bool enclosed;
+            {
+                PeerEmbree::FlushDenormals ftz;
+                enclosed = pe->inside(&q.m_points[i].x);
+            }
+            const bool peerSolid = outward ? enclosed : !enclosed;
+#else
+            const bool peerSolid = false;
+            (void)pe;
+            (void)outward;
+#endif
+            if (c <= -2)
+            {
+                ++solid;
+                solidAgree += peerSolid;
+            }
+            else
+            {
+                ++empty;
+                emptyAgree += !peerSolid;
+            }
+
+            mrTrace tr;
+            const int ret = bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], tr);
+            bool hitE = false, hitB = false;
+#ifdef MERIDBSP_BENCH_HAVE_EMBREE
+            {
+                PeerEmbree::FlushDenormals ftz;
+                hitE = pe->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
+            }
+#endif
+#ifdef MERIDBSP_BENCH_HAVE_BULLET
+            hitB = pb->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
+#else
+            (void)pb;
+#endif
+            if (ret == 0 && tr.m_startSolid)
+                ++startSolid;
+            else if (ret == 0)
+            {
+                ++blocked;
+                blockedEmbree += hitE;
+                blockedBullet += hitB;
+            }
+            else
+            {
+                ++clear;
+                clearNoHit += !hitE;
+            }
+        }
+    }
+    const double pointRate = solid ? (double)solidAgree / (double)solid : 1.0;
+    const double segRate = blocked ? (double)blockedEmbree / (double)blocked : 1.0;
+    const double segRateB = blocked ? (double)blockedBullet / (double)blocked : 1.0;
+    const bool known = e.mesh->orientation() != BenchMesh::ORIENT_UNKNOWN;
+#if defined(MERIDBSP_BENCH_HAVE_EMBREE) || defined(MERIDBSP_BENCH_HAVE_BULLET)
+    const char* peerNote = "";
+#else
+    const char* peerNote = " (no peer library built in: our counts only)";
+#endif
+    bool failed = false;
+#if defined(MERIDBSP_BENCH_HAVE_EMBREE)
+    failed = known && (pointRate < 0.999 || segRate < 0.999);
+#endif
+#if defined(MERIDBSP_BENCH_HAVE_BULLET)
+    failed = failed || (known && segRateB < 0.999);
+#endif
+    std::fprintf(stderr,
+                 "cross_check/%s: %zu of %zu queries%s; points: solid %zu, inside by parity %zu (%.4f %%), "
+                 "empty %zu, outside by parity %zu; segments: blocked %zu, peer hit %zu (embree) %zu (bullet) "
+                 "(%.4f %% / %.4f %%), start solid %zu, clear %zu, peer miss %zu%s%s%s\n",
+                 e.mesh->name().c_str(), count, n, count < n ? " (time limit)" : "", solid, solidAgree,
+                 100.0 * pointRate, empty, emptyAgree, blocked, blockedEmbree, blockedBullet, 100.0 * segRate,
+                 100.0 * segRateB, startSolid, clear, clearNoHit, known ? "" : " (orientation unknown: not judged)",
+                 peerNote, failed ? "  ** DISAGREES **" : "");
+    if (failed)
+    {
+        ++m_failures;
+        st.SkipWithError("the clip BSP disagrees with the peers beyond 0.1 %");
+    }
+    st.counters["checked"] = (double)count;
+    st.counters["solid_points"] = (double)solid;
+    st.counters["solid_inside"] = (double)solidAgree;
+    st.counters["empty_points"] = (double)empty;
+    st.counters["empty_outside"] = (double)emptyAgree;
+    st.counters["blocked"] = (double)blocked;
+    st.counters["blocked_embree_hit"] = (double)blockedEmbree;
+    st.counters["blocked_bullet_hit"] = (double)blockedBullet;
+    st.counters["start_solid"] = (double)startSolid;
+    st.counters["clear"] = (double)clear;
+    st.counters["clear_embree_miss"] = (double)clearNoHit;
+}
