@@ -1,10 +1,12 @@
-#include <gtest/gtest.h>
-
+// The clip BSP generator: records, mesh import, face splitting, partitioning, conversion,
+// and the finished clip BSPs checked against a brute-force reference.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "clip/mrClipBSP.h"
 #include "clipgen/mrClipBSPGen.h"
@@ -18,27 +20,27 @@ typedef srVector3T<float> V;
 typedef srVector4T<float> V4;
 const double kPi = 3.14159265358979323846;
 
-struct ReleaseBSP
-{
-    void operator()(mrClipBSP* bsp) const
-    {
-        if (bsp)
-            bsp->release();
-    }
-};
-typedef std::unique_ptr<mrClipBSP, ReleaseBSP> BSPPtr;
+typedef mtest::ClipPtr BSPPtr;
+using mtest::addTriangle;
 
 BSPPtr import(mrClipBSPGen& gen, srMeshModel& mesh, V offset = V(0, 0, 0), srMatrix3T<float> matrix = {})
 {
     return BSPPtr(gen.importMeshModel(&mesh, offset, matrix));
 }
 
-void addTri(srMeshModel& mesh, V a, V b, V c)
+// The generator's counts: interior nodes, empty leaves, solid leaves, leaf faces.
+std::vector<int> counts(const mrClipBSPGen& g)
 {
-    long i = mesh.addVertex(a);
-    mesh.addVertex(b);
-    mesh.addVertex(c);
-    mesh.addPolygon((int)i, (int)i + 1, (int)i + 2);
+    return {g.m_numnodes, g.m_numemptyleafs, g.m_numsolidleafs, g.m_numleaffaces};
+}
+
+// A clip BSP's node records as (plane index, front, back) triples in a row.
+std::vector<int> nodesOf(const mrClipBSP& b)
+{
+    std::vector<int> out;
+    for (uint32_t i = 0; i < b.m_numnodes; ++i)
+        out.insert(out.end(), {b.m_nodes[i].planeIndex, b.m_nodes[i].child[0], b.m_nodes[i].child[1]});
+    return out;
 }
 
 // Holds one reference to a named texture for the test's lifetime.
@@ -61,13 +63,9 @@ mrFace* addFace(mrClipBSPGen& gen, std::vector<V> pts, V4 plane)
     return f;
 }
 
-bool same(const V& a, const V& b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 bool hasPoint(const mrFace* f, const V& p)
 {
-    for (int i = 0; i < f->m_numpoints; ++i)
-        if (same(f->m_points[i], p))
-            return true;
-    return false;
+    return std::find(f->m_points, f->m_points + f->m_numpoints, p) != f->m_points + f->m_numpoints;
 }
 
 // ---- brute-force reference for closed meshes, in double ----
@@ -100,22 +98,23 @@ struct Poly
         }
     }
 
-    // Ray/segment parameter of the hit with triangle i, or -1.
+    // Parameter along the line o + t dir where it meets triangle i, or NaN.
     double hit(size_t i, D3 o, D3 dir) const
     {
+        const double none = std::nan("");
         D3 e1 = b[i] - a[i], e2 = c[i] - a[i];
         D3 p = cross(dir, e2);
         double det = dot(e1, p);
         if (std::fabs(det) < 1e-15)
-            return -1;
+            return none;
         D3 s = o - a[i];
         double u = dot(s, p) / det;
         if (u < 0 || u > 1)
-            return -1;
+            return none;
         D3 q = cross(s, e1);
         double v = dot(dir, q) / det;
         if (v < 0 || u + v > 1)
-            return -1;
+            return none;
         return dot(e2, q) / det;
     }
 
@@ -143,38 +142,25 @@ struct Poly
         return best;
     }
 
-    static D3 closest(D3 p, D3 a, D3 b, D3 c)
+    // Distance from p to the surface: to the plane of a triangle that p projects into,
+    // else to the nearest edge.
+    double distance(const V& point) const
     {
-        D3 ab = b - a, ac = c - a, ap = p - a;
-        double d1 = dot(ab, ap), d2 = dot(ac, ap);
-        if (d1 <= 0 && d2 <= 0)
-            return a;
-        D3 bp = p - b;
-        double d3_ = dot(ab, bp), d4 = dot(ac, bp);
-        if (d3_ >= 0 && d4 <= d3_)
-            return b;
-        double vc = d1 * d4 - d3_ * d2;
-        if (vc <= 0 && d1 >= 0 && d3_ <= 0)
-            return a + ab * (d1 / (d1 - d3_));
-        D3 cp = p - c;
-        double d5 = dot(ab, cp), d6 = dot(ac, cp);
-        if (d6 >= 0 && d5 <= d6)
-            return c;
-        double vb = d5 * d2 - d1 * d6;
-        if (vb <= 0 && d2 >= 0 && d6 <= 0)
-            return a + ac * (d2 / (d2 - d6));
-        double va = d3_ * d6 - d5 * d4;
-        if (va <= 0 && (d4 - d3_) >= 0 && (d5 - d6) >= 0)
-            return b + (c - b) * ((d4 - d3_) / ((d4 - d3_) + (d5 - d6)));
-        double denom = 1.0 / (va + vb + vc);
-        return a + ab * (vb * denom) + ac * (vc * denom);
-    }
-
-    double distance(const V& p) const
-    {
+        D3 p = d3(point);
+        auto edge = [&p](D3 from, D3 to)
+        {
+            double t = std::min(1.0, std::max(0.0, dot(p - from, to - from) / dot(to - from, to - from)));
+            return len(p - (from + (to - from) * t));
+        };
         double best = 1e30;
         for (size_t i = 0; i < a.size(); ++i)
-            best = std::min(best, len(d3(p) - closest(d3(p), a[i], b[i], c[i])));
+        {
+            D3 n = cross(b[i] - a[i], c[i] - a[i]);
+            n = n * (1 / len(n));
+            best = std::min(best, std::isnan(hit(i, p, n))
+                                      ? std::min({edge(a[i], b[i]), edge(b[i], c[i]), edge(c[i], a[i])})
+                                      : std::fabs(dot(p - a[i], n)));
+        }
         return best;
     }
 };
@@ -249,15 +235,17 @@ void expectTracesStopShort(const mrClipBSP& bsp, const Poly& poly, V centre, flo
 
 // ---------------------------------------------------------------------------
 
-TEST(ClipGenRecords, NewGeneratorIsEmpty)
+TEST(ClipGenRecords, NewGeneratorIsEmptyAndCheckFaceChangesNothing)
 {
     mrClipBSPGen gen;
     EXPECT_EQ(0, gen.m_numplanes);
     EXPECT_EQ(nullptr, gen.m_planes);
-    EXPECT_TRUE(gen.m_faces.empty());
-    EXPECT_TRUE(gen.m_nodes.empty());
-    EXPECT_TRUE(gen.m_allfaces.empty());
+    EXPECT_TRUE(gen.m_faces.empty() && gen.m_nodes.empty() && gen.m_allfaces.empty());
     EXPECT_EQ(0, gen.m_numnodes + gen.m_numleaffaces + gen.m_numsolidleafs + gen.m_numemptyleafs);
+    mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
+    mrFace before = *f;
+    gen.checkFace(f);
+    EXPECT_EQ(0, std::memcmp(&before, f, sizeof(mrFace)));
 }
 
 TEST(ClipGenRecords, FindContentsMarksOnlyTheTwoExactNames)
@@ -276,18 +264,9 @@ TEST(ClipGenRecords, FindContentsMarksOnlyTheTwoExactNames)
     }
 }
 
-TEST(ClipGenRecords, CheckFaceChangesNothing)
-{
-    mrClipBSPGen gen;
-    mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
-    mrFace before = *f;
-    gen.checkFace(f);
-    EXPECT_EQ(0, std::memcmp(&before, f, sizeof(mrFace)));
-}
-
 // ---- import: planes, bounds, textures ----
 
-TEST(ClipGenImport, TrianglePlaneFollowsWinding)
+TEST(ClipGenImport, TrianglePlaneFollowsWindingAndIsComputedInFloat)
 {
     struct Case
     {
@@ -299,11 +278,18 @@ TEST(ClipGenImport, TrianglePlaneFollowsWinding)
         {V(0, 0, 5), V(1, 0, 5), V(0, 1, 5), V4(0, 0, 1, 5)},
         {V(0, 0, 0), V(1, 1, 1), V(2, 2, 2), V4(0, 0, 0, 0)},
         {V(3, 1, 2), V(3, 1, 2), V(0, 7, 1), V4(0, 0, 0, 0)},
+        // These points give a plane that differs in every component from the same formula
+        // evaluated in double and rounded once.
+        {V(-117.125f, -86.625f, -35.875f), V(70.125f, 88.25f, -79.25f), V(73.75f, -18.625f, 73.5f),
+         V4(0x1.0ee9c8p-1f, -0x1.60ed4cp-1f, -0x1.fab99ep-2f, 0x1.efaf78p+3f)},
+        // Here the scale 1/sqrt(L) differs when taken in double.
+        {V(-19.25f, -1.5f, 24.25f), V(-13.75f, -24.25f, -1.25f), V(-4.75f, -4.75f, -2.75f),
+         V4(0x1.9f8b4cp-1f, -0x1.5a0adap-2f, 0x1.e7fa7ap-2f, -0x1.c7bd14p+1f)},
     };
     for (const Case& c : cases)
     {
         srMeshModel mesh;
-        addTri(mesh, c.a, c.b, c.c);
+        addTriangle(mesh, c.a, c.b, c.c);
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
         ASSERT_EQ(1u, gen.m_faces.size());
@@ -311,120 +297,80 @@ TEST(ClipGenImport, TrianglePlaneFollowsWinding)
         EXPECT_TRUE(p == c.plane) << p.x << " " << p.y << " " << p.z << " " << p.w;
         EXPECT_EQ(3, gen.m_faces[0]->m_numpoints);
         ASSERT_EQ(1, gen.m_numplanes);
-        EXPECT_TRUE(gen.m_planes[0].m_normal == V(c.plane.x, c.plane.y, c.plane.z));
+        EXPECT_EQ(gen.m_planes[0].m_normal, V(c.plane.x, c.plane.y, c.plane.z));
         EXPECT_EQ(c.plane.w, gen.m_planes[0].m_dist);
     }
 }
 
-TEST(ClipGenImport, FacePlaneIsComputedInFloat)
-{
-    // These points give a plane that differs in every component from the same formula
-    // evaluated in double and rounded once.
-    srMeshModel mesh;
-    addTri(mesh, V(-117.125f, -86.625f, -35.875f), V(70.125f, 88.25f, -79.25f), V(73.75f, -18.625f, 73.5f));
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    const V4& p = gen.m_faces[0]->m_plane;
-    EXPECT_EQ(0x1.0ee9c8p-1f, p.x);
-    EXPECT_EQ(-0x1.60ed4cp-1f, p.y);
-    EXPECT_EQ(-0x1.fab99ep-2f, p.z);
-    EXPECT_EQ(0x1.efaf78p+3f, p.w);
-
-    // Here the scale 1/sqrt(L) differs when taken in double.
-    srMeshModel mesh2;
-    addTri(mesh2, V(-19.25f, -1.5f, 24.25f), V(-13.75f, -24.25f, -1.25f), V(-4.75f, -4.75f, -2.75f));
-    mrClipBSPGen gen2;
-    BSPPtr bsp2 = import(gen2, mesh2);
-    const V4& q = gen2.m_faces[0]->m_plane;
-    EXPECT_EQ(0x1.9f8b4cp-1f, q.x);
-    EXPECT_EQ(-0x1.5a0adap-2f, q.y);
-    EXPECT_EQ(0x1.e7fa7ap-2f, q.z);
-    EXPECT_EQ(-0x1.c7bd14p+1f, q.w);
-}
-
-TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMesh)
+TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
 {
     srMeshModel mesh;
-    addTri(mesh, V(-2, 0, 0), V(3, 0, 0), V(0, 1, 7));
+    addTriangle(mesh, V(-2, 0, 0), V(3, 0, 0), V(0, 1, 7));
     mesh.addVertex(V(100, 100, 100)); // used by no triangle: does not count
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
-    EXPECT_EQ(-3.0f, bsp->m_mins.x);
-    EXPECT_EQ(4.0f, bsp->m_maxs.x);
-    EXPECT_EQ(-1.0f, bsp->m_mins.y);
-    EXPECT_EQ(2.0f, bsp->m_maxs.y);
-    EXPECT_EQ(8.0f, bsp->m_maxs.z);
+    EXPECT_EQ(bsp->m_mins, V(-3, -1, -1));
+    EXPECT_EQ(bsp->m_maxs, V(4, 2, 8));
     ASSERT_EQ(1u, gen.m_nodes.size());
-    EXPECT_TRUE(gen.m_nodes[0]->m_mins == V(-2, 0, 0));
-    EXPECT_TRUE(gen.m_nodes[0]->m_maxs == V(3, 1, 7));
+    EXPECT_EQ(gen.m_nodes[0]->m_mins, V(-2, 0, 0));
+    EXPECT_EQ(gen.m_nodes[0]->m_maxs, V(3, 1, 7));
+
+    // Quarter turn about z: (x, y, z) -> (-y, x, z); then the offset. The caller's mesh
+    // stays as it was.
+    srMeshModel tri;
+    addTriangle(tri, V(1, 0, 0), V(0, 1, 0), V(0, 0, 1));
+    mrClipBSPGen moved;
+    BSPPtr m = import(moved, tri, V(10, 20, 30), srMatrix3T<float>(0, 1, 0, -1, 0, 0, 0, 0, 1));
+    const mrFace* f = moved.m_faces[0];
+    EXPECT_EQ(f->m_points[0], V(10, 21, 30));
+    EXPECT_EQ(f->m_points[1], V(9, 20, 30));
+    EXPECT_EQ(f->m_points[2], V(10, 20, 31));
+    EXPECT_EQ(tri.getVertexLoc()[0], V(1, 0, 0));
+    EXPECT_EQ(m->m_mins, V(8, 19, 29));
 }
 
-TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBounds)
+TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBoundsNullModelIsReported)
 {
     srMeshModel mesh;
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
     ASSERT_TRUE(bsp);
-    EXPECT_EQ(0u, bsp->m_numnodes);
-    EXPECT_EQ(0u, bsp->m_numplanes);
+    EXPECT_EQ(0u, bsp->m_numnodes + bsp->m_numplanes);
     EXPECT_EQ(nullptr, bsp->m_nodes);
     EXPECT_EQ(nullptr, bsp->m_planes);
-    EXPECT_TRUE(bsp->m_mins == V(999998, 999998, 999998));
-    EXPECT_TRUE(bsp->m_maxs == V(-999998, -999998, -999998));
-    EXPECT_EQ(1, gen.m_numsolidleafs);
+    EXPECT_EQ(bsp->m_mins, V(999998, 999998, 999998));
+    EXPECT_EQ(bsp->m_maxs, V(-999998, -999998, -999998));
+    EXPECT_EQ(counts(gen), (std::vector<int>{0, 0, 1, 0}));
     EXPECT_EQ(0, gen.m_numplanes);
     EXPECT_EQ(nullptr, gen.m_planes);
-}
 
-TEST(ClipGenImport, NullModelIsReported)
-{
     mtest::AssertRecorder rec;
-    mrClipBSPGen gen;
+    mrClipBSPGen other;
     V offset;
     srMatrix3T<float> m;
-    EXPECT_EQ(nullptr, gen.importMeshModel(nullptr, offset, m));
-    ASSERT_EQ(1u, rec.reports().size());
-    EXPECT_EQ("model", rec.reports()[0].expression);
-    EXPECT_EQ("mrClipBSPGen", rec.reports()[0].source);
-    EXPECT_EQ(36, rec.reports()[0].line);
-    EXPECT_FALSE(rec.reports()[0].hasMessage);
+    EXPECT_EQ(nullptr, other.importMeshModel(nullptr, offset, m));
+    rec.expect({{"model", "mrClipBSPGen", 36, nullptr}});
 }
 
 TEST(ClipGenImport, FacesTakePolygonTexturesElseTheMeshTexture)
 {
     Tex a("A.TGA"), b("B.TGA"), m("MESH.TGA");
     srMeshModel mesh;
-    addTri(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-    addTri(mesh, V(0, 0, 3), V(0, 1, 3), V(1, 0, 3));
+    addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    addTriangle(mesh, V(0, 0, 3), V(0, 1, 3), V(1, 0, 3));
     mesh.setTexture(m.p);
+    for (int perPolygon = 0; perPolygon < 2; ++perPolygon)
     {
+        if (perPolygon)
+        {
+            mesh.setPolyTexture(0, a.p);
+            mesh.setPolyTexture(1, b.p);
+        }
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
-        EXPECT_EQ(m.p, gen.m_faces[0]->m_texture);
-        EXPECT_EQ(m.p, gen.m_faces[1]->m_texture);
+        EXPECT_EQ(perPolygon ? a.p : m.p, gen.m_faces[0]->m_texture);
+        EXPECT_EQ(perPolygon ? b.p : m.p, gen.m_faces[1]->m_texture);
     }
-    mesh.setPolyTexture(0, a.p);
-    mesh.setPolyTexture(1, b.p);
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    EXPECT_EQ(a.p, gen.m_faces[0]->m_texture);
-    EXPECT_EQ(b.p, gen.m_faces[1]->m_texture);
-}
-
-TEST(ClipGenImport, MatrixThenOffsetMoveACopy)
-{
-    srMeshModel mesh;
-    addTri(mesh, V(1, 0, 0), V(0, 1, 0), V(0, 0, 1));
-    // Quarter turn about z: (x, y, z) -> (-y, x, z); then the offset.
-    srMatrix3T<float> rot(0, 1, 0, -1, 0, 0, 0, 0, 1);
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh, V(10, 20, 30), rot);
-    const mrFace* f = gen.m_faces[0];
-    EXPECT_TRUE(same(f->m_points[0], V(10, 21, 30)));
-    EXPECT_TRUE(same(f->m_points[1], V(9, 20, 30)));
-    EXPECT_TRUE(same(f->m_points[2], V(10, 20, 31)));
-    EXPECT_TRUE(same(mesh.getVertexLoc()[0], V(1, 0, 0)));
-    EXPECT_TRUE(bsp->m_mins == V(8, 19, 29));
 }
 
 // ---- partitioning and conversion on whole meshes ----
@@ -435,15 +381,12 @@ TEST(ClipGenTree, OneTriangleIsOnePlaneWithSolidBehind)
     {
         Tex t(name);
         srMeshModel mesh;
-        addTri(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+        addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
         mesh.setTexture(t.p);
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
-        ASSERT_EQ(1u, bsp->m_numnodes);
-        ASSERT_EQ(1u, bsp->m_numplanes);
-        EXPECT_EQ(0, bsp->m_nodes[0].planeIndex);
-        EXPECT_EQ(-1, bsp->m_nodes[0].child[0]);
-        EXPECT_EQ(std::strcmp(name, "WALL.TGA") ? -3 : -2, bsp->m_nodes[0].child[1]) << name;
+        EXPECT_EQ(1u, bsp->m_numplanes);
+        EXPECT_EQ(nodesOf(*bsp), (std::vector<int>{0, -1, std::strcmp(name, "WALL.TGA") ? -3 : -2})) << name;
         EXPECT_EQ(-1, bsp->pointInfo(0, V(0.2f, 0.2f, 1)));
         EXPECT_GE(-2, bsp->pointInfo(0, V(0.2f, 0.2f, -1)));
     }
@@ -458,24 +401,13 @@ TEST(ClipGenTree, ClosedBoxIsAChainOfSixNodes)
         mtest::addBox(mesh, V(-8, -8, -8), V(8, 8, 8), true);
         ASSERT_EQ(12, mesh.m_numpolys);
         for (long i = 0; i < 12; ++i)
-            mesh.setPolyTexture(i, other.p);
-        if (mark)
-            mesh.setPolyTexture(1, marked.p);
+            mesh.setPolyTexture(i, i == 1 && mark ? marked.p : other.p);
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
-        ASSERT_EQ(6u, bsp->m_numnodes);
         EXPECT_EQ(12u, bsp->m_numplanes);
-        const int planes[6] = {11, 9, 7, 5, 3, 1};
-        for (int i = 0; i < 6; ++i)
-        {
-            EXPECT_EQ(planes[i], bsp->m_nodes[i].planeIndex) << i;
-            EXPECT_EQ(-1, bsp->m_nodes[i].child[0]) << i;
-            EXPECT_EQ(i < 5 ? i + 1 : (mark ? -3 : -2), bsp->m_nodes[i].child[1]) << i;
-        }
-        EXPECT_EQ(6, gen.m_numnodes);
-        EXPECT_EQ(6, gen.m_numemptyleafs);
-        EXPECT_EQ(1, gen.m_numsolidleafs);
-        EXPECT_EQ(12, gen.m_numleaffaces);
+        EXPECT_EQ(nodesOf(*bsp),
+                  (std::vector<int>{11, -1, 1, 9, -1, 2, 7, -1, 3, 5, -1, 4, 3, -1, 5, 1, -1, mark ? -3 : -2}));
+        EXPECT_EQ(counts(gen), (std::vector<int>{6, 6, 1, 12}));
         EXPECT_EQ(12u, gen.m_allfaces.size()); // nothing was cut
         for (const mrFace* f : gen.m_faces)
             EXPECT_EQ(1, f->m_used);
@@ -489,17 +421,17 @@ TEST(ClipGenTree, EqualPlanesInDifferentSubtreesUseTheLastIndex)
     // A wall on x = 0 is the first splitter; two small triangles on the plane z = 1,
     // one on each side of it, become splitters in different subtrees.
     srMeshModel mesh;
-    addTri(mesh, V(-10, 0, 1), V(-9, 0, 1), V(-10, 1, 1)); // 0: z = 1, faces +z
-    addTri(mesh, V(0, -5, -5), V(0, 5, -5), V(0, 0, 5));   // 1: x = 0, faces +x
-    addTri(mesh, V(9, 0, 1), V(10, 0, 1), V(9, 1, 1));     // 2: z = 1, faces +z
+    addTriangle(mesh, V(-10, 0, 1), V(-9, 0, 1), V(-10, 1, 1)); // 0: z = 1, faces +z
+    addTriangle(mesh, V(0, -5, -5), V(0, 5, -5), V(0, 0, 5));   // 1: x = 0, faces +x
+    addTriangle(mesh, V(9, 0, 1), V(10, 0, 1), V(9, 1, 1));     // 2: z = 1, faces +z
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
-    ASSERT_TRUE(gen.m_planes[0].m_normal == gen.m_planes[2].m_normal);
+    ASSERT_EQ(gen.m_planes[0].m_normal, gen.m_planes[2].m_normal);
     ASSERT_EQ(gen.m_planes[0].m_dist, gen.m_planes[2].m_dist);
     ASSERT_EQ(3u, bsp->m_numnodes);
-    EXPECT_EQ(1, bsp->m_nodes[0].planeIndex);
-    EXPECT_EQ(2, bsp->m_nodes[1].planeIndex);
-    EXPECT_EQ(2, bsp->m_nodes[2].planeIndex);
+    const int planes[3] = {1, 2, 2};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(planes[i], bsp->m_nodes[i].planeIndex) << i;
     EXPECT_EQ(1, bsp->m_nodes[0].child[0]);
     EXPECT_EQ(2, bsp->m_nodes[0].child[1]);
 }
@@ -514,44 +446,33 @@ protected:
     mrFace* back = reinterpret_cast<mrFace*>(1);
 };
 
-TEST_F(ClipGenSplit, SameFacingGoesFrontWholeAndIsUsed)
+TEST_F(ClipGenSplit, WholeFacesGoToTheirSideAndFacingOnesAreUsed)
 {
-    mrFace* f = addFace(gen, {V(0, 0, 2), V(1, 0, 2), V(0, 1, 2)}, V4(0, 0, 1, 2));
-    V4 plane(0, 0, 1, 2.0005f);
-    gen.splitFace(f, plane, &front, &back);
-    EXPECT_EQ(f, front);
-    EXPECT_EQ(nullptr, back);
-    EXPECT_EQ(1, f->m_used);
-}
-
-TEST_F(ClipGenSplit, OppositeFacingGoesBackWholeAndIsUsed)
-{
-    mrFace* f = addFace(gen, {V(0, 0, 2), V(0, 1, 2), V(1, 0, 2)}, V4(0, 0, -1, -2));
-    V4 plane(0, 0, 1, 2);
-    gen.splitFace(f, plane, &front, &back);
-    EXPECT_EQ(nullptr, front);
-    EXPECT_EQ(f, back);
-    EXPECT_EQ(1, f->m_used);
-}
-
-TEST_F(ClipGenSplit, WholeFacesKeepTheirSideAndStayCandidates)
-{
-    mrFace* infront = addFace(gen, {V(0, 0, 0), V(1, 0, 0), V(0, 0, 1)}, V4(0, -1, 0, 0));
-    mrFace* behind = addFace(gen, {V(0, 0, 0), V(-1, 0, 0), V(0, 0, 1)}, V4(0, 1, 0, 0));
-    // Points on the plane but a plane of its own that fails both facing tests.
-    mrFace* onPlane = addFace(gen, {V(0, 0, 0), V(0, 1, 0), V(0, 2, 0)}, V4(0, 0, 0, 0));
-    V4 plane(1, 0, 0, 0.0009f);
-    gen.splitFace(infront, plane, &front, &back);
-    EXPECT_EQ(infront, front);
-    EXPECT_EQ(nullptr, back);
-    gen.splitFace(behind, plane, &front, &back);
-    EXPECT_EQ(nullptr, front);
-    EXPECT_EQ(behind, back);
-    gen.splitFace(onPlane, plane, &front, &back);
-    EXPECT_EQ(nullptr, front);
-    EXPECT_EQ(onPlane, back);
-    EXPECT_EQ(0, infront->m_used + behind->m_used + onPlane->m_used);
-    EXPECT_EQ(3u, gen.m_allfaces.size());
+    struct Case
+    {
+        std::vector<V> points;
+        V4 facePlane, split;
+        bool toFront;
+        int used;
+    } cases[] = {
+        // Same facing within 0.001, opposite facing: whole and used.
+        {{V(0, 0, 2), V(1, 0, 2), V(0, 1, 2)}, V4(0, 0, 1, 2), V4(0, 0, 1, 2.0005f), true, 1},
+        {{V(0, 0, 2), V(0, 1, 2), V(1, 0, 2)}, V4(0, 0, -1, -2), V4(0, 0, 1, 2), false, 1},
+        // In front, behind, and on the plane with a plane of its own that fails both
+        // facing tests: whole, still candidates.
+        {{V(0, 0, 0), V(1, 0, 0), V(0, 0, 1)}, V4(0, -1, 0, 0), V4(1, 0, 0, 0.0009f), true, 0},
+        {{V(0, 0, 0), V(-1, 0, 0), V(0, 0, 1)}, V4(0, 1, 0, 0), V4(1, 0, 0, 0.0009f), false, 0},
+        {{V(0, 0, 0), V(0, 1, 0), V(0, 2, 0)}, V4(0, 0, 0, 0), V4(1, 0, 0, 0.0009f), false, 0},
+    };
+    for (Case& c : cases)
+    {
+        mrFace* f = addFace(gen, c.points, c.facePlane);
+        gen.splitFace(f, c.split, &front, &back);
+        EXPECT_EQ(c.toFront ? f : nullptr, front) << &c - cases;
+        EXPECT_EQ(c.toFront ? nullptr : f, back) << &c - cases;
+        EXPECT_EQ(c.used, f->m_used) << &c - cases;
+    }
+    EXPECT_EQ(5u, gen.m_allfaces.size());
 }
 
 TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
@@ -564,21 +485,14 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
     f->m_used = 1;
     V4 plane(1, 0, 0, 4);
     gen.splitFace(f, plane, &front, &back);
-    ASSERT_EQ(3u, gen.m_allfaces.size());
-    EXPECT_EQ(keep, gen.m_allfaces[0]);
-    EXPECT_EQ(back, gen.m_allfaces[1]);
-    EXPECT_EQ(front, gen.m_allfaces[2]);
+    EXPECT_EQ(gen.m_allfaces, (std::vector<mrFace*>{keep, back, front}));
     ASSERT_EQ(3, front->m_numpoints);
     ASSERT_EQ(3, back->m_numpoints);
-    const V on(4, 0, 0);
     const V cut = front->m_points[2];
     EXPECT_EQ(4.0f, cut.x);
     EXPECT_NEAR(1.8f, cut.y, 1e-6);
-    EXPECT_TRUE(same(front->m_points[0], on));
-    EXPECT_TRUE(same(front->m_points[1], V(6, 1, 0)));
-    EXPECT_TRUE(same(back->m_points[0], on));
-    EXPECT_TRUE(same(back->m_points[1], cut));
-    EXPECT_TRUE(same(back->m_points[2], V(1, 3, 0)));
+    EXPECT_EQ(std::vector<V>(front->m_points, front->m_points + 3), (std::vector<V>{V(4, 0, 0), V(6, 1, 0), cut}));
+    EXPECT_EQ(std::vector<V>(back->m_points, back->m_points + 3), (std::vector<V>{V(4, 0, 0), cut, V(1, 3, 0)}));
     for (mrFace* piece : {front, back})
     {
         EXPECT_EQ(t.p, piece->m_texture);
@@ -586,7 +500,6 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
         EXPECT_TRUE(piece->m_plane == V4(0, 0, 1, 0));
     }
 }
-
 TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
 {
     // On x = 0 the interpolated x of the edge from 6.7 to -2.1 comes out as -2^-50.
@@ -597,8 +510,8 @@ TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
     for (const Case& c : cases)
     {
         const float s = c.at;
-        mrFace* f = addFace(gen, {V(s + 6.7f, 0.3f, 0.1f), V(s - 2.1f, 2.1f, 0.7f), V(s + 7.3f, 5.3f, -0.9f)},
-                            V4(0, 0, 1, 0));
+        mrFace* f =
+            addFace(gen, {V(s + 6.7f, 0.3f, 0.1f), V(s - 2.1f, 2.1f, 0.7f), V(s + 7.3f, 5.3f, -0.9f)}, V4(0, 0, 1, 0));
         V4 plane(c.sign, 0, 0, c.at * c.sign);
         gen.splitFace(f, plane, &front, &back);
         ASSERT_NE(nullptr, front);
@@ -628,7 +541,7 @@ TEST_F(ClipGenSplit, PointDistancesAreTakenInDouble)
     gen.splitFace(f, plane, &front, &back);
     ASSERT_NE(nullptr, front);
     ASSERT_NE(nullptr, back);
-    EXPECT_TRUE(same(front->m_points[0], p));
+    EXPECT_EQ(front->m_points[0], p);
     EXPECT_EQ(3, front->m_numpoints);
     EXPECT_EQ(4, back->m_numpoints);
 }
@@ -643,9 +556,7 @@ TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
     V4 plane(-1, 0, 0, -9.99f);
     mtest::AssertRecorder rec;
     gen.splitFace(f, plane, &front, &back);
-    ASSERT_EQ(1u, rec.reports().size());
-    EXPECT_EQ("mrClipBSPGen", rec.reports()[0].source);
-    EXPECT_EQ("face piece exceeds 64 points; point dropped", rec.reports()[0].message);
+    rec.expect({{"face->m_numpoints < MAX_POINTS", "mrClipBSPGen", 0, "face piece exceeds 64 points; point dropped"}});
     EXPECT_EQ(64, front->m_numpoints);
     EXPECT_EQ(3, back->m_numpoints);
 }
@@ -664,14 +575,12 @@ TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeaf)
     std::vector<mrFace*> used = {f, f};
     gen.partitionFaces(used, &empty);
     EXPECT_EQ(-1, empty.m_contents);
-    EXPECT_EQ(1, gen.m_numsolidleafs);
-    EXPECT_EQ(1, gen.m_numemptyleafs);
-    EXPECT_EQ(2, gen.m_numleaffaces);
+    EXPECT_EQ(counts(gen), (std::vector<int>{0, 1, 1, 2}));
     EXPECT_TRUE(gen.m_nodes.empty());
     EXPECT_EQ(2u, used.size()); // the caller's list is left as it was
 }
 
-TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLater)
+TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLaterAndNoCandidateIsReported)
 {
     mrClipBSPGen gen;
     mrFace* a = addFace(gen, {}, V4(1, 0, 0, 3));
@@ -689,21 +598,11 @@ TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLater)
     V far(-30000, -30000, -30000), farMax(-29999, -29999, -29999);
     std::vector<mrFace*> ba = {a, b};
     EXPECT_EQ(a, gen.chooseMidPlaneFromList(ba, far, farMax));
-}
-
-TEST(ClipGenPartition, NoCandidateIsReported)
-{
-    mrClipBSPGen gen;
-    mrFace* used = addFace(gen, {}, V4(0, 0, 1, 0));
-    used->m_used = 1;
-    std::vector<mrFace*> list = {used};
-    V mins, maxs;
+    // No candidate at all.
+    std::vector<mrFace*> none = {used};
     mtest::AssertRecorder rec;
-    EXPECT_EQ(nullptr, gen.chooseMidPlaneFromList(list, mins, maxs));
-    ASSERT_EQ(1u, rec.reports().size());
-    EXPECT_EQ("0", rec.reports()[0].expression);
-    EXPECT_EQ("error", rec.reports()[0].message);
-    EXPECT_EQ(437, rec.reports()[0].line);
+    EXPECT_EQ(nullptr, gen.chooseMidPlaneFromList(none, mins, maxs));
+    rec.expect({{"0", "mrClipBSPGen", 437, "error"}});
 }
 
 TEST(ClipGenPartition, SelectPartitionBoundsUseFirstThreePointsOfAllFaces)
@@ -759,11 +658,8 @@ TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
     gen.m_nodes = {&root};
     mtest::AssertRecorder rec;
     BSPPtr bsp(gen.convertToClipBSP());
-    ASSERT_EQ(2u, rec.reports().size());
-    EXPECT_EQ("found", rec.reports()[0].expression);
-    EXPECT_EQ(696, rec.reports()[0].line);
-    EXPECT_FALSE(rec.reports()[0].hasMessage);
-    EXPECT_EQ("interior child missing from the node list", rec.reports()[1].message);
+    rec.expect({{"found", "mrClipBSPGen", 696, nullptr},
+                {"child", "mrClipBSPGen", 0, "interior child missing from the node list"}});
     EXPECT_EQ(-3, bsp->m_nodes[0].child[0]);
     EXPECT_EQ(-2, bsp->m_nodes[0].child[1]);
     // Negative zero matches zero exactly.
@@ -778,39 +674,43 @@ TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
 
 // ---- end to end: collision queries against the brute-force reference ----
 
-TEST(ClipGenEndToEnd, CubeAnswersPointsAndTraces)
+TEST(ClipGenEndToEnd, ClosedMeshesAnswerPointsAndTracesLikeTheReference)
 {
-    srMeshModel mesh;
-    mtest::addBox(mesh, V(-2, -1.5f, -1), V(2.5f, 1.5f, 3), true);
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    Poly poly(mesh);
-    expectPointsMatch(*bsp, poly, 4, 2000, 1);
-    expectTracesStopShort(*bsp, poly, V(0.25f, 0, 1), 12, 300, 2);
-}
-
-TEST(ClipGenEndToEnd, SubdividedSphereAnswersPointsAndTraces)
-{
-    srMeshModel mesh;
-    mtest::addSphere(mesh, V(1, -2, 0.5f), 5, 3);
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    EXPECT_EQ(512u, bsp->m_numnodes);
-    EXPECT_EQ(512u, bsp->m_numplanes);
-    Poly poly(mesh);
-    expectPointsMatch(*bsp, poly, 7, 1500, 3);
-    expectTracesStopShort(*bsp, poly, V(1, -2, 0.5f), 20, 200, 4);
-}
-
-TEST(ClipGenEndToEnd, TorusWithCutFacesAnswersPoints)
-{
-    srMeshModel mesh;
-    addTorus(mesh, 4, 1.5f, 16, 8);
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    EXPECT_GT(gen.m_allfaces.size(), gen.m_faces.size()); // faces were cut
-    Poly poly(mesh);
-    expectPointsMatch(*bsp, poly, 6, 2000, 5);
+    struct Case
+    {
+        const char* name;
+        void (*make)(srMeshModel&);
+        float extent;
+        int points;
+        V centre;
+        float radius;
+        int traces;
+        unsigned nodes; // 0: not pinned
+    } cases[] = {
+        {"cube", [](srMeshModel& m) { mtest::addBox(m, V(-2, -1.5f, -1), V(2.5f, 1.5f, 3), true); }, 4, 2000,
+         V(0.25f, 0, 1), 12, 300, 0},
+        {"sphere", [](srMeshModel& m) { mtest::addSphere(m, V(1, -2, 0.5f), 5, 3); }, 7, 1500, V(1, -2, 0.5f), 20, 200,
+         512},
+        {"torus", [](srMeshModel& m) { addTorus(m, 4, 1.5f, 16, 8); }, 6, 2000, V(), 0, 0, 0},
+    };
+    unsigned seed = 1;
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        srMeshModel mesh;
+        c.make(mesh);
+        mrClipBSPGen gen;
+        BSPPtr bsp = import(gen, mesh);
+        if (c.nodes)
+        {
+            EXPECT_EQ(c.nodes, bsp->m_numnodes);
+            EXPECT_EQ(c.nodes, bsp->m_numplanes);
+        }
+        Poly poly(mesh);
+        expectPointsMatch(*bsp, poly, c.extent, c.points, seed++);
+        if (c.traces)
+            expectTracesStopShort(*bsp, poly, c.centre, c.radius, c.traces, seed++);
+    }
 }
 
 TEST(ClipGenEndToEnd, MovedMeshAnswersLikeTheMovedPoints)
@@ -828,6 +728,7 @@ TEST(ClipGenEndToEnd, MovedMeshAnswersLikeTheMovedPoints)
     mrClipBSPGen gen, movedGen;
     BSPPtr bsp = import(gen, mesh);
     BSPPtr moved = import(movedGen, mesh, offset, rot);
+    EXPECT_GT(gen.m_allfaces.size(), gen.m_faces.size()); // faces were cut
     Poly poly(mesh);
     std::mt19937 rng(6);
     std::uniform_real_distribution<float> u(-6, 6);

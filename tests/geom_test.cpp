@@ -1,7 +1,7 @@
 // Windings: the base polygon of a plane, clipping and dividing, and the plane of a winding.
-#include <gtest/gtest.h>
-
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "platform/geom/mrPlane.h"
 #include "platform/geom/mrWinding.h"
@@ -12,8 +12,9 @@ void PrintTo(const srVector3T<float>& v, std::ostream* os) { *os << "(" << v.x <
 namespace
 {
 typedef srVector3T<float> V;
+typedef std::vector<V> Points;
 
-mrWinding* makeWinding(const std::vector<V>& pts)
+mrWinding* makeWinding(const Points& pts)
 {
     mrWinding* w = new mrWinding(4);
     for (const V& p : pts)
@@ -21,65 +22,65 @@ mrWinding* makeWinding(const std::vector<V>& pts)
     return w;
 }
 
-std::vector<V> points(mrWinding* w)
+Points points(mrWinding* w)
 {
-    std::vector<V> out;
+    Points out;
     for (int i = 0; i < w->m_numpoints; ++i)
         out.push_back(w->m_points[(uint32_t)i]);
     return out;
 }
 
 // A 10 x 10 square on z = 0 from (0,0) to (10,10), counter-clockwise seen from +z.
-std::vector<V> square() { return {V(0, 0, 0), V(10, 0, 0), V(10, 10, 0), V(0, 10, 0)}; }
+const Points kSquare = {V(0, 0, 0), V(10, 0, 0), V(10, 10, 0), V(0, 10, 0)};
+// Normal (1, 2, 3) / sqrt(14) as floats, distance 7.5.
+const mrPlane kSkew(0x1.11aceep-2f, 0x1.11aceep-1f, 0x1.9a8366p-1f, 7.5f);
+
+// What a clip or a divide hands back: the winding itself, nothing, or new points.
+enum Result
+{
+    SAME,
+    NONE,
+    NEW
+};
+void expectResult(mrWinding* got, mrWinding* in, Result result, const Points& pts)
+{
+    if (result == NEW)
+    {
+        ASSERT_TRUE(got && got != in);
+        EXPECT_EQ(points(got), pts);
+        delete got;
+    }
+    else
+        EXPECT_EQ(got, result == SAME ? in : nullptr);
+}
 } // namespace
 
-TEST(WindingBase, AxialPlaneZCorners)
+TEST(WindingBase, CornersArePinnedAndReplaceEarlierPoints)
 {
-    mrPlane plane(0, 0, 1, 10);
-    mrWinding w(4);
-    w.baseFromPlane(plane);
-    std::vector<V> expected = {V(-65536, 65536, 10), V(-65536, -65536, 10), V(65536, -65536, 10),
-                               V(65536, 65536, 10)};
-    EXPECT_EQ(points(&w), expected);
+    const std::pair<mrPlane, Points> cases[] = {
+        {mrPlane(0, 0, 1, 10),
+         {V(-65536, 65536, 10), V(-65536, -65536, 10), V(65536, -65536, 10), V(65536, 65536, 10)}},
+        {mrPlane(1, 0, 0, -24),
+         {V(-24, -65536, -65536), V(-24, 65536, -65536), V(-24, 65536, 65536), V(-24, -65536, 65536)}},
+        {kSkew,
+         {V(-0x1.ed5c22p+15f, 0x1.f5f1ecp+15f, -0x1.54350ep+14f),
+          V(-0x1.ed5c22p+15f, -0x1.5e1314p+15f, 0x1.8de8ccp+15f), V(0x1.ed6426p+15f, -0x1.f5e1e2p+15f, 0x1.54652ap+14f),
+          V(0x1.ed6426p+15f, 0x1.5e231cp+15f, -0x1.8dd0bep+15f)}},
+    };
+    for (const auto& c : cases)
+    {
+        mrWinding* w = makeWinding({V(1, 2, 3), V(4, 5, 6), V(7, 8, 9), V(1, 1, 1), V(2, 2, 2)});
+        mrPlane plane = c.first;
+        w->baseFromPlane(plane);
+        EXPECT_EQ(points(w), c.second);
+        delete w;
+    }
 }
 
-TEST(WindingBase, AxialPlaneXCorners)
+TEST(WindingPlane, BaseWindingGivesBackItsPlaneAndPointOrderSetsTheNormal)
 {
-    mrPlane plane(1, 0, 0, -24);
-    mrWinding w(4);
-    w.baseFromPlane(plane);
-    std::vector<V> expected = {V(-24, -65536, -65536), V(-24, 65536, -65536), V(-24, 65536, 65536),
-                               V(-24, -65536, 65536)};
-    EXPECT_EQ(points(&w), expected);
-}
-
-TEST(WindingBase, SkewPlaneCornersArePinned)
-{
-    // Normal (1, 2, 3) / sqrt(14) as floats, distance 7.5.
-    mrPlane plane(0x1.11aceep-2f, 0x1.11aceep-1f, 0x1.9a8366p-1f, 7.5f);
-    mrWinding w(4);
-    w.baseFromPlane(plane);
-    std::vector<V> expected = {V(-0x1.ed5c22p+15f, 0x1.f5f1ecp+15f, -0x1.54350ep+14f),
-                               V(-0x1.ed5c22p+15f, -0x1.5e1314p+15f, 0x1.8de8ccp+15f),
-                               V(0x1.ed6426p+15f, -0x1.f5e1e2p+15f, 0x1.54652ap+14f),
-                               V(0x1.ed6426p+15f, 0x1.5e231cp+15f, -0x1.8dd0bep+15f)};
-    EXPECT_EQ(points(&w), expected);
-}
-
-TEST(WindingBase, ReplacesEarlierPoints)
-{
-    mrWinding* w = makeWinding({V(1, 2, 3), V(4, 5, 6), V(7, 8, 9), V(1, 1, 1), V(2, 2, 2)});
-    mrPlane plane(0, 1, 0, 5);
-    w->baseFromPlane(plane);
-    EXPECT_EQ(w->m_numpoints, 4);
-    delete w;
-}
-
-TEST(WindingPlane, BaseWindingGivesBackItsPlane)
-{
-    const mrPlane planes[] = {mrPlane(0, 0, 1, 10), mrPlane(0, 0, -1, 3), mrPlane(-1, 0, 0, 7),
-                              mrPlane(0, 1, 0, -2), mrPlane(0x1.11aceep-2f, 0x1.11aceep-1f, 0x1.9a8366p-1f, 7.5f)};
-    for (mrPlane plane : planes)
+    for (mrPlane plane :
+         {mrPlane(0, 0, 1, 10), mrPlane(0, 0, -1, 3), mrPlane(-1, 0, 0, 7), mrPlane(0, 1, 0, -2), kSkew})
     {
         mrWinding w(4);
         w.baseFromPlane(plane);
@@ -88,24 +89,18 @@ TEST(WindingPlane, BaseWindingGivesBackItsPlane)
         double dot = (double)got.m_normal.x * plane.m_normal.x + (double)got.m_normal.y * plane.m_normal.y +
                      (double)got.m_normal.z * plane.m_normal.z;
         EXPECT_GT(dot, 0.99999) << plane.m_normal.x << " " << plane.m_normal.y << " " << plane.m_normal.z;
+        if (plane.m_normal.z == -1) // axial: exactly
+        {
+            EXPECT_EQ(got.m_normal, plane.m_normal);
+            EXPECT_EQ(got.m_dist, plane.m_dist);
+        }
     }
-    mrWinding w(4);
-    mrPlane axial(0, 0, -1, 3);
-    w.baseFromPlane(axial);
-    mrPlane got;
-    w.getPlane(got);
-    EXPECT_EQ(got.m_normal, axial.m_normal);
-    EXPECT_EQ(got.m_dist, axial.m_dist);
-}
-
-TEST(WindingPlane, FollowsPointOrderAndNeedsThreePoints)
-{
     mrWinding* w = makeWinding({V(0, 0, 0), V(0, 10, 0), V(10, 10, 0)}); // clockwise from +z
     mrPlane got;
     w->getPlane(got);
     EXPECT_EQ(got.m_normal, V(0, 0, -1));
     delete w;
-
+    // Fewer than three points: no plane.
     mrWinding* two = makeWinding({V(0, 0, 0), V(1, 0, 0)});
     got = mrPlane(1, 1, 1, 1);
     two->getPlane(got);
@@ -116,154 +111,95 @@ TEST(WindingPlane, FollowsPointOrderAndNeedsThreePoints)
 
 TEST(WindingCopy, CopiesCountAndPoints)
 {
-    mrWinding* w = makeWinding(square());
+    mrWinding* w = makeWinding(kSquare);
     mrWinding copy(*w);
     mrWinding assigned(4);
     assigned = *w;
     w->m_points[0] = V(99, 99, 99);
-    EXPECT_EQ(points(&copy), square());
-    EXPECT_EQ(points(&assigned), square());
+    EXPECT_EQ(points(&copy), kSquare);
+    EXPECT_EQ(points(&assigned), kSquare);
     delete w;
 }
 
-TEST(WindingClip, OnPlaneWindingIsKept)
+TEST(WindingClip, KeepsTheFrontPartInOrder)
 {
-    mrWinding* w = makeWinding(square());
-    mrPlane plane(0, 0, 1, 0.005f);
-    EXPECT_EQ(mrWinding::clip(w, &plane, 1), w);
-    EXPECT_EQ(points(w), square());
-    delete w;
+    struct Case
+    {
+        Points in;
+        mrPlane plane;
+        int keep;
+        Result result;
+        Points out;
+    } cases[] = {
+        {kSquare, mrPlane(0, 0, 1, 0.005f), 1, SAME, {}}, // on the plane, kept
+        {kSquare, mrPlane(0, 0, 1, 0), 0, NONE, {}},      // on the plane, not kept
+        {kSquare, mrPlane(0, 0, 1, -5), 1, SAME, {}},     // wholly in front
+        {kSquare, mrPlane(0, 0, 1, 5), 1, NONE, {}},      // wholly behind: released
+        // x = 4.99 is 0.01 from the plane x = 5 (on it), the rest behind: nothing in front.
+        {{V(4.99f, 0, 0), V(0, 0, 0), V(0, 10, 0)}, mrPlane(1, 0, 0, 5), 1, NONE, {}},
+        {kSquare, mrPlane(1, 0, 0, 4), 1, NEW, {V(4, 0, 0), V(10, 0, 0), V(10, 10, 0), V(4, 10, 0)}},
+        // Exactly axial normals: the crossing coordinate is dist (or -dist) as given.
+        {{V(0, 0, 0), V(1, 0, 0), V(1, 1, 0)},
+         mrPlane(-1, 0, 0, -0.3f),
+         1,
+         NEW,
+         {V(0, 0, 0), V(0.3f, 0, 0), V(0.3f, 0.3f, 0)}},
+        // With the distances rounded to float first, the crossing on the first edge would
+        // land on x = 8 exactly; kept in double it lands one float step below.
+        {{V(42, 64, 0), V(-75, -53, 0), V(-75, 64, 0)},
+         mrPlane(0.6f, 0.8f, 0, 28.8f),
+         1,
+         NEW,
+         {V(42, 64, 0), V(0x1.fffffcp+2f, 30, 0), V(-0x1.2aaaacp+5f, 64, 0)}},
+        {{}, mrPlane(1, 0, 0, 0), 1, SAME, {}}, // an empty winding stays
+    };
+    for (Case& c : cases)
+    {
+        SCOPED_TRACE(&c - cases);
+        mrWinding* w = makeWinding(c.in);
+        mrWinding* got = mrWinding::clip(w, &c.plane, c.keep);
+        EXPECT_EQ(c.result == SAME ? points(w) : c.in, c.in);
+        expectResult(got, w, c.result, c.out);
+        if (c.result == SAME)
+            delete w;
+    }
 }
 
-TEST(WindingClip, OnPlaneWindingWithoutKeepIsDropped)
+TEST(WindingDivide, GivesTheWindingItselfOrTwoNewPartsSharingCrossings)
 {
-    mrWinding* w = makeWinding(square());
-    mrPlane plane(0, 0, 1, 0);
-    EXPECT_EQ(mrWinding::clip(w, &plane, 0), nullptr);
-}
-
-TEST(WindingClip, FrontAndBackWindings)
-{
-    mrWinding* w = makeWinding(square());
-    mrPlane below(0, 0, 1, -5);
-    EXPECT_EQ(mrWinding::clip(w, &below, 1), w);
-    mrPlane above(0, 0, 1, 5);
-    EXPECT_EQ(mrWinding::clip(w, &above, 1), nullptr); // released: LeakSanitizer checks
-}
-
-TEST(WindingClip, PointWithinToleranceCountsAsOn)
-{
-    // x = 4.99 is 0.01 from the plane x = 5 (on it), the rest behind: nothing in front.
-    mrWinding* w = makeWinding({V(4.99f, 0, 0), V(0, 0, 0), V(0, 10, 0)});
-    mrPlane plane(1, 0, 0, 5);
-    EXPECT_EQ(mrWinding::clip(w, &plane, 1), nullptr);
-}
-
-TEST(WindingClip, StraddlingSquareKeepsFrontPartInOrder)
-{
-    mrWinding* w = makeWinding(square());
-    mrPlane plane(1, 0, 0, 4);
-    mrWinding* out = mrWinding::clip(w, &plane, 1);
-    ASSERT_NE(out, nullptr);
-    ASSERT_NE(out, w);
-    std::vector<V> expected = {V(4, 0, 0), V(10, 0, 0), V(10, 10, 0), V(4, 10, 0)};
-    EXPECT_EQ(points(out), expected);
-    delete out;
-}
-
-TEST(WindingClip, AxialCrossingTakesThePlaneDistanceExactly)
-{
-    // Both normals are exactly axial; the crossing coordinate is dist (or -dist) as given.
-    mrWinding* w = makeWinding({V(0, 0, 0), V(1, 0, 0), V(1, 1, 0)});
-    mrPlane plane(-1, 0, 0, -0.3f); // keeps x <= 0.3
-    mrWinding* out = mrWinding::clip(w, &plane, 1);
-    ASSERT_NE(out, nullptr);
-    ASSERT_EQ(out->m_numpoints, 3);
-    EXPECT_EQ(out->m_points[1].x, 0.3f);
-    EXPECT_EQ(out->m_points[2].x, 0.3f);
-    EXPECT_EQ(out->m_points[2].y, 0.3f);
-    delete out;
-}
-
-TEST(WindingClip, CrossingUsesDoubleDistances)
-{
-    // With the distances rounded to float first, the crossing on the first edge would land
-    // on x = 8 exactly; kept in double it lands one float step below.
-    mrWinding* w = makeWinding({V(42, 64, 0), V(-75, -53, 0), V(-75, 64, 0)});
-    mrPlane plane(0.6f, 0.8f, 0, 28.8f);
-    mrWinding* out = mrWinding::clip(w, &plane, 1);
-    ASSERT_NE(out, nullptr);
-    std::vector<V> expected = {V(42, 64, 0), V(0x1.fffffcp+2f, 30, 0), V(-0x1.2aaaacp+5f, 64, 0)};
-    EXPECT_EQ(points(out), expected);
-    delete out;
-}
-
-TEST(WindingClip, EmptyWindingStays)
-{
-    mrWinding* w = new mrWinding(4);
-    mrPlane plane(1, 0, 0, 0);
-    EXPECT_EQ(mrWinding::clip(w, &plane, 1), w);
-    delete w;
-}
-
-TEST(WindingDivide, OnPlaneWindingGoesFront)
-{
-    mrWinding* w = makeWinding(square());
-    mrPlane plane(0, 0, -1, 0);
-    mrWinding *front = nullptr, *back = nullptr;
-    mrWinding::divide(w, &plane, &front, &back);
-    EXPECT_EQ(front, w);
-    EXPECT_EQ(back, nullptr);
-    delete w;
-}
-
-TEST(WindingDivide, WholeSideGetsTheWindingItself)
-{
-    mrWinding* w = makeWinding(square());
-    mrPlane right(1, 0, 0, 20);
-    mrWinding *front = w, *back = w;
-    mrWinding::divide(w, &right, &front, &back);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, w);
-
-    // One corner on the plane, the rest in front: still whole.
-    mrPlane left(1, 0, 0, 0);
-    mrWinding::divide(w, &left, &front, &back);
-    EXPECT_EQ(front, w);
-    EXPECT_EQ(back, nullptr);
-    delete w;
-}
-
-TEST(WindingDivide, StraddleGivesTwoNewWindingsSharingCrossings)
-{
-    mrWinding* w = makeWinding(square());
-    mrPlane plane(0, 1, 0, 5);
-    mrWinding *front = nullptr, *back = nullptr;
-    mrWinding::divide(w, &plane, &front, &back);
-    ASSERT_NE(front, nullptr);
-    ASSERT_NE(back, nullptr);
-    EXPECT_NE(front, w);
-    EXPECT_NE(back, w);
-    EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(10, 0, 0), V(10, 5, 0), V(0, 5, 0)}));
-    EXPECT_EQ(points(front), (std::vector<V>{V(10, 5, 0), V(10, 10, 0), V(0, 10, 0), V(0, 5, 0)}));
-    EXPECT_EQ(points(w), square()); // left to the caller, untouched
-    delete front;
-    delete back;
-    delete w;
-}
-
-TEST(WindingDivide, OnPlaneVertexBelongsToBothParts)
-{
-    // A triangle with its apex on the plane y = 0 (x = 0) and the base straddling it.
-    mrWinding* w = makeWinding({V(0, 10, 0), V(-5, 0, 0), V(5, 0, 0)});
-    mrPlane plane(1, 0, 0, 0);
-    mrWinding *front = nullptr, *back = nullptr;
-    mrWinding::divide(w, &plane, &front, &back);
-    ASSERT_NE(front, nullptr);
-    ASSERT_NE(back, nullptr);
-    EXPECT_EQ(points(back), (std::vector<V>{V(0, 10, 0), V(-5, 0, 0), V(0, 0, 0)}));
-    EXPECT_EQ(points(front), (std::vector<V>{V(0, 10, 0), V(0, 0, 0), V(5, 0, 0)}));
-    delete front;
-    delete back;
-    delete w;
+    struct Case
+    {
+        Points in;
+        mrPlane plane;
+        Result front, back;
+        Points frontPts, backPts;
+    } cases[] = {
+        {kSquare, mrPlane(0, 0, -1, 0), SAME, NONE, {}, {}}, // on the plane: front
+        {kSquare, mrPlane(1, 0, 0, 20), NONE, SAME, {}, {}},
+        {kSquare, mrPlane(1, 0, 0, 0), SAME, NONE, {}, {}}, // one corner on the plane, the rest in front
+        {kSquare,
+         mrPlane(0, 1, 0, 5),
+         NEW,
+         NEW,
+         {V(10, 5, 0), V(10, 10, 0), V(0, 10, 0), V(0, 5, 0)},
+         {V(0, 0, 0), V(10, 0, 0), V(10, 5, 0), V(0, 5, 0)}},
+        // The apex on the plane belongs to both parts.
+        {{V(0, 10, 0), V(-5, 0, 0), V(5, 0, 0)},
+         mrPlane(1, 0, 0, 0),
+         NEW,
+         NEW,
+         {V(0, 10, 0), V(0, 0, 0), V(5, 0, 0)},
+         {V(0, 10, 0), V(-5, 0, 0), V(0, 0, 0)}},
+    };
+    for (Case& c : cases)
+    {
+        SCOPED_TRACE(&c - cases);
+        mrWinding* w = makeWinding(c.in);
+        mrWinding *front = w, *back = w;
+        mrWinding::divide(w, &c.plane, &front, &back);
+        expectResult(front, w, c.front, c.frontPts);
+        expectResult(back, w, c.back, c.backPts);
+        EXPECT_EQ(points(w), c.in); // left to the caller, untouched
+        delete w;
+    }
 }

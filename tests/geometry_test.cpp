@@ -1,7 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
+// The growable array, BSP faces with their split, and surface bounds.
 #include <initializer_list>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "geometry/mrBSPFace.h"
 #include "geometry/mrBSPSurface.h"
@@ -11,18 +12,24 @@
 namespace
 {
 typedef srVector3T<float> V;
+using mtest::makeFace;
 
-mrBSPFace* makeFace(mrPlane* plane, std::initializer_list<V> points)
+std::vector<V> points(const mrBSPFace* f)
 {
-    mrBSPFace* f = new mrBSPFace;
-    f->m_plane = plane;
-    for (const V& p : points)
-        f->m_winding->addPoint(p);
-    f->m_original = f;
-    return f;
+    std::vector<V> out;
+    for (int i = 0; i < f->m_winding->m_numpoints; ++i)
+        out.push_back(f->m_winding->m_points[(uint32_t)i]);
+    return out;
 }
 
-V point(const mrBSPFace* f, int i) { return f->m_winding->m_points[(uint32_t)i]; }
+// A face whose winding has been taken away.
+mrBSPFace* withoutWinding()
+{
+    mrBSPFace* f = new mrBSPFace;
+    delete f->m_winding;
+    f->m_winding = nullptr;
+    return f;
+}
 
 // Records its own destruction, to see which faces a split deletes.
 class TrackedFace : public mrBSPFace
@@ -36,57 +43,39 @@ public:
 
 // ---------------------------------------------------------------- growable array
 
-TEST(DynamicArray, IndexingAnEmptyArrayGrowsBySizePlusIndexPlusEight)
+TEST(DynamicArray, IndexingAtOrPastTheEndGrowsToSizePlusIndexPlusEight)
 {
-    mrDynamicArray<int> a;
-    a[0] = 1;
-    EXPECT_EQ(a.m_size, 8u);
-    mrDynamicArray<int> b;
-    b[5] = 1;
-    EXPECT_EQ(b.m_size, 13u);
-}
+    struct Case
+    {
+        uint32_t size, index, grown;
+    } cases[] = {{0, 0, 8}, {0, 5, 13}, {8, 7, 8}, {8, 8, 24}, {10, 100, 118}};
+    for (const Case& c : cases)
+    {
+        mrDynamicArray<int> a;
+        a.resize(c.size);
+        for (uint32_t i = 0; i < c.size; ++i)
+            a[i] = (int)i * 3;
+        int* block = a.m_data;
+        a[c.index] = 42;
+        EXPECT_EQ(a.m_size, c.grown) << c.size << " " << c.index;
+        EXPECT_TRUE(c.grown != c.size || a.m_data == block) << "no reallocation without growth";
+        for (uint32_t i = 0; i < c.size; ++i)
+            EXPECT_EQ(a[i], i == c.index ? 42 : (int)i * 3);
+        EXPECT_EQ(a[c.index], 42);
+    }
 
-TEST(DynamicArray, GrowsOnlyAtOrPastTheEnd)
-{
-    mrDynamicArray<int> a;
-    a.resize(8);
-    int* block = a.m_data;
-    a[7] = 7;
-    EXPECT_EQ(a.m_data, block);
-    EXPECT_EQ(a.m_size, 8u);
-    a[8] = 8;
-    EXPECT_EQ(a.m_size, 24u);
-    EXPECT_EQ(a[7], 7);
-    EXPECT_EQ(a[8], 8);
-}
-
-TEST(DynamicArray, SequentialWritesGrowLinearly)
-{
-    mrDynamicArray<float> a;
+    mrDynamicArray<float> seq;
     std::vector<uint32_t> sizes;
     for (uint32_t i = 0; i < 30; ++i)
     {
-        uint32_t before = a.m_size;
-        a[i] = (float)i;
-        if (a.m_size != before)
-            sizes.push_back(a.m_size);
+        uint32_t before = seq.m_size;
+        seq[i] = (float)i;
+        if (seq.m_size != before)
+            sizes.push_back(seq.m_size);
     }
     EXPECT_EQ(sizes, (std::vector<uint32_t>{8, 24, 56}));
     for (uint32_t i = 0; i < 30; ++i)
-        EXPECT_EQ(a[i], (float)i);
-}
-
-TEST(DynamicArray, FarIndexKeepsExistingElements)
-{
-    mrDynamicArray<int> a;
-    a.resize(10);
-    for (uint32_t i = 0; i < 10; ++i)
-        a[i] = (int)i * 3;
-    a[100] = 42;
-    EXPECT_EQ(a.m_size, 118u);
-    for (uint32_t i = 0; i < 10; ++i)
-        EXPECT_EQ(a[i], (int)i * 3);
-    EXPECT_EQ(a[100], 42);
+        EXPECT_EQ(seq[i], (float)i);
 }
 
 TEST(DynamicArray, ResizeCopyAndSelfAssignment)
@@ -97,21 +86,17 @@ TEST(DynamicArray, ResizeCopyAndSelfAssignment)
     int* block = a.m_data;
     a.resize(5);
     EXPECT_EQ(a.m_data, block);
-
     mrDynamicArray<int> copy(a);
     EXPECT_EQ(copy.m_size, 5u);
     EXPECT_NE(copy.m_data, a.m_data);
     EXPECT_EQ(copy[4], 9);
-
     mrDynamicArray<int>& self = a;
     a = self;
     EXPECT_EQ(a.m_data, block);
     EXPECT_EQ(a[4], 9);
-
     a.resize(0);
     EXPECT_EQ(a.m_data, nullptr);
     EXPECT_EQ(a.m_size, 0u);
-
     mrDynamicArray<int> empty, target(copy);
     target = empty;
     EXPECT_EQ(target.m_data, nullptr);
@@ -137,32 +122,23 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
     dst.m_next = nullptr;
     dst = *src;
     EXPECT_EQ(dst.m_winding, ownWinding);
-    ASSERT_EQ(dst.m_winding->m_numpoints, 3);
-    EXPECT_EQ(point(&dst, 1), V(1, 0, 0));
+    EXPECT_EQ(points(&dst), points(src));
     EXPECT_EQ(dst.m_plane, &plane);
     EXPECT_EQ(dst.m_original, src);
     EXPECT_EQ(dst.m_contents, 3);
     EXPECT_EQ(dst.m_backContents, 4);
     EXPECT_EQ(dst.m_polyIndex, 7);
     EXPECT_EQ(dst.m_next, nullptr);
-    EXPECT_EQ(dst.m_linked, 0);
-    EXPECT_EQ(dst.m_reserved, 0);
-
+    EXPECT_EQ(dst.m_linked + dst.m_reserved, 0);
     // A change to the source's points does not reach the copy.
     src->m_winding->m_points[0] = V(9, 9, 9);
-    EXPECT_EQ(point(&dst, 0), V(0, 0, 0));
-    delete src;
-}
+    EXPECT_EQ(points(&dst)[0], V(0, 0, 0));
 
-TEST(BSPFace, CopyConstructionGivesTheCopyItsOwnWinding)
-{
-    mrPlane plane(0, 0, 1, 0);
-    mrBSPFace* src = makeFace(&plane, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
-    src->m_linked = 1;
+    // Copy construction gives the copy its own winding and keeps the list state.
     {
         mrBSPFace copy(*src);
         EXPECT_NE(copy.m_winding, src->m_winding);
-        EXPECT_EQ(copy.m_winding->m_numpoints, 3);
+        EXPECT_EQ(points(&copy), points(src));
         EXPECT_EQ(copy.m_linked, 1);
         EXPECT_EQ(copy.m_original, src);
     }
@@ -172,74 +148,46 @@ TEST(BSPFace, CopyConstructionGivesTheCopyItsOwnWinding)
 
 // ---------------------------------------------------------------- splitFace
 
-TEST(SplitFace, FaceWhollyOnOneSideComesBackUnchanged)
+TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchanged)
 {
     mrPlane split(0, 0, 1, 0);
-    mrBSPFace* above = makeFace(&split, {V(0, 0, 1), V(1, 0, 1), V(0, 1, 2)});
-    mrBSPFace *front = nullptr, *back = above;
-    mrBSPFace::splitFace(above, &split, &front, &back);
-    EXPECT_EQ(front, above);
-    EXPECT_EQ(back, nullptr);
-
-    mrBSPFace* below = makeFace(&split, {V(0, 0, -1), V(1, 0, -1), V(0, 1, -2)});
-    mrBSPFace::splitFace(below, &split, &front, &back);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, below);
-    EXPECT_EQ(below->m_winding->m_numpoints, 3);
-    delete above;
-    delete below;
+    struct Case
+    {
+        std::vector<V> points;
+        bool front;
+    } cases[] = {
+        {{V(0, 0, 1), V(1, 0, 1), V(0, 1, 2)}, true},
+        {{V(0, 0, -1), V(1, 0, -1), V(0, 1, -2)}, false},
+        {{V(0, 0, 0.005f), V(1, 0, -0.005f), V(0, 1, 0)}, false}, // in the plane: back
+        {{V(0, 0, 0.01f), V(1, 0, 0), V(0, 1, 0)}, false},        // exactly 0.01 is on the plane
+        {{V(0, 0, 0.0100001f), V(1, 0, 0), V(0, 1, 0)}, true},    // just above is in front
+    };
+    for (const Case& c : cases)
+    {
+        mrBSPFace* f = makeFace(&split, {});
+        for (const V& p : c.points)
+            f->m_winding->addPoint(p);
+        mrBSPFace *front = f, *back = f;
+        mrBSPFace::splitFace(f, &split, &front, &back);
+        EXPECT_EQ(front, c.front ? f : nullptr) << &c - cases;
+        EXPECT_EQ(back, c.front ? nullptr : f) << &c - cases;
+        EXPECT_EQ(points(f), c.points);
+        delete f;
+    }
 }
 
-TEST(SplitFace, FaceInThePlaneGoesBack)
-{
-    mrPlane split(0, 0, 1, 0);
-    mrBSPFace* in = makeFace(&split, {V(0, 0, 0.005f), V(1, 0, -0.005f), V(0, 1, 0)});
-    mrBSPFace *front = in, *back = nullptr;
-    mrBSPFace::splitFace(in, &split, &front, &back);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, in);
-    delete in;
-}
-
-TEST(SplitFace, ExactlyOneHundredthIsOnThePlaneJustAboveIsInFront)
-{
-    mrPlane split(0, 0, 1, 0);
-    mrBSPFace* at = makeFace(&split, {V(0, 0, 0.01f), V(1, 0, 0), V(0, 1, 0)});
-    mrBSPFace *front, *back;
-    mrBSPFace::splitFace(at, &split, &front, &back);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, at);
-
-    mrBSPFace* above = makeFace(&split, {V(0, 0, 0.0100001f), V(1, 0, 0), V(0, 1, 0)});
-    mrBSPFace::splitFace(above, &split, &front, &back);
-    EXPECT_EQ(front, above);
-    EXPECT_EQ(back, nullptr);
-    delete at;
-    delete above;
-}
-
-TEST(SplitFace, SquareCutThroughOppositeEdgesGivesTwoQuadsInOrder)
+TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
 {
     mrPlane facePlane(0, 0, 1, 0);
-    mrPlane split(1, 0, 0, 1);
+    mrPlane x1(1, 0, 0, 1), y0(0, 1, 0, 0);
     mrBSPFace* sq = makeFace(&facePlane, {V(0, 0, 0), V(4, 0, 0), V(4, 4, 0), V(0, 4, 0)});
-    sq->m_contents = 0;
     sq->m_backContents = 1;
     sq->m_polyIndex = 12;
     mrBSPFace *front, *back;
-    mrBSPFace::splitFace(sq, &split, &front, &back);
-    ASSERT_NE(front, nullptr);
-    ASSERT_NE(back, nullptr);
-    ASSERT_EQ(back->m_winding->m_numpoints, 4);
-    ASSERT_EQ(front->m_winding->m_numpoints, 4);
-    EXPECT_EQ(point(back, 0), V(0, 0, 0));
-    EXPECT_EQ(point(back, 1), V(1, 0, 0));
-    EXPECT_EQ(point(back, 2), V(1, 4, 0));
-    EXPECT_EQ(point(back, 3), V(0, 4, 0));
-    EXPECT_EQ(point(front, 0), V(1, 0, 0));
-    EXPECT_EQ(point(front, 1), V(4, 0, 0));
-    EXPECT_EQ(point(front, 2), V(4, 4, 0));
-    EXPECT_EQ(point(front, 3), V(1, 4, 0));
+    mrBSPFace::splitFace(sq, &x1, &front, &back);
+    ASSERT_TRUE(front && back);
+    EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(1, 0, 0), V(1, 4, 0), V(0, 4, 0)}));
+    EXPECT_EQ(points(front), (std::vector<V>{V(1, 0, 0), V(4, 0, 0), V(4, 4, 0), V(1, 4, 0)}));
     for (mrBSPFace* piece : {front, back})
     {
         EXPECT_EQ(piece->m_plane, &facePlane);
@@ -248,33 +196,21 @@ TEST(SplitFace, SquareCutThroughOppositeEdgesGivesTwoQuadsInOrder)
         EXPECT_EQ(piece->m_polyIndex, 12);
         EXPECT_EQ(piece->m_next, nullptr);
         EXPECT_EQ(piece->m_linked, 0);
+        delete piece;
     }
-    delete front;
-    delete back;
     delete sq;
-}
 
-TEST(SplitFace, VertexOnThePlaneBelongsToBothTriangles)
-{
-    mrPlane facePlane(0, 0, 1, 0);
-    mrPlane split(0, 1, 0, 0);
     mrBSPFace* tri = makeFace(&facePlane, {V(0, 0, 0), V(2, -1, 0), V(2, 1, 0)});
-    mrBSPFace *front, *back;
-    mrBSPFace::splitFace(tri, &split, &front, &back);
-    ASSERT_EQ(back->m_winding->m_numpoints, 3);
-    ASSERT_EQ(front->m_winding->m_numpoints, 3);
-    EXPECT_EQ(point(back, 0), V(0, 0, 0));
-    EXPECT_EQ(point(back, 1), V(2, -1, 0));
-    EXPECT_EQ(point(back, 2), V(2, 0, 0));
-    EXPECT_EQ(point(front, 0), V(0, 0, 0));
-    EXPECT_EQ(point(front, 1), V(2, 0, 0));
-    EXPECT_EQ(point(front, 2), V(2, 1, 0));
+    mrBSPFace::splitFace(tri, &y0, &front, &back);
+    ASSERT_TRUE(front && back);
+    EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(2, -1, 0), V(2, 0, 0)}));
+    EXPECT_EQ(points(front), (std::vector<V>{V(0, 0, 0), V(2, 0, 0), V(2, 1, 0)}));
     delete front;
     delete back;
     delete tri;
 }
 
-TEST(SplitFace, AxialPlanesPutCrossingsExactlyOnTheirDistance)
+TEST(SplitFace, CrossingsAreSnappedOnAxialPlanesAndInterpolatedInFloatOtherwise)
 {
     // Interpolating this edge would give 1.70000017f; the axial rule gives 1.7f.
     mrPlane facePlane(0, 0, 1, 0);
@@ -284,33 +220,25 @@ TEST(SplitFace, AxialPlanesPutCrossingsExactlyOnTheirDistance)
         mrBSPFace* tri = makeFace(&facePlane, {V(0.13f, 0, 0), V(5.77f, 0, 0), V(5.77f, 3, 0)});
         mrBSPFace *front, *back;
         mrBSPFace::splitFace(tri, &split, &front, &back);
-        ASSERT_NE(front, nullptr);
-        ASSERT_NE(back, nullptr);
-        mrBSPFace* first = sign > 0 ? back : front; // the piece holding point 0
-        ASSERT_EQ(first->m_winding->m_numpoints, 3);
-        EXPECT_EQ(point(first, 1).x, 1.7f);
-        EXPECT_EQ(point(first, 2).x, 1.7f);
+        ASSERT_TRUE(front && back);
+        std::vector<V> first = points(sign > 0 ? back : front); // the piece holding point 0
+        ASSERT_EQ(first.size(), 3u);
+        EXPECT_EQ(first[1].x, 1.7f);
+        EXPECT_EQ(first[2].x, 1.7f);
         delete front;
         delete back;
         delete tri;
     }
-}
 
-TEST(SplitFace, CrossingIsInterpolatedFromTheStoredFloatDistances)
-{
-    mrPlane facePlane(0, 0, 1, 0);
     mrPlane split(0.6f, 0.8f, 0, 1.3f);
     mrBSPFace* tri = makeFace(&facePlane, {V(3.68f, 4.74f, 2.04f), V(0.09f, -1.22f, -1.53f), V(0.09f, -1.22f, 3)});
     mrBSPFace *front, *back;
     mrBSPFace::splitFace(tri, &split, &front, &back);
-    ASSERT_NE(front, nullptr);
+    ASSERT_TRUE(front && back);
     ASSERT_EQ(front->m_winding->m_numpoints, 3);
     // Distances kept in double would give (1.24240971, 0.693192601, -0.384010404).
-    V x = point(front, 1);
-    EXPECT_EQ(x.x, 1.242409586906433f);
-    EXPECT_EQ(x.y, 0.6931924819946289f);
-    EXPECT_EQ(x.z, -0.3840104937553406f);
-    EXPECT_EQ(point(back, 0), point(front, 1));
+    EXPECT_EQ(points(front)[1], V(1.242409586906433f, 0.6931924819946289f, -0.3840104937553406f));
+    EXPECT_EQ(points(back)[0], points(front)[1]);
     delete front;
     delete back;
     delete tri;
@@ -350,100 +278,75 @@ TEST(SplitFace, OriginalSurvivesItsCutAPieceDoesNot)
     EXPECT_TRUE(originalGone);
 }
 
-TEST(SplitFace, FaceWithoutWindingIsReportedAndHandedBackWhole)
+TEST(SplitFace, MissingOrReleasedWindingIsReportedAndGoesBackWhole)
 {
     mtest::AssertRecorder rec;
     mrPlane split(0, 0, 1, 0);
-    mrBSPFace* f = new mrBSPFace;
-    delete f->m_winding;
-    f->m_winding = nullptr;
-    mrBSPFace *front = f, *back = nullptr;
-    mrBSPFace::splitFace(f, &split, &front, &back);
-    ASSERT_EQ(rec.count("inw"), 1u);
-    EXPECT_EQ(rec.reports()[0].source, "mrBSPFace");
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, f);
-    delete f;
-}
-
-TEST(SplitFace, ReleasedWindingIsReportedAndGoesBack)
-{
-    mtest::AssertRecorder rec;
-    mrPlane split(0, 0, 1, 0);
-    mrBSPFace* f = makeFace(&split, {V(0, 0, 1), V(1, 0, -1), V(0, 1, 1)});
-    f->m_winding->m_numpoints = -1;
-    mrBSPFace *front = f, *back = nullptr;
-    mrBSPFace::splitFace(f, &split, &front, &back);
-    EXPECT_EQ(rec.count("0", "SplitFace: freed face"), 1u);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, f);
-    delete f;
+    mrBSPFace* bare = withoutWinding();
+    mrBSPFace* freed = makeFace(&split, {V(0, 0, 1), V(1, 0, -1), V(0, 1, 1)});
+    freed->m_winding->m_numpoints = -1;
+    for (mrBSPFace* f : {bare, freed})
+    {
+        mrBSPFace *front = f, *back = nullptr;
+        mrBSPFace::splitFace(f, &split, &front, &back);
+        EXPECT_EQ(front, nullptr);
+        EXPECT_EQ(back, f);
+        delete f;
+    }
+    rec.expect({{"inw", "mrBSPFace", 0, nullptr}, {"0", "mrBSPFace", 0, "SplitFace: freed face"}});
 }
 
 // ---------------------------------------------------------------- surface bounds
 
-TEST(SurfaceBounds, OneTriangle)
+TEST(SurfaceBounds, BoxEnclosesEveryPointOfEveryFace)
 {
     mrPlane plane(0, 0, 1, 0);
-    mrBSPSurface s;
-    s.m_faces = makeFace(&plane, {V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)});
-    s.calcBounds();
-    EXPECT_EQ(s.m_mins, V(0, 0, 0));
-    EXPECT_EQ(s.m_maxs, V(4, 2, 0));
-    delete s.m_faces;
+    struct Case
+    {
+        std::vector<std::vector<V>> faces;
+        V mins, maxs;
+    } cases[] = {
+        {{{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}}, V(0, 0, 0), V(4, 2, 0)},
+        {{{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}, {V(-3, 5, 1)}}, V(-3, 0, 0), V(4, 5, 1)},
+        {{{V(-3, 5, 1)}}, V(-3, 5, 1), V(-3, 5, 1)}, // one point sets minimum and maximum
+        // Points beyond the starting values.
+        {{{V(-200000, 150000, 0), V(300000, -250000, 0), V(0, 0, 0)}}, V(-200000, -250000, 0), V(300000, 150000, 0)},
+    };
+    for (const Case& c : cases)
+    {
+        mrBSPSurface s;
+        mrBSPFace** tail = &s.m_faces;
+        for (const std::vector<V>& pts : c.faces)
+        {
+            *tail = makeFace(&plane, {});
+            for (const V& p : pts)
+                (*tail)->m_winding->addPoint(p);
+            tail = &(*tail)->m_next;
+        }
+        s.calcBounds();
+        EXPECT_EQ(s.m_mins, c.mins) << &c - cases;
+        EXPECT_EQ(s.m_maxs, c.maxs) << &c - cases;
+        for (mrBSPFace *f = s.m_faces, *next; f; f = next)
+        {
+            next = f->m_next;
+            delete f;
+        }
+    }
 }
 
-TEST(SurfaceBounds, BoxEnclosesEveryFaceAndSinglePoints)
-{
-    mrPlane plane(0, 0, 1, 0);
-    mrBSPSurface s;
-    mrBSPFace* a = makeFace(&plane, {V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)});
-    mrBSPFace* b = makeFace(&plane, {V(-3, 5, 1)});
-    a->m_next = b;
-    s.m_faces = a;
-    s.calcBounds();
-    EXPECT_EQ(s.m_mins, V(-3, 0, 0));
-    EXPECT_EQ(s.m_maxs, V(4, 5, 1));
-
-    mrBSPSurface one;
-    one.m_faces = b;
-    b->m_next = nullptr;
-    one.calcBounds();
-    EXPECT_EQ(one.m_mins, V(-3, 5, 1));
-    EXPECT_EQ(one.m_maxs, V(-3, 5, 1));
-    delete a;
-    delete b;
-}
-
-TEST(SurfaceBounds, PointsBeyondTheStartingValues)
-{
-    mrPlane plane(0, 0, 1, 0);
-    mrBSPSurface s;
-    s.m_faces = makeFace(&plane, {V(-200000, 150000, 0), V(300000, -250000, 0), V(0, 0, 0)});
-    s.calcBounds();
-    EXPECT_EQ(s.m_mins, V(-200000, -250000, 0));
-    EXPECT_EQ(s.m_maxs, V(300000, 150000, 0));
-    delete s.m_faces;
-}
-
-TEST(SurfaceBounds, SurfaceWithoutFacesIsReportedAndKeepsTheInvertedBox)
+TEST(SurfaceBounds, MissingFacesAndWindingsAreReported)
 {
     mtest::AssertRecorder rec;
-    mrBSPSurface s;
-    s.calcBounds();
-    ASSERT_EQ(rec.count("0", "mrBSPSurface::calcBounds: surface without a face"), 1u);
-    EXPECT_EQ(rec.reports()[0].source, "mrBSPSurface");
-    EXPECT_EQ(s.m_mins, V(99999, 99999, 99999));
-    EXPECT_EQ(s.m_maxs, V(-99999, -99999, -99999));
-}
+    mrBSPSurface none;
+    none.calcBounds();
+    rec.expect({{"0", "mrBSPSurface", 0, "mrBSPSurface::calcBounds: surface without a face"}});
+    EXPECT_EQ(none.m_mins, V(99999, 99999, 99999)) << "the inverted box stays";
+    EXPECT_EQ(none.m_maxs, V(-99999, -99999, -99999));
 
-TEST(SurfaceBounds, FaceWithoutWindingIsReportedAndSkipped)
-{
-    mtest::AssertRecorder rec;
+    // A face without a winding is skipped.
+    rec.clear();
     mrPlane plane(0, 0, 1, 0);
-    mrBSPFace* bare = new mrBSPFace;
-    delete bare->m_winding;
-    bare->m_winding = nullptr;
+    mrBSPFace* bare = withoutWinding();
     mrBSPFace* tri = makeFace(&plane, {V(1, 1, 0), V(2, 1, 0), V(1, 3, 0)});
     bare->m_next = tri;
     mrBSPSurface s;
@@ -455,4 +358,3 @@ TEST(SurfaceBounds, FaceWithoutWindingIsReportedAndSkipped)
     delete bare;
     delete tri;
 }
-

@@ -1,10 +1,12 @@
-#include <gtest/gtest.h>
-
+// The solid BSP: face sides, partition choice, dividing surfaces, filling leaves, whole
+// trees and their release.
 #include <cmath>
 #include <cstdlib>
 #include <initializer_list>
 #include <limits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "solid/mrBSPNode.h"
 #include "solid/mrBSPTree.h"
@@ -16,15 +18,7 @@ namespace
 {
 typedef srVector3T<float> V;
 
-mrBSPFace* makeFace(mrPlane* plane, std::initializer_list<V> points)
-{
-    mrBSPFace* f = new mrBSPFace;
-    f->m_plane = plane;
-    for (const V& p : points)
-        f->m_winding->addPoint(p);
-    f->m_original = f;
-    return f;
-}
+using mtest::makeFace;
 
 // A surface on plane with the given faces (in list order) and its bounds computed.
 mrBSPSurface* makeSurface(mrPlane* plane, std::initializer_list<mrBSPFace*> faces)
@@ -66,6 +60,24 @@ mrBSPSurface* bare(mrPlane* plane)
 
 void deleteSurfaces(mrBSPSurface* list) { mrBSPTree::releaseSurfaces(list); }
 
+// A leaf's mark faces, up to the null entry.
+std::vector<const mrBSPFace*> markFaces(const mrBSPNode* leaf)
+{
+    std::vector<const mrBSPFace*> out;
+    for (mrBSPFace** f = leaf->m_markfaces; f && *f; ++f)
+        out.push_back(*f);
+    return out;
+}
+
+typedef std::vector<int> Counts;
+// The generator's counters: split nodes, solid leaves, empty leaves, leaf faces, linked
+// faces, node faces.
+Counts counts(const mrSolidBSP& b)
+{
+    return {b.m_numSplitNodes, b.m_numSolidLeafs,  b.m_numEmptyLeafs,
+            b.m_numLeafFaces,  b.m_numLinkedFaces, b.m_numNodeFaces};
+}
+
 // The leaf holding point p (strictly off every plane on the way).
 const mrBSPNode* leafAt(const mrBSPNode* node, V p)
 {
@@ -84,41 +96,25 @@ struct TreeStats
     int splits = 0, solid = 0, empty = 0, markfaces = 0;
 };
 
-void walk(const mrBSPNode* node, TreeStats& st)
+// Counts a tree's nodes and checks every leaf: no children or faces, and a mark-face list
+// that is empty exactly in solid leaves (contents 1; the others 0).
+void walk(const mrBSPNode* n, TreeStats& st)
 {
-    std::vector<const mrBSPNode*> stack{node};
-    while (!stack.empty())
+    if (n->m_plane)
     {
-        const mrBSPNode* n = stack.back();
-        stack.pop_back();
-        if (n->m_plane)
-        {
-            ++st.splits;
-            ASSERT_NE(n->m_children[0], nullptr);
-            ASSERT_NE(n->m_children[1], nullptr);
-            stack.push_back(n->m_children[0]);
-            stack.push_back(n->m_children[1]);
-            continue;
-        }
-        EXPECT_EQ(n->m_children[0], nullptr);
-        EXPECT_EQ(n->m_faces, nullptr);
-        ASSERT_NE(n->m_markfaces, nullptr);
-        int count = 0;
-        while (n->m_markfaces[count])
-            ++count;
-        st.markfaces += count;
-        if (n->m_contents == 1)
-        {
-            ++st.solid;
-            EXPECT_EQ(count, 0);
-        }
-        else
-        {
-            EXPECT_EQ(n->m_contents, 0);
-            ++st.empty;
-            EXPECT_GT(count, 0);
-        }
+        ++st.splits;
+        ASSERT_TRUE(n->m_children[0] && n->m_children[1]);
+        walk(n->m_children[0], st);
+        walk(n->m_children[1], st);
+        return;
     }
+    EXPECT_EQ(n->m_children[0], nullptr);
+    EXPECT_EQ(n->m_faces, nullptr);
+    ASSERT_NE(n->m_markfaces, nullptr);
+    int count = (int)markFaces(n).size();
+    st.markfaces += count;
+    ++(n->m_contents == 1 ? st.solid : st.empty);
+    EXPECT_TRUE(n->m_contents == 1 ? count == 0 : n->m_contents == 0 && count > 0);
 }
 
 // Records the surface's m_onNode when a leaf consumes it.
@@ -139,16 +135,22 @@ TEST(FaceSide, ClassifiesByTheHundredthTolerance)
 {
     mrSolidBSP bsp;
     mrPlane split(0, 0, 1, 0);
-    mrBSPFace* f = makeFace(&split, {V(0, 0, 0.02f), V(1, 0, 0), V(0, 1, 0)});
-    EXPECT_EQ(bsp.faceSide(f, &split), mrPlane::SIDE_FRONT);
-    f->m_winding->m_points[1] = V(1, 0, -0.02f);
-    EXPECT_EQ(bsp.faceSide(f, &split), mrPlane::SIDE_ON);
-    f->m_winding->m_points[0] = V(0, 0, 0.005f);
-    f->m_winding->m_points[1] = V(1, 0, -0.005f);
-    EXPECT_EQ(bsp.faceSide(f, &split), mrPlane::SIDE_BACK);
-    f->m_winding->m_numpoints = 0;
-    EXPECT_EQ(bsp.faceSide(f, &split), mrPlane::SIDE_BACK);
-    delete f;
+    struct Case
+    {
+        float d0, d1;
+        int points;
+        mrPlane::e_side side;
+    } cases[] = {{0.02f, 0, 3, mrPlane::SIDE_FRONT},
+                 {0.02f, -0.02f, 3, mrPlane::SIDE_ON},
+                 {0.005f, -0.005f, 3, mrPlane::SIDE_BACK},
+                 {0.02f, -0.02f, 0, mrPlane::SIDE_BACK}}; // no points at all
+    for (const Case& c : cases)
+    {
+        mrBSPFace* f = makeFace(&split, {V(0, 0, c.d0), V(1, 0, c.d1), V(0, 1, 0)});
+        f->m_winding->m_numpoints = c.points;
+        EXPECT_EQ(bsp.faceSide(f, &split), c.side) << &c - cases;
+        delete f;
+    }
 }
 
 TEST(FaceSide, OppositeFacingCoplanarFaceIsBackAndNotASplit)
@@ -157,8 +159,8 @@ TEST(FaceSide, OppositeFacingCoplanarFaceIsBackAndNotASplit)
     mrPlane up(0, 1, 0, 3), down(0, -1, 0, -3);
     mrBSPFace* f = makeFace(&down, {V(0, 3, 0), V(0, 3, 1), V(1, 3, 0)});
     EXPECT_EQ(bsp.faceSide(f, &up), mrPlane::SIDE_BACK);
-    mrBSPSurface* list = chain({makeSurface(&up, {makeFace(&up, {V(0, 3, 0), V(1, 3, 0), V(0, 3, 1)})}),
-                                makeSurface(&down, {f})});
+    mrBSPSurface* list =
+        chain({makeSurface(&up, {makeFace(&up, {V(0, 3, 0), V(1, 3, 0), V(0, 3, 1)})}), makeSurface(&down, {f})});
     // Both count no split; the later one wins the tie.
     EXPECT_EQ(bsp.choosePlaneFromList(list, V(0, 3, 0), V(1, 3, 1), 0), list->m_next);
     deleteSurfaces(list);
@@ -166,31 +168,23 @@ TEST(FaceSide, OppositeFacingCoplanarFaceIsBackAndNotASplit)
 
 // ---------------------------------------------------------------- partition choice
 
-TEST(SelectPartition, NoCandidateOrASingleOne)
+TEST(SelectPartition, NoCandidateASingleOneAndPlanesFacingUpInTheDefaultMode)
 {
     mrSolidBSP bsp;
-    mrPlane zUp(0, 0, 1, 5), x(1, 0, 0, 5);
+    bsp.m_midSplit = 0;
+    mrPlane zUp(0, 0, 1, 5), x(1, 0, 0, 5), up1(0, 0, 1, 2), up2(0, 0, 1, 7), down(0, 0, -1, -2);
     mrBSPSurface* marked = bare(&x);
     marked->m_onNode = 1;
-    mrBSPSurface* list = chain({marked});
-    EXPECT_EQ(bsp.selectPartition(list), nullptr);
+    EXPECT_EQ(bsp.selectPartition(marked), nullptr);
     EXPECT_EQ(bsp.selectPartition(nullptr), nullptr);
-
     // A lone candidate is taken even facing +z in the default mode.
-    mrBSPSurface* lone = bare(&zUp);
-    list = chain({marked, lone});
-    bsp.m_midSplit = 0;
-    EXPECT_EQ(bsp.selectPartition(list), lone);
+    mrBSPSurface* list = chain({marked, bare(&zUp)});
+    EXPECT_EQ(bsp.selectPartition(list), list->m_next);
     deleteSurfaces(list);
-}
 
-TEST(SelectPartition, DefaultModeSkipsPlanesFacingUp)
-{
-    mrSolidBSP bsp;
-    bsp.m_midSplit = 0;
-    mrPlane up1(0, 0, 1, 2), up2(0, 0, 1, 7), down(0, 0, -1, -2);
-    mrBSPSurface* list = chain({makeSurface(&up1, {makeFace(&up1, {V(0, 0, 2), V(1, 0, 2), V(0, 1, 2)})}),
-                                makeSurface(&up2, {makeFace(&up2, {V(0, 0, 7), V(1, 0, 7), V(0, 1, 7)})})});
+    // Two or more: planes facing exactly +z are skipped.
+    list = chain({makeSurface(&up1, {makeFace(&up1, {V(0, 0, 2), V(1, 0, 2), V(0, 1, 2)})}),
+                  makeSurface(&up2, {makeFace(&up2, {V(0, 0, 7), V(1, 0, 7), V(0, 1, 7)})})});
     EXPECT_EQ(bsp.selectPartition(list), nullptr);
     mrBSPSurface* d = makeSurface(&down, {makeFace(&down, {V(0, 0, 2), V(0, 1, 2), V(1, 0, 2)})});
     list->m_next->m_next = d;
@@ -198,28 +192,42 @@ TEST(SelectPartition, DefaultModeSkipsPlanesFacingUp)
     deleteSurfaces(list);
 }
 
-TEST(ChoosePlane, MoreEvenDivisionWinsAndTiesGoToTheLater)
+// Candidates that cut nothing: both choosers go by the box score alone.
+TEST(ChoosePlane, MoreEvenDivisionWinsTiesGoToTheLaterAndTheDominantAxisCounts)
 {
     mrSolidBSP bsp;
-    mrPlane x1(1, 0, 0, 1), x5(1, 0, 0, 5), y5(0, 1, 0, 5);
-    mrBSPSurface* list = chain({bare(&x5), bare(&x1)});
-    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list);
-    deleteSurfaces(list);
-    list = chain({bare(&x1), bare(&x5)});
-    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list->m_next);
-    deleteSurfaces(list);
-    list = chain({bare(&x5), bare(&y5)});
-    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list->m_next);
-    deleteSurfaces(list);
-    list = chain({bare(&y5), bare(&x5)});
-    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list->m_next);
-    deleteSurfaces(list);
+    // (0.6, 0.8, 0): axis y, v = 0.8 * 6.25 = 5 -> 450; taken as x it would score 453.
+    // (0.7071, 0.7071, 0): axis x. In a box twice as long along y, x = 5 scores 1050 and
+    // would score 650 taken along y; the competitor y = 2 scores 728.
+    mrPlane x1(1, 0, 0, 1), x5(1, 0, 0, 5), y5(0, 1, 0, 5), skew(0.6f, 0.8f, 0, 6.25f), x49(1, 0, 0, 4.9f),
+        diag(0.7071f, 0.7071f, 0, 5.0f / 0.7071f), y2(0, 1, 0, 2);
+    struct Case
+    {
+        mrPlane *first, *second;
+        V maxs;
+        int winner;
+    } cases[] = {
+        {&x5, &x1, kMax, 0}, // x = 5 scores 450, x = 1 scores 482
+        {&x1, &x5, kMax, 1},
+        {&x5, &y5, kMax, 1},
+        {&y5, &x5, kMax, 1},
+        {&skew, &x49, kMax, 0},
+        {&diag, &y2, V(10, 20, 10), 1},
+    };
+    for (const Case& c : cases)
+    {
+        mrBSPSurface* list = chain({bare(c.first), bare(c.second)});
+        mrBSPSurface* winner = c.winner ? list->m_next : list;
+        EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, c.maxs, 0), winner) << &c - cases;
+        EXPECT_EQ(bsp.chooseMidPlaneFromList(list, kMin, c.maxs), winner) << &c - cases;
+        deleteSurfaces(list);
+    }
 }
 
-TEST(ChoosePlane, FewerSplitsBeatABetterScore)
+TEST(ChoosePlane, FewerSplitsBeatABetterScoreAndCountingStopsAtTheBest)
 {
     mrSolidBSP bsp;
-    mrPlane x1(1, 0, 0, 1), y5(0, 1, 0, 5), z2(0, 0, 1, 2);
+    mrPlane x1(1, 0, 0, 1), x5(1, 0, 0, 5), y5(0, 1, 0, 5), z2(0, 0, 1, 2), z8(0, 0, 1, 8);
     // x = 1 cuts one face and scores 482; y = 5 cuts two and scores 450.
     mrBSPSurface* a = makeSurface(&x1, {makeFace(&x1, {V(1, 7, 1), V(1, 9, 1), V(1, 7, 3)})});
     mrBSPSurface* b = makeSurface(&y5, {makeFace(&y5, {V(6, 5, 6), V(6, 5, 8), V(8, 5, 6)})});
@@ -229,68 +237,42 @@ TEST(ChoosePlane, FewerSplitsBeatABetterScore)
     mrBSPSurface* list = chain({b, a, w});
     EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), a);
     deleteSurfaces(list);
-}
 
-TEST(ChoosePlane, SplitCountStopsWithinASurfaceOnceItReachesTheBest)
-{
-    mrSolidBSP bsp;
-    mrPlane x5(1, 0, 0, 5), y5(0, 1, 0, 5), z2(0, 0, 1, 2), z8(0, 0, 1, 8);
     // x = 5 cuts one face (in u). y = 5 cuts three faces, all in t; its count stops at
     // one inside t, ties with x = 5 and, being later with an equal score, is taken.
-    mrBSPSurface* a = makeSurface(&x5, {makeFace(&x5, {V(5, 7, 1), V(5, 9, 1), V(5, 7, 3)})});
-    mrBSPSurface* b = makeSurface(&y5, {makeFace(&y5, {V(6, 5, 6), V(6, 5, 8), V(8, 5, 6)})});
+    a = makeSurface(&x5, {makeFace(&x5, {V(5, 7, 1), V(5, 9, 1), V(5, 7, 3)})});
+    b = makeSurface(&y5, {makeFace(&y5, {V(6, 5, 6), V(6, 5, 8), V(8, 5, 6)})});
     mrBSPSurface* t = makeSurface(&z2, {makeFace(&z2, {V(6, 4, 2), V(7, 4, 2), V(7, 6, 2)}),
                                         makeFace(&z2, {V(7, 4, 2), V(8, 4, 2), V(8, 6, 2)}),
                                         makeFace(&z2, {V(8, 4, 2), V(9, 4, 2), V(9, 6, 2)})});
     mrBSPSurface* u = makeSurface(&z8, {makeFace(&z8, {V(4, 7, 8), V(6, 7, 8), V(6, 9, 8)})});
-    mrBSPSurface* list = chain({a, b, t, u});
+    list = chain({a, b, t, u});
     EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), b);
     deleteSurfaces(list);
 }
 
-TEST(ChoosePlane, SurfaceWithoutPlaneIsReportedAndSkipped)
+TEST(ChoosePlane, MissingPlanesAndNormalsWithoutADominantAxisAreReported)
 {
     mtest::AssertRecorder rec;
     mrSolidBSP bsp;
     mrPlane x1(1, 0, 0, 1);
     mrBSPSurface* list = chain({bare(&x1), bare(nullptr)});
-    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list);
-    ASSERT_EQ(rec.count("plane"), 1u);
-    EXPECT_EQ(rec.reports()[0].source, "mrSolidBSP");
+    EXPECT_EQ(bsp.choosePlaneFromList(list, kMin, kMax, 0), list); // the plane-less one is skipped
     deleteSurfaces(list);
-}
-
-TEST(ChoosePlane, NormalWithoutDominantAxisIsReported)
-{
-    mtest::AssertRecorder rec;
-    mrSolidBSP bsp;
     float nan = std::numeric_limits<float>::quiet_NaN();
     mrPlane bad(nan, nan, nan, 0);
-    mrBSPSurface* list = chain({bare(&bad)});
+    list = chain({bare(&bad)});
     bsp.choosePlaneFromList(list, kMin, kMax, 0);
-    EXPECT_EQ(rec.count("0", "ChoosePlane: no axis found"), 1u);
     bsp.chooseMidPlaneFromList(list, kMin, kMax);
-    EXPECT_EQ(rec.count("0", "ChooseMidPlane: no axis found"), 1u);
     deleteSurfaces(list);
+    rec.expect({{"plane", "mrSolidBSP", 0, nullptr},
+                {"0", "mrSolidBSP", 0, "ChoosePlane: no axis found"},
+                {"0", "mrSolidBSP", 0, "ChooseMidPlane: no axis found"}});
 }
 
-TEST(MidSplit, HalvingPlaneBeatsAnOffCentreOne)
+TEST(MidSplit, HugeBoxGivesTheFirstCandidateAndNoCandidateIsReported)
 {
-    // x = 5 scores 450, x = 1 scores 482.
-    mrSolidBSP bsp;
-    mrPlane x1(1, 0, 0, 1), x5(1, 0, 0, 5);
-    for (int order = 0; order < 2; ++order)
-    {
-        mrBSPSurface* s5 = bare(&x5);
-        mrBSPSurface* s1 = bare(&x1);
-        mrBSPSurface* list = order ? chain({s5, s1}) : chain({s1, s5});
-        EXPECT_EQ(bsp.chooseMidPlaneFromList(list, kMin, kMax), s5);
-        deleteSurfaces(list);
-    }
-}
-
-TEST(MidSplit, HugeBoxGivesTheFirstCandidate)
-{
+    mtest::AssertRecorder rec;
     mrSolidBSP bsp;
     mrPlane x0(1, 0, 0, 0), xMid(1, 0, 0, 10000);
     mrBSPSurface* marked = bare(&xMid);
@@ -298,36 +280,13 @@ TEST(MidSplit, HugeBoxGivesTheFirstCandidate)
     mrBSPSurface* first = bare(&x0);
     mrBSPSurface* list = chain({marked, first, bare(&xMid)});
     EXPECT_EQ(bsp.chooseMidPlaneFromList(list, V(0, 0, 0), V(20000, 20000, 20000)), first);
-    deleteSurfaces(list);
-}
-
-TEST(MidSplit, NoCandidateIsReported)
-{
-    mtest::AssertRecorder rec;
-    mrSolidBSP bsp;
-    mrPlane x0(1, 0, 0, 0);
-    mrBSPSurface* marked = bare(&x0);
-    marked->m_onNode = 1;
-    EXPECT_EQ(bsp.chooseMidPlaneFromList(marked, kMin, kMax), nullptr);
+    EXPECT_TRUE(rec.reports().empty());
+    deleteSurfaces(first->m_next);
+    first->m_next = nullptr;
+    first->m_onNode = 1;
+    EXPECT_EQ(bsp.chooseMidPlaneFromList(list, kMin, kMax), nullptr);
     EXPECT_EQ(bsp.chooseMidPlaneFromList(nullptr, kMin, kMax), nullptr);
     EXPECT_EQ(rec.count("0", "ChooseMidPlaneFromList: no valid planes"), 2u);
-    deleteSurfaces(marked);
-}
-
-TEST(MidSplit, DominantAxisIsTheFirstStrictlyLargestComponent)
-{
-    mrSolidBSP bsp;
-    // (0.6, 0.8, 0): axis y, v = 0.8 * 6.25 = 5 -> 450; taken as x it would score 453.
-    mrPlane skew(0.6f, 0.8f, 0, 6.25f), x(1, 0, 0, 4.9f);
-    mrBSPSurface* list = chain({bare(&skew), bare(&x)});
-    EXPECT_EQ(bsp.chooseMidPlaneFromList(list, kMin, kMax), list);
-    deleteSurfaces(list);
-
-    // Equal components: axis x. In a box twice as long along y, x = 5 scores 1050 and
-    // would score 650 taken along y; the competitor scores 728.
-    mrPlane diag(0.7071f, 0.7071f, 0, 5.0f / 0.7071f), y2(0, 1, 0, 2);
-    list = chain({bare(&diag), bare(&y2)});
-    EXPECT_EQ(bsp.chooseMidPlaneFromList(list, kMin, V(10, 20, 10)), list->m_next);
     deleteSurfaces(list);
 }
 
@@ -358,36 +317,21 @@ TEST(DividePlane, ParallelSurfacesMoveWholeWithoutVisitingFaces)
     mtest::AssertRecorder rec;
     mrSolidBSP bsp;
     mrPlane split(1, 0, 0, 5), same(1, 0, 0, 5), ahead(1, 0, 0, 6), behind(1, 0, 0, 4);
-    // Faces without windings would be reported if they were visited.
-    auto faceless = [](mrPlane* p) {
-        mrBSPFace* f = new mrBSPFace;
-        delete f->m_winding;
-        f->m_winding = nullptr;
-        f->m_plane = p;
-        return f;
-    };
-    mrBSPSurface* on = makeSurface(&same, {});
-    on->m_faces = faceless(&same);
-    mrBSPSurface *front, *back;
-    bsp.dividePlane(on, &split, &front, &back);
-    EXPECT_EQ(front, on);
-    EXPECT_EQ(back, nullptr);
-    EXPECT_EQ(on->m_onNode, 1);
-
-    mrBSPSurface* a = makeSurface(&ahead, {});
-    a->m_faces = faceless(&ahead);
-    bsp.dividePlane(a, &split, &front, &back);
-    EXPECT_EQ(front, a);
-    EXPECT_EQ(back, nullptr);
-    EXPECT_EQ(a->m_onNode, 0);
-
-    mrBSPSurface* b = makeSurface(&behind, {});
-    b->m_faces = faceless(&behind);
-    bsp.dividePlane(b, &split, &front, &back);
-    EXPECT_EQ(front, nullptr);
-    EXPECT_EQ(back, b);
+    const std::pair<mrPlane*, bool> cases[] = {{&same, true}, {&ahead, true}, {&behind, false}};
+    for (const auto& c : cases)
+    {
+        // A face without a winding would be reported if it were visited.
+        mrBSPSurface* s = makeSurface(c.first, {mtest::makeFace(c.first, {})});
+        delete s->m_faces->m_winding;
+        s->m_faces->m_winding = nullptr;
+        mrBSPSurface *front, *back;
+        bsp.dividePlane(s, &split, &front, &back);
+        EXPECT_EQ(front, c.second ? s : nullptr);
+        EXPECT_EQ(back, c.second ? nullptr : s);
+        EXPECT_EQ(s->m_onNode, c.first == &same ? 1 : 0); // only the surface on the plane is marked
+        deleteSurfaces(s);
+    }
     EXPECT_TRUE(rec.reports().empty());
-    deleteSurfaces(chain({on, a, b}));
 }
 
 TEST(DividePlane, OppositeFacingSurfaceOnThePlaneGoesBackUnmarked)
@@ -414,17 +358,14 @@ TEST(DividePlane, SpanningFaceSplitsTheSurfaceAndRecomputesBounds)
     mrBSPSurface *front, *back;
     bsp.dividePlane(s, &split, &front, &back);
     ASSERT_EQ(front, s);
-    ASSERT_NE(back, nullptr);
-    ASSERT_NE(back, s);
+    ASSERT_TRUE(back && back != s);
     EXPECT_EQ(back->m_plane, &facePlane);
     EXPECT_EQ(back->m_reserved, 77);
     // Front list: side face (pushed last) first, then the square's front piece.
-    ASSERT_NE(front->m_faces, nullptr);
+    ASSERT_TRUE(front->m_faces && front->m_faces->m_next && back->m_faces);
     EXPECT_EQ(front->m_faces, side);
-    ASSERT_NE(front->m_faces->m_next, nullptr);
     EXPECT_EQ(front->m_faces->m_next->m_original, sq);
     EXPECT_EQ(front->m_faces->m_next->m_next, nullptr);
-    ASSERT_NE(back->m_faces, nullptr);
     EXPECT_EQ(back->m_faces->m_original, sq);
     EXPECT_EQ(back->m_faces->m_next, nullptr);
     EXPECT_EQ(front->m_mins, V(1, 0, 0));
@@ -470,63 +411,47 @@ TEST(LinkConvexFaces, FragmentsOfOneOriginalAreListedTwiceLinkedOnce)
     bsp.linkConvexFaces(list, leaf);
     EXPECT_EQ(leaf->m_contents, 0);
     EXPECT_EQ(leaf->m_plane, nullptr);
-    ASSERT_NE(leaf->m_markfaces, nullptr);
-    EXPECT_EQ(leaf->m_markfaces[0], original);
-    EXPECT_EQ(leaf->m_markfaces[1], original);
-    EXPECT_EQ(leaf->m_markfaces[2], own);
-    EXPECT_EQ(leaf->m_markfaces[3], nullptr);
-    EXPECT_EQ(bsp.m_numLeafFaces, 3);
-    EXPECT_EQ(bsp.m_numLinkedFaces, 2);
-    EXPECT_EQ(bsp.m_numEmptyLeafs, 1);
+    EXPECT_EQ(markFaces(leaf), (std::vector<const mrBSPFace*>{original, original, own}));
+    EXPECT_EQ(counts(bsp), (Counts{0, 0, 1, 3, 2, 0}));
     EXPECT_EQ(original->m_linked, 1);
     EXPECT_EQ(own->m_linked, 1);
     mrBSPTree::release(leaf);
 }
 
-TEST(LinkConvexFaces, ContentsReports)
+TEST(LinkConvexFaces, ContentsAndMissingOriginalsAreReported)
 {
     mrPlane p(0, 0, 1, 0);
+    struct Case
     {
-        mtest::AssertRecorder rec;
-        mrSolidBSP bsp;
-        mrBSPFace* f = makeFace(&p, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
-        f->m_contents = 1;
-        mrBSPNode* leaf = new mrBSPNode;
-        bsp.linkConvexFaces(makeSurface(&p, {f}), leaf);
-        EXPECT_EQ(rec.count("!leafnode->m_contents"), 1u);
-        EXPECT_EQ(leaf->m_contents, 1);
-        EXPECT_EQ(bsp.m_numEmptyLeafs, 1);
-        mrBSPTree::release(leaf);
-    }
+        int contents[2];
+        bool orphan;
+        int leafContents;
+        const char* expression;
+        const char* message;
+    } cases[] = {
+        {{1, 1}, false, 1, "!leafnode->m_contents", nullptr}, // the leaf keeps the first contents
+        {{0, 2}, false, 0, "0", "Mixed face contents in leafnode"},
+        {{0, 0}, true, 0, "f->m_original", nullptr}, // the face is left out of the mark faces
+    };
+    for (const Case& c : cases)
     {
         mtest::AssertRecorder rec;
         mrSolidBSP bsp;
         mrBSPFace* a = makeFace(&p, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
         mrBSPFace* b = makeFace(&p, {V(2, 0, 0), V(3, 0, 0), V(2, 1, 0)});
-        b->m_contents = 2;
+        a->m_contents = c.contents[0];
+        b->m_contents = c.contents[1];
+        if (c.orphan)
+            a->m_original = nullptr;
         mrBSPNode* leaf = new mrBSPNode;
         bsp.linkConvexFaces(makeSurface(&p, {a, b}), leaf);
-        EXPECT_EQ(rec.count("0", "Mixed face contents in leafnode"), 1u);
-        EXPECT_EQ(leaf->m_contents, 0);
+        rec.expect({{c.expression, "mrSolidBSP", 0, c.message}});
+        EXPECT_EQ(leaf->m_contents, c.leafContents);
+        EXPECT_EQ(bsp.m_numEmptyLeafs, 1);
+        EXPECT_EQ(bsp.m_numLeafFaces, 2);
+        EXPECT_EQ(markFaces(leaf), (c.orphan ? std::vector<const mrBSPFace*>{b} : std::vector<const mrBSPFace*>{a, b}));
         mrBSPTree::release(leaf);
     }
-}
-
-TEST(LinkConvexFaces, FaceWithoutOriginalIsReportedAndLeftOut)
-{
-    mtest::AssertRecorder rec;
-    mrSolidBSP bsp;
-    mrPlane p(0, 0, 1, 0);
-    mrBSPFace* orphan = makeFace(&p, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
-    orphan->m_original = nullptr;
-    mrBSPFace* own = makeFace(&p, {V(2, 0, 0), V(3, 0, 0), V(2, 1, 0)});
-    mrBSPNode* leaf = new mrBSPNode;
-    bsp.linkConvexFaces(makeSurface(&p, {orphan, own}), leaf);
-    EXPECT_EQ(rec.count("f->m_original"), 1u);
-    EXPECT_EQ(leaf->m_markfaces[0], own);
-    EXPECT_EQ(leaf->m_markfaces[1], nullptr);
-    EXPECT_EQ(bsp.m_numLeafFaces, 2);
-    mrBSPTree::release(leaf);
 }
 
 TEST(LinkNodeFaces, CopiesInReverseAndBecomesTheOriginals)
@@ -565,12 +490,7 @@ TEST(Generate, EmptyListGivesOneSolidLeaf)
     EXPECT_EQ(head->m_contents, 1);
     ASSERT_NE(head->m_markfaces, nullptr);
     EXPECT_EQ(head->m_markfaces[0], nullptr);
-    EXPECT_EQ(bsp.m_numSolidLeafs, 1);
-    EXPECT_EQ(bsp.m_numSplitNodes, 0);
-    EXPECT_EQ(bsp.m_numEmptyLeafs, 0);
-    EXPECT_EQ(bsp.m_numLeafFaces, 0);
-    EXPECT_EQ(bsp.m_numLinkedFaces, 0);
-    EXPECT_EQ(bsp.m_numNodeFaces, 0);
+    EXPECT_EQ(counts(bsp), (Counts{0, 1, 0, 0, 0, 0}));
     EXPECT_EQ(bsp.m_midSplit, 0);
     EXPECT_EQ(bsp.m_reserved1, 1);
     mrBSPTree::release(head);
@@ -591,19 +511,11 @@ TEST(Generate, SingleSurfaceSplitsIntoAnEmptyFrontAndASolidBack)
     mrBSPNode* head = bsp.generate(s, 1);
     EXPECT_EQ(onNode, 1);
     EXPECT_EQ(head->m_plane, &p);
-    const mrBSPNode* front = head->m_children[0];
-    const mrBSPNode* back = head->m_children[1];
-    EXPECT_EQ(front->m_contents, 0);
-    EXPECT_EQ(front->m_markfaces[0], a);
-    EXPECT_EQ(front->m_markfaces[1], b);
-    EXPECT_EQ(front->m_markfaces[2], nullptr);
-    EXPECT_EQ(back->m_contents, 1);
-    EXPECT_EQ(back->m_markfaces[0], nullptr);
-    EXPECT_EQ(bsp.m_numSplitNodes, 1);
-    EXPECT_EQ(bsp.m_numLeafFaces, 2);
-    EXPECT_EQ(bsp.m_numEmptyLeafs, 1);
-    EXPECT_EQ(bsp.m_numSolidLeafs, 1);
-    EXPECT_EQ(bsp.m_numLinkedFaces, 2);
+    EXPECT_EQ(head->m_children[0]->m_contents, 0);
+    EXPECT_EQ(markFaces(head->m_children[0]), (std::vector<const mrBSPFace*>{a, b}));
+    EXPECT_EQ(head->m_children[1]->m_contents, 1);
+    EXPECT_TRUE(markFaces(head->m_children[1]).empty());
+    EXPECT_EQ(counts(bsp), (Counts{1, 1, 1, 2, 2, 0}));
     EXPECT_EQ(bsp.m_midSplit, 1);
     mrBSPTree::release(head);
 }
@@ -620,15 +532,12 @@ TEST(Generate, ChildListsComeOutReversed)
     s5->m_onNode = 1;
     s7->m_onNode = 1;
     mrBSPNode* head = bsp.generate(chain({makeSurface(&p0, {f0}), s5, s7}), 0);
-    const mrBSPNode* front = head->m_children[0];
-    ASSERT_EQ(front->m_plane, nullptr);
-    EXPECT_EQ(front->m_markfaces[0], f7);
-    EXPECT_EQ(front->m_markfaces[1], f5);
-    EXPECT_EQ(front->m_markfaces[2], f0);
+    ASSERT_EQ(head->m_children[0]->m_plane, nullptr);
+    EXPECT_EQ(markFaces(head->m_children[0]), (std::vector<const mrBSPFace*>{f7, f5, f0}));
     mrBSPTree::release(head);
 }
 
-TEST(Generate, FragmentWithoutFacesIsReportedAndLinkedAnyway)
+TEST(Generate, FragmentWithoutFacesAndSplitterWithoutPlaneAreReported)
 {
     mtest::AssertRecorder rec;
     mrSolidBSP bsp;
@@ -637,17 +546,14 @@ TEST(Generate, FragmentWithoutFacesIsReportedAndLinkedAnyway)
     empty->m_onNode = 1;
     mrBSPNode* head =
         bsp.generate(chain({makeSurface(&px, {makeFace(&px, {V(0, 0, 0), V(0, 1, 0), V(0, 0, 1)})}), empty}), 0);
-    EXPECT_EQ(rec.count("0", "surface with no faces"), 1u);
+    rec.expect({{"0", "mrSolidBSP", 0, "surface with no faces"}}); // linked all the same
     EXPECT_EQ(head->m_children[1]->m_contents, 1);
     EXPECT_EQ(bsp.m_numSplitNodes, 1);
     mrBSPTree::release(head);
-}
 
-TEST(Generate, SplitterWithoutPlaneEndsTheNode)
-{
-    mtest::AssertRecorder rec;
-    mrSolidBSP bsp;
-    mrBSPNode* head = bsp.generate(bare(nullptr), 0);
+    // A splitter without a plane ends the node.
+    rec.clear();
+    head = bsp.generate(bare(nullptr), 0);
     EXPECT_EQ(rec.count("inplane"), 1u);
     EXPECT_EQ(head->m_plane, nullptr);
     EXPECT_EQ(head->m_contents, 1);
@@ -667,39 +573,27 @@ mrBSPNode* buildTree(srMeshModel& mesh, mrBSPSurfaceBuilder& builder, mrSolidBSP
 }
 } // namespace
 
-TEST(Generate, ClosedOutwardCubeIsSolidInside)
+TEST(Generate, ClosedCubeIsSolidInsideFacingOutAndEmptyInsideFacingIn)
 {
-    for (int mid = 0; mid < 2; ++mid)
-    {
-        srMeshModel mesh;
-        mtest::addBox(mesh, V(0, 0, 0), V(10, 10, 10), true);
-        mrBSPSurfaceBuilder builder;
-        mrSolidBSP bsp;
-        mrBSPNode* head = buildTree(mesh, builder, bsp, mid);
-        EXPECT_EQ(leafAt(head, V(5, 5, 5))->m_contents, 1) << mid;
-        for (V outside : {V(-5, 5, 5), V(15, 5, 5), V(5, -5, 5), V(5, 15, 5), V(5, 5, -5), V(5, 5, 15)})
-            EXPECT_EQ(leafAt(head, outside)->m_contents, 0) << mid;
-        EXPECT_EQ(bsp.m_numSplitNodes, 6);
-        EXPECT_EQ(bsp.m_numSolidLeafs, 1);
-        EXPECT_EQ(bsp.m_numEmptyLeafs, 6);
-        EXPECT_EQ(bsp.m_numLinkedFaces, 12);
-        EXPECT_EQ(bsp.m_numLeafFaces, 12);
-        mrBSPTree::release(head);
-        builder.releasePlanes();
-    }
-}
-
-TEST(Generate, InwardBoxIsEmptyInside)
-{
-    srMeshModel mesh;
-    mtest::addBox(mesh, V(0, 0, 0), V(10, 10, 10), false);
-    mrBSPSurfaceBuilder builder;
-    mrSolidBSP bsp;
-    mrBSPNode* head = buildTree(mesh, builder, bsp, 0);
-    EXPECT_EQ(leafAt(head, V(5, 5, 5))->m_contents, 0);
-    EXPECT_EQ(leafAt(head, V(15, 5, 5))->m_contents, 1);
-    mrBSPTree::release(head);
-    builder.releasePlanes();
+    for (int outward = 0; outward < 2; ++outward)
+        for (int mid = 0; mid < 2; ++mid)
+        {
+            SCOPED_TRACE(2 * outward + mid);
+            srMeshModel mesh;
+            mtest::addBox(mesh, V(0, 0, 0), V(10, 10, 10), outward);
+            mrBSPSurfaceBuilder builder;
+            mrSolidBSP bsp;
+            mrBSPNode* head = buildTree(mesh, builder, bsp, mid);
+            EXPECT_EQ(leafAt(head, V(5, 5, 5))->m_contents, outward);
+            for (V outside : {V(-5, 5, 5), V(15, 5, 5), V(5, -5, 5), V(5, 15, 5), V(5, 5, -5), V(5, 5, 15)})
+                EXPECT_EQ(leafAt(head, outside)->m_contents, 1 - outward);
+            if (outward)
+            {
+                EXPECT_EQ(counts(bsp), (Counts{6, 1, 6, 12, 12, 0}));
+            }
+            mrBSPTree::release(head);
+            builder.releasePlanes();
+        }
 }
 
 TEST(Generate, CountersAgreeWithTheTreeOnAHollowLevel)
@@ -713,18 +607,12 @@ TEST(Generate, CountersAgreeWithTheTreeOnAHollowLevel)
         mrBSPNode* head = buildTree(mesh, builder, bsp, mid);
         TreeStats st;
         walk(head, st);
-        EXPECT_EQ(st.splits, bsp.m_numSplitNodes);
-        EXPECT_EQ(st.solid, bsp.m_numSolidLeafs);
-        EXPECT_EQ(st.empty, bsp.m_numEmptyLeafs);
-        EXPECT_EQ(st.markfaces, bsp.m_numLeafFaces);
+        EXPECT_EQ(counts(bsp), (Counts{st.splits, st.solid, st.empty, st.markfaces, (int)mesh.m_numpolys, 0}));
         EXPECT_EQ(st.solid + st.empty, st.splits + 1);
-        // Every triangle reaches some leaf.
-        EXPECT_EQ(bsp.m_numLinkedFaces, (int)mesh.m_numpolys);
         EXPECT_GE(bsp.m_numLeafFaces, bsp.m_numLinkedFaces);
         EXPECT_GT(st.solid, 0);
-        EXPECT_EQ(leafAt(head, V(32, 32, 32))->m_contents, 0);
-        EXPECT_EQ(leafAt(head, V(160, 32, 32))->m_contents, 0);
-        EXPECT_EQ(leafAt(head, V(96, 32, 16))->m_contents, 0);
+        for (V open : {V(32, 32, 32), V(160, 32, 32), V(96, 32, 16)})
+            EXPECT_EQ(leafAt(head, open)->m_contents, 0);
         mrBSPTree::release(head);
         builder.releasePlanes();
     }

@@ -1,12 +1,15 @@
 #include "support/TestSupport.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <numeric>
+#include <set>
+
+#include <unistd.h>
 
 #include "platform/dx/srOutput.h"
 
@@ -19,8 +22,8 @@ std::vector<AssertReport> g_reports;
 
 void recordReport(const char* expression, const char* source, long line, const char* message)
 {
-    g_reports.push_back({expression ? expression : "", source ? source : "", line, message ? message : "",
-                         message != nullptr});
+    g_reports.push_back(
+        {expression ? expression : "", source ? source : "", line, message ? message : "", message != nullptr});
 }
 } // namespace
 
@@ -43,6 +46,21 @@ size_t AssertRecorder::count(const char* expression, const char* message) const
         if (r.expression == expression && (!message || r.message == message))
             ++n;
     return n;
+}
+
+void AssertRecorder::expect(std::initializer_list<Expected> expected) const
+{
+    ASSERT_EQ(g_reports.size(), expected.size());
+    size_t i = 0;
+    for (const Expected& e : expected)
+    {
+        const AssertReport& r = g_reports[i++];
+        EXPECT_EQ(r.expression, e.expression) << "report " << i - 1;
+        EXPECT_EQ(r.source, e.source) << "report " << i - 1;
+        EXPECT_EQ(r.line, e.line ? e.line : r.line) << "report " << i - 1;
+        EXPECT_EQ(r.hasMessage, e.message != nullptr) << "report " << i - 1;
+        EXPECT_EQ(r.message, e.message ? e.message : "") << "report " << i - 1;
+    }
 }
 
 LogCapture::LogCapture() { m_previous = srSetOutputTarget(&m_buffer); }
@@ -89,12 +107,14 @@ void addQuad(srMeshModel& mesh, V a, V b, V c, V d)
     mesh.addPolygon((int)i, (int)i + 2, (int)i + 3);
 }
 
-// An axis-aligned rectangle on plane `axis` = at, spanning [u0,u1] x [v0,v1] on the next two
-// axes (cyclic), with its normal along +axis (sign > 0) or -axis.
+float lo(const V& a, int k) { return a[k]; }
+} // namespace
+
 void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign)
 {
     int ua = (axis + 1) % 3, va = (axis + 2) % 3;
-    auto P = [&](float u, float v) {
+    auto P = [&](float u, float v)
+    {
         V p;
         p[axis] = at;
         p[ua] = u;
@@ -108,8 +128,59 @@ void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0
         addQuad(mesh, P(u0, v0), P(u0, v1), P(u1, v1), P(u1, v0));
 }
 
-float lo(const V& a, int k) { return a[k]; }
-} // namespace
+int addTriangle(srMeshModel& mesh, V a, V b, V c)
+{
+    long i = mesh.addVertex(a);
+    mesh.addVertex(b);
+    mesh.addVertex(c);
+    return (int)mesh.addPolygon((int)i, (int)i + 1, (int)i + 2);
+}
+
+mrBSPFace* makeFace(mrPlane* plane, std::initializer_list<V> points)
+{
+    mrBSPFace* f = new mrBSPFace;
+    f->m_plane = plane;
+    for (const V& p : points)
+        f->m_winding->addPoint(p);
+    f->m_original = f;
+    return f;
+}
+
+void ClipRelease::operator()(mrClipBSP* b) const
+{
+    if (b)
+        static_cast<srClass*>(b)->release();
+}
+
+mrClipNode clipNode(int plane, int front, int back)
+{
+    mrClipNode n;
+    n.planeIndex = plane;
+    n.child[0] = front;
+    n.child[1] = back;
+    return n;
+}
+
+ClipPtr clipBox(V mins, V maxs)
+{
+    ClipPtr b(new mrClipBSP);
+    b->makeFromBBox(mins, maxs);
+    return b;
+}
+
+ClipPtr clipTree(const std::vector<mrPlane>& planes, const std::vector<mrClipNode>& nodes)
+{
+    ClipPtr b(new mrClipBSP);
+    b->m_numplanes = (uint32_t)planes.size();
+    b->m_planes = mrClipBSP::allocPlanes(planes.size());
+    for (size_t i = 0; i < planes.size(); ++i)
+        b->m_planes[i] = planes[i];
+    b->m_numnodes = (uint32_t)nodes.size();
+    b->m_nodes = mrClipBSP::allocNodes(nodes.size());
+    for (size_t i = 0; i < nodes.size(); ++i)
+        b->m_nodes[i] = nodes[i];
+    return b;
+}
 
 void addBox(srMeshModel& mesh, V mins, V maxs, bool outward)
 {
@@ -130,13 +201,13 @@ void addSphere(srMeshModel& mesh, V centre, float radius, int levels)
     for (int l = 0; l < levels; ++l)
     {
         std::map<std::pair<int, int>, int> mid;
-        auto midpoint = [&](int a, int b) {
+        auto midpoint = [&](int a, int b)
+        {
             std::pair<int, int> key(std::min(a, b), std::max(a, b));
             auto it = mid.find(key);
             if (it != mid.end())
                 return it->second;
-            V m((verts[a].x + verts[b].x) * 0.5f, (verts[a].y + verts[b].y) * 0.5f,
-                (verts[a].z + verts[b].z) * 0.5f);
+            V m((verts[a].x + verts[b].x) * 0.5f, (verts[a].y + verts[b].y) * 0.5f, (verts[a].z + verts[b].z) * 0.5f);
             float len = std::sqrt(m.x * m.x + m.y * m.y + m.z * m.z);
             verts.push_back(V(m.x / len, m.y / len, m.z / len));
             mid[key] = (int)verts.size() - 1;
@@ -186,10 +257,107 @@ void addTwoRoomLevel(srMeshModel& mesh)
     addRect(mesh, 1, 48, 0, 32, 64, 128, -1);
 }
 
+namespace
+{
+void putU32(std::vector<unsigned char>& b, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i)
+        b.push_back((unsigned char)(v >> (8 * i)));
+}
+} // namespace
+
+std::vector<unsigned char> nodeRecords(const std::vector<mrClipNode>& nodes)
+{
+    std::vector<unsigned char> b;
+    for (const mrClipNode& n : nodes)
+        for (int32_t v : {n.planeIndex, n.child[0], n.child[1]})
+            putU32(b, (uint32_t)v);
+    return b;
+}
+
+std::vector<unsigned char> planeRecords(const std::vector<mrPlane>& planes, uint32_t reserved)
+{
+    std::vector<unsigned char> b;
+    for (const mrPlane& p : planes)
+    {
+        putU32(b, reserved);
+        for (float f : {p.m_normal.x, p.m_normal.y, p.m_normal.z, p.m_dist})
+        {
+            uint32_t bits;
+            std::memcpy(&bits, &f, 4);
+            putU32(b, bits);
+        }
+    }
+    return b;
+}
+
 std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+std::string currentDirectory() { return std::filesystem::current_path().string(); }
+
+int changeDirectory(const std::string& dir) { return chdir(dir.c_str()); }
+
+PortalFile parsePortalFile(const std::string& text)
+{
+    PortalFile out;
+    std::istringstream in(text);
+    std::string line;
+    std::getline(in, out.tag);
+    in >> out.leafs >> out.count;
+    std::getline(in, line);
+    while (std::getline(in, line))
+    {
+        PortalFile::Line l;
+        // Points are written "(x y z ) "; split the bracket off the first number.
+        std::string spaced;
+        for (char c : line)
+            spaced += c == '(' ? std::string("( ") : std::string(1, c);
+        std::istringstream ls(spaced);
+        ls >> l.numpoints >> l.leaf[0] >> l.leaf[1];
+        std::string tok;
+        while (ls >> tok)
+        {
+            EXPECT_EQ(tok, "(");
+            std::vector<double> p(3);
+            ls >> p[0] >> p[1] >> p[2] >> tok;
+            EXPECT_EQ(tok, ")");
+            l.points.push_back(p);
+        }
+        EXPECT_EQ(line.back(), ' ');
+        out.lines.push_back(l);
+    }
+    return out;
+}
+
+size_t connectedLeafGroups(const PortalFile& prt)
+{
+    std::vector<int> parent((size_t)std::max(prt.leafs, 0));
+    std::iota(parent.begin(), parent.end(), 0);
+    auto root = [&parent](int i)
+    {
+        while (parent[(size_t)i] != i)
+            i = parent[(size_t)i] = parent[(size_t)parent[(size_t)i]];
+        return i;
+    };
+    for (const PortalFile::Line& l : prt.lines)
+    {
+        if (l.leaf[0] < 0 || l.leaf[0] >= prt.leafs || l.leaf[1] < 0 || l.leaf[1] >= prt.leafs)
+        {
+            ADD_FAILURE() << "portal between leaves " << l.leaf[0] << " and " << l.leaf[1] << " of " << prt.leafs;
+            continue;
+        }
+        parent[(size_t)root(l.leaf[0])] = root(l.leaf[1]);
+    }
+    std::set<int> groups;
+    for (int i = 0; i < prt.leafs; ++i)
+        groups.insert(root(i));
+    return groups.size();
 }
 
 uint64_t fnv1a(const std::string& bytes)
