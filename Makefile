@@ -37,6 +37,11 @@ bench:
 	@$(BUILD)/meridbsp_bench --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
 	@python3 bench/report.py $(BUILD)/bench.json
 
+FUZZ_SECONDS ?= 60
+# libFuzzer targets (clang, ASan + UBSan) in build-fuzz, each run FUZZ_SECONDS; nothing is merged into fuzz/corpus.
+fuzz: deps
+	@tools/run-fuzzers.sh $(FUZZ_SECONDS)
+
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 

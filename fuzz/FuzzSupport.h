@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+class FuzzInput;
+class mrClipBSP;
+class mrIOManager;
+class srMeshModel;
+
+// What the fuzzers share: one-time start-up of the engine stand-ins and the module, the
+// checks every clip BSP must pass, and the two pipelines run end to end with everything
+// they build released again (so LeakSanitizer sees only real leaks).
+//
+// A check that fails prints what broke and aborts, which libFuzzer reports as a crash
+// and keeps the input.
+class FuzzSupport
+{
+public:
+    // Initialises the core, loads the module's IO handler, sends the engine log and the
+    // assertion reports to nowhere (counted), and makes a scratch directory. Idempotent.
+    static void start();
+    static mrIOManager& io();
+
+    // Assertion reports since start().
+    static unsigned long assertCount();
+    static void fail(const char* what, const std::string& detail = std::string());
+
+    // True when some node is the child of two nodes (or twice of one). validate() accepts
+    // that, but a trace may then walk the shared subtrees once per path, which is
+    // exponential in the depth (known fault, pinned by a disabled test in
+    // tests/robustness_test.cpp); the fuzzers skip traces on such trees until it is fixed.
+    static bool sharesNodes(const mrClipBSP& bsp);
+
+    // A clip BSP from outside passed validate(): queries must end and give answers that
+    // agree with each other. `in` supplies the points and segments.
+    static void checkQueries(const mrClipBSP& bsp, FuzzInput& in);
+    // The same with points chosen from the clip BSP's own planes and bounds.
+    static void checkQueriesNearPlanes(const mrClipBSP& bsp);
+
+    // Save, load, save again: the load must succeed and both saves give the same bytes.
+    static void checkRoundTrip(mrClipBSP& bsp);
+
+    // Collision pipeline: import, validate, query, round trip, release.
+    static void runClipPipeline(srMeshModel* mesh);
+    // Visibility pipeline: surfaces, tree, portals, portal file (in the scratch
+    // directory), portal mesh; everything released.
+    static void runVisPipeline(srMeshModel* mesh, bool midSplit);
+
+    static const std::string& scratchDir();
+};
