@@ -92,7 +92,7 @@ bool checkScene(const aiScene* scene, std::string& error)
         for (unsigned f = 0; f < mesh->mNumFaces; ++f)
         {
             const aiFace& face = mesh->mFaces[f];
-            if (face.mNumIndices > 0 && !face.mIndices)
+            if (face.mNumIndices == 0 || !face.mIndices)
             {
                 error = format("mesh %u face %u has no indices", m, f);
                 return false;
@@ -107,6 +107,66 @@ bool checkScene(const aiScene* scene, std::string& error)
                 }
             }
         }
+    }
+    return true;
+}
+
+// Some importers hang or abort on headers that promise more than the file holds, so those
+// formats are checked before the importer sees them.
+bool checkHeader(const char* data, size_t size, std::string& error)
+{
+    std::string head(data, size < 65536 ? size : 65536);
+    if (head.compare(0, 3, "ply") == 0 && head.find("end_header") == std::string::npos)
+    {
+        error = "the PLY header has no end_header line";
+        return false;
+    }
+    // OFF: one vertex per line, then one face per line ("n i0 i1 ..."); the counts line
+    // must not promise more lines than follow.
+    size_t pos = 0;
+    auto nextLine = [&](std::string& line) {
+        while (pos < size)
+        {
+            size_t end = pos;
+            while (end < size && data[end] != '\n')
+                ++end;
+            line.assign(data + pos, end - pos);
+            pos = end + 1;
+            size_t hash = line.find('#');
+            if (hash != std::string::npos)
+                line.erase(hash);
+            if (line.find_first_not_of(" \t\r") != std::string::npos)
+                return true;
+        }
+        return false;
+    };
+    std::string line;
+    if (!nextLine(line))
+        return true;
+    size_t first = line.find_first_not_of(" \t\r");
+    std::string tag = line.substr(first, line.find_first_of(" \t\r", first) - first);
+    if (tag.size() < 3 || tag.compare(tag.size() - 3, 3, "OFF") != 0)
+        return true;
+    std::string rest = line.substr(first + tag.size());
+    if (rest.find_first_not_of(" \t\r") == std::string::npos && !nextLine(rest))
+    {
+        error = "the OFF header has no vertex and face counts";
+        return false;
+    }
+    unsigned long nverts = 0, nfaces = 0;
+    if (std::sscanf(rest.c_str(), "%lu %lu", &nverts, &nfaces) != 2)
+    {
+        error = "the OFF header has no vertex and face counts";
+        return false;
+    }
+    unsigned long lines = 0;
+    while (lines < nverts + nfaces && nextLine(line))
+        ++lines;
+    if (lines < nverts + nfaces)
+    {
+        error = format("the OFF header promises %lu vertices and %lu faces, but the file has only %lu lines of them",
+                       nverts, nfaces, lines);
+        return false;
     }
     return true;
 }
@@ -233,6 +293,16 @@ srMeshModel* MeshReader::read(const std::string& path, std::string& error, Stats
         return nullptr;
     }
 
+    {
+        std::vector<char> bytes((size_t)st.st_size);
+        FILE* in = std::fopen(path.c_str(), "rb");
+        size_t got = in ? std::fread(bytes.data(), 1, bytes.size(), in) : 0;
+        if (in)
+            std::fclose(in);
+        if (!checkHeader(bytes.data(), got, error))
+            return nullptr;
+    }
+
     Assimp::Importer importer;
     if (!importer.ReadFile(path, 0))
     {
@@ -250,6 +320,8 @@ srMeshModel* MeshReader::readMemory(const void* data, size_t size, const char* f
         error = "the file is empty";
         return nullptr;
     }
+    if (!checkHeader(static_cast<const char*>(data), size, error))
+        return nullptr;
     Assimp::Importer importer;
     if (!importer.ReadFileFromMemory(data, size, 0, formatHint ? formatHint : ""))
     {

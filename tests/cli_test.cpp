@@ -396,6 +396,11 @@ TEST_F(CliTest, BrokenMeshesAreRejectedWithTheReason)
         {"empty.obj", "", "the file is empty"},
         {"points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nv 5 5 5\nv 6 6 6\n", "the file holds no triangles"},
         {"noise.bin", std::string("\x01\x02garbage\xff\xfe", 11), "cannot read the mesh"},
+        // Headers that promise more than the file holds would hang or abort the importer.
+        {"open.ply", "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\n", "the PLY header has no end_header line"},
+        {"short.off", "OFF\n8 1 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n",
+         "the OFF header promises 8 vertices and 1 faces, but the file has only 4 lines of them"},
+        {"nocount.off", "OFF\n", "the OFF header has no vertex and face counts"},
     };
     for (const auto& c : cases)
     {
