@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "clip/mrClipQueryIndex.h"
 #include "platform/dx/srAssert.h"
 #include "platform/dx/srOutput.h"
 
@@ -122,6 +123,7 @@ unsigned long mrClipBSP::planeRecords() const
 
 void mrClipBSP::setNodeArray(mrClipNode* nodes, unsigned long records)
 {
+    dropQueryIndex();
     m_nodes = nodes;
     m_nodeBlock = nodes;
     m_nodeRecords = nodes ? records : 0;
@@ -129,6 +131,7 @@ void mrClipBSP::setNodeArray(mrClipNode* nodes, unsigned long records)
 
 void mrClipBSP::setPlaneArray(mrPlane* planes, unsigned long records)
 {
+    dropQueryIndex();
     m_planes = planes;
     m_planeBlock = planes;
     m_planeRecords = planes ? records : 0;
@@ -252,6 +255,7 @@ mrClipBSP::mrClipBSP(const mrClipBSP& o)
     // refresh (the block is the source's, re-homed to the copy's storage).
     copyArraysFrom(o);
     remapCopiedFields(o);
+    copyQueryIndexFrom(o);
 }
 
 mrClipBSP& mrClipBSP::operator=(const mrClipBSP& o)
@@ -272,6 +276,7 @@ mrClipBSP& mrClipBSP::operator=(const mrClipBSP& o)
     m_ownPlaneBytes = o.m_ownPlaneBytes;
     m_otherPlaneBytes = o.m_otherPlaneBytes;
     remapCopiedFields(o);
+    copyQueryIndexFrom(o);
     return *this;
 }
 
@@ -494,100 +499,309 @@ bool mrClipBSP::validate(std::string* error) const
 // ---------------------------------------------------------------------------------
 // Queries
 
-int mrClipBSP::pointInfo(int node, const srVector3T<float>& point) const
+// ---------------------------------------------------------------------------------
+// Query index
+
+void mrClipBSP::dropQueryIndex()
 {
-    if (node >= 0 && isEmptySpace())
-        return -1;
-    while (node >= 0)
-    {
-        const mrClipNode& n = m_nodes[node];
-        node = signedDistance(m_planes[n.planeIndex], point) >= 0.0f ? n.child[0] : n.child[1];
-    }
-    return node;
+    m_queryIndex.reset();
+    m_indexNodes = nullptr;
+    m_indexPlanes = nullptr;
+    m_indexNumNodes = m_indexNumPlanes = 0;
 }
 
-int mrClipBSP::clip(int node, float p1f, float p2f, const srVector3T<float>& p1in, const srVector3T<float>& p2,
-                    mrTrace& trace) const
+void mrClipBSP::prepareQueries()
 {
-    // A clip BSP without nodes is empty space, so every trace is clear (reproducibility
-    // promise: one answer for the empty case).
-    if (node >= 0 && isEmptySpace())
-        node = -1;
-    // Only the near part of a crossing recurses; descending to one side and going on
-    // into the far part loop here, which keeps the stack as shallow as the crossings.
+    dropQueryIndex();
+    // A handful of nodes is walked as fast without one.
+    if (isEmptySpace() || m_numnodes < 16 || !validate(nullptr))
+        return;
+    try
+    {
+        m_queryIndex = std::make_shared<const mrClipQueryIndex>(m_nodes, m_numnodes, m_planes, m_numplanes);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return; // the queries walk the arrays instead
+    }
+    m_indexNodes = m_nodes;
+    m_indexPlanes = m_planes;
+    m_indexNumNodes = m_numnodes;
+    m_indexNumPlanes = m_numplanes;
+}
+
+void mrClipBSP::copyQueryIndexFrom(const mrClipBSP& o)
+{
+    // The copy's arrays hold the same records, so the source's index describes them too.
+    dropQueryIndex();
+    if (!o.queryIndex() || m_numnodes != o.m_numnodes || m_numplanes != o.m_numplanes || nodeRecords() < m_numnodes ||
+        planeRecords() < m_numplanes)
+        return;
+    m_queryIndex = o.m_queryIndex;
+    m_indexNodes = m_nodes;
+    m_indexPlanes = m_planes;
+    m_indexNumNodes = m_numnodes;
+    m_indexNumPlanes = m_numplanes;
+}
+
+// ---------------------------------------------------------------------------------
+// Queries
+
+namespace
+{
+// A crossing whose near part is being traced: what its far part and its back-off need.
+// The crossing point itself is recomputed from these, with the same float operations.
+struct ClipFrame
+{
+    int node;
+    int side;
+    float frac;
+    float p1f, p2f;
+    srVector3T<float> p1, p2;
+};
+
+// The pending crossings of one trace. Only the near part of a crossing nests, so a
+// trace needs one frame per crossing it is inside of; on a chain tree that can be as
+// many as the tree is deep. Frames live in a local array, and beyond that in a
+// per-thread buffer that only grows: a thread allocates once for the deepest tree it
+// meets and never again, and concurrent traces on different threads share nothing.
+class ClipStack
+{
+public:
+    ClipStack() : m_data(m_local), m_capacity(LOCAL_FRAMES), m_size(0) {}
+    ClipStack(const ClipStack&) = delete;
+    ClipStack& operator=(const ClipStack&) = delete;
+
+    bool empty() const { return m_size == 0; }
+    ClipFrame& push()
+    {
+        if (m_size == m_capacity)
+            grow();
+        return m_data[m_size++];
+    }
+    const ClipFrame& pop() { return m_data[--m_size]; }
+
+private:
+    enum
+    {
+        LOCAL_FRAMES = 48
+    };
+
+    void grow()
+    {
+        static thread_local std::vector<ClipFrame> spill;
+        const size_t wanted = m_capacity * 2;
+        if (m_data == m_local)
+        {
+            if (spill.size() < wanted)
+                spill.resize(wanted);
+            std::copy(m_local, m_local + m_size, spill.data());
+        }
+        else if (spill.size() < wanted)
+            spill.resize(wanted);
+        m_data = spill.data();
+        m_capacity = spill.size();
+    }
+
+    ClipFrame m_local[LOCAL_FRAMES];
+    ClipFrame* m_data;
+    size_t m_capacity;
+    size_t m_size;
+};
+} // namespace
+
+namespace
+{
+// The tree as the arrays hold it, one node at a time.
+class PlainWalk
+{
+public:
+    PlainWalk(const mrClipNode* nodes, const mrPlane* planes) : m_nodes(nodes), m_planes(planes) {}
+    float distance(int node, const srVector3T<float>& p) const
+    {
+        return signedDistance(m_planes[m_nodes[node].planeIndex], p);
+    }
+    int child(int node, int k) const { return m_nodes[node].child[k]; }
+    void plane(int node, srVector3T<float>& normal, float& dist) const
+    {
+        const mrPlane& pl = m_planes[m_nodes[node].planeIndex];
+        normal = pl.m_normal;
+        dist = pl.m_dist;
+    }
+    bool inChain(int) const { return false; }
+    int skip(int node, const srVector3T<float>&, const srVector3T<float>&, bool& plain) const
+    {
+        plain = true;
+        return node;
+    }
+    int pointInfo(int node, const srVector3T<float>& p) const
+    {
+        while (node >= 0)
+        {
+            const mrClipNode& n = m_nodes[node];
+            node = n.child[!(signedDistance(m_planes[n.planeIndex], p) >= 0.0f)];
+        }
+        return node;
+    }
+
+private:
+    const mrClipNode* m_nodes;
+    const mrPlane* m_planes;
+};
+
+// The same tree through its query index: the same tests on the same floats, with runs
+// of nodes that provably pass a point (or both ends of a segment) on skipped.
+class IndexWalk
+{
+public:
+    explicit IndexWalk(const mrClipQueryIndex& index) : m_index(index), m_nodes(index.nodes()) {}
+    float distance(int node, const srVector3T<float>& p) const
+    {
+        return mrClipQueryIndex::distance(m_nodes[node], p);
+    }
+    bool inChain(int node) const { return m_nodes[node].run >= 0; }
+    int child(int node, int k) const { return m_nodes[node].child[k]; }
+    void plane(int node, srVector3T<float>& normal, float& dist) const
+    {
+        const mrClipQueryIndex::Node& n = m_nodes[node];
+        normal = srVector3T<float>(n.n[0], n.n[1], n.n[2]);
+        dist = n.d;
+    }
+    int skip(int node, const srVector3T<float>& p1, const srVector3T<float>& p2, bool& plain) const
+    {
+        const int to = m_index.traceSkip(node, p1, p2);
+        // Landing inside the same chain means that node's test must be made; landing
+        // where the chain is left is a fresh start.
+        plain = to == node || (to >= 0 && m_nodes[to].run >= 0 && m_nodes[to].run == m_nodes[node].run);
+        return to;
+    }
+    int pointInfo(int node, const srVector3T<float>& p) const
+    {
+        while (node >= 0)
+            node = m_index.pointStep(node, p);
+        return node;
+    }
+
+private:
+    const mrClipQueryIndex& m_index;
+    const mrClipQueryIndex::Node* m_nodes;
+};
+
+// The trace, over either view of the tree.
+//
+// The recursion of the trace, unrolled: descending to one side and going on into the far
+// part of a crossing are plain steps, and the near part of a crossing pushes a frame that
+// is taken up again when the near part comes out clear. Every stop (a solid leaf, or a
+// plane with solid behind it) ends the whole trace at once, exactly as each level would
+// return 0 to the one above.
+template <class Walk>
+int traceWith(const Walk& walk, int node, float p1f, float p2f, const srVector3T<float>& p1in,
+              const srVector3T<float>& p2in, mrTrace& trace)
+{
+    ClipStack pending;
     srVector3T<float> p1 = p1in;
+    srVector3T<float> p2 = p2in;
     for (;;)
     {
-        if (node < 0)
+        bool fresh = true;
+        while (node >= 0)
         {
-            if (node == -1)
+            if (fresh && walk.inChain(node))
             {
-                trace.m_allSolid = 0;
-                trace.m_inOpen = 1;
-                return 1;
+                bool plain = true;
+                node = walk.skip(node, p1, p2, plain);
+                fresh = !plain;
+                continue;
             }
+            fresh = true;
+            const float t1 = walk.distance(node, p1);
+            const float t2 = walk.distance(node, p2);
+            // 1: both in front, 2: both behind, 0: anything else (a crossing, or NaN). Taken
+            // as an index: which side a segment goes is what a tree mispredicts.
+            const int same = ((t1 >= 0.0f) & (t2 >= 0.0f)) | (((t1 < 0.0f) & (t2 < 0.0f)) << 1);
+            if (same)
+            {
+                node = walk.child(node, same - 1);
+                continue;
+            }
+
+            // Reproducibility promise (crossing fraction): numerator in double from the float
+            // distance, denominator t1 - t2 in float, quotient in double rounded to float.
+            const double num = (t1 < 0.0f) ? (double)t1 + kDistanceMargin : (double)t1 - kDistanceMargin;
+            const float den = t1 - t2;
+            float frac = (float)(num / (double)den);
+            // Clamped in float (reproducibility promise), so the crossing point never leaves
+            // the segment.
+            if (frac < 0.0f)
+                frac = 0.0f;
+            if (frac > 1.0f)
+                frac = 1.0f;
+
+            float midf;
+            srVector3T<float> mid;
+            crossingPoint(p1f, p2f, p1, p2, frac, midf, mid);
+
+            // Trace the near part first: from p1 to the crossing, on p1's side.
+            const int side = (t1 < 0.0f) ? 1 : 0;
+            ClipFrame& f = pending.push();
+            f.node = node;
+            f.side = side;
+            f.frac = frac;
+            f.p1f = p1f;
+            f.p2f = p2f;
+            f.p1 = p1;
+            f.p2 = p2;
+            node = walk.child(node, side);
+            p2f = midf;
+            p2 = mid;
+        }
+
+        if (node != -1)
+        {
             trace.m_startSolid = 1;
             return 0;
         }
+        trace.m_allSolid = 0;
+        trace.m_inOpen = 1;
+        if (pending.empty())
+            return 1;
 
-        const mrClipNode& n = m_nodes[node];
-        const mrPlane& plane = m_planes[n.planeIndex];
-        const float t1 = signedDistance(plane, p1);
-        const float t2 = signedDistance(plane, p2);
-        if (t1 >= 0.0f && t2 >= 0.0f)
-        {
-            node = n.child[0];
-            continue;
-        }
-        if (t1 < 0.0f && t2 < 0.0f)
-        {
-            node = n.child[1];
-            continue;
-        }
-
-        // Reproducibility promise (crossing fraction): numerator in double from the float
-        // distance, denominator t1 - t2 in float, quotient in double rounded to float.
-        const double num = (t1 < 0.0f) ? (double)t1 + kDistanceMargin : (double)t1 - kDistanceMargin;
-        const float den = t1 - t2;
-        float frac = (float)(num / (double)den);
-        // Clamped in float (reproducibility promise), so the crossing point never leaves
-        // the segment.
-        if (frac < 0.0f)
-            frac = 0.0f;
-        if (frac > 1.0f)
-            frac = 1.0f;
-
+        // The near part of the innermost crossing came out clear.
+        const ClipFrame f = pending.pop();
+        float frac = f.frac;
         float midf;
         srVector3T<float> mid;
-        crossingPoint(p1f, p2f, p1, p2, frac, midf, mid);
+        crossingPoint(f.p1f, f.p2f, f.p1, f.p2, frac, midf, mid);
 
-        const int side = (t1 < 0.0f) ? 1 : 0;
-        if (!clip(n.child[side], p1f, midf, p1, mid, trace))
-            return 0;
-
-        if (pointInfo(n.child[side ^ 1], mid) > -2)
+        const int far = walk.child(f.node, f.side ^ 1);
+        if (walk.pointInfo(far, mid) > -2)
         {
             // The far side is open at the crossing: go on from there.
-            node = n.child[side ^ 1];
+            node = far;
             p1f = midf;
             p1 = mid;
+            p2f = f.p2f;
+            p2 = f.p2;
             continue;
         }
 
         // This plane stops the trace; store it facing the side the trace came from.
-        if (side == 0)
+        srVector3T<float> normal;
+        float dist;
+        walk.plane(f.node, normal, dist);
+        if (f.side == 0)
         {
-            trace.m_planeNormal = plane.m_normal;
-            trace.m_planeDist = plane.m_dist;
+            trace.m_planeNormal = normal;
+            trace.m_planeDist = dist;
         }
         else
         {
-            trace.m_planeNormal = srVector3T<float>(-plane.m_normal.x, -plane.m_normal.y, -plane.m_normal.z);
-            trace.m_planeDist = -plane.m_dist;
+            trace.m_planeNormal = srVector3T<float>(-normal.x, -normal.y, -normal.z);
+            trace.m_planeDist = -dist;
         }
 
         // Back off while the crossing point lies in solid, searching from the root.
-        while (pointInfo(0, mid) <= -2)
+        while (walk.pointInfo(0, mid) <= -2)
         {
             // Reproducibility promise (back-off): the step is taken in double, rounded to float.
             frac = (float)((double)frac - kBackOffStep);
@@ -598,12 +812,34 @@ int mrClipBSP::clip(int node, float p1f, float p2f, const srVector3T<float>& p1i
                 trace.m_endPos = mid;
                 return 0;
             }
-            crossingPoint(p1f, p2f, p1, p2, frac, midf, mid);
+            crossingPoint(f.p1f, f.p2f, f.p1, f.p2, frac, midf, mid);
         }
         trace.m_fraction = midf;
         trace.m_endPos = mid;
         return 0;
     }
+}
+} // namespace
+
+int mrClipBSP::pointInfo(int node, const srVector3T<float>& point) const
+{
+    if (node >= 0 && isEmptySpace())
+        return -1;
+    if (const mrClipQueryIndex* index = queryIndex())
+        return IndexWalk(*index).pointInfo(node, point);
+    return PlainWalk(m_nodes, m_planes).pointInfo(node, point);
+}
+
+int mrClipBSP::clip(int node, float p1f, float p2f, const srVector3T<float>& p1, const srVector3T<float>& p2,
+                    mrTrace& trace) const
+{
+    // A clip BSP without nodes is empty space, so every trace is clear (reproducibility
+    // promise: one answer for the empty case).
+    if (node >= 0 && isEmptySpace())
+        node = -1;
+    if (const mrClipQueryIndex* index = queryIndex())
+        return traceWith(IndexWalk(*index), node, p1f, p2f, p1, p2, trace);
+    return traceWith(PlainWalk(m_nodes, m_planes), node, p1f, p2f, p1, p2, trace);
 }
 
 int mrClipBSP::checkCollision(const srVector3T<float>& start, const srVector3T<float>& end, mrTrace& trace) const
@@ -679,6 +915,7 @@ void mrClipBSP::setFromBBox(const srVector3T<float>& minsIn, const srVector3T<fl
                      "mrClipBSP::setFromBBox()- not a box clip BSP (makeFromBBox gives the six planes and nodes)");
         return;
     }
+    dropQueryIndex();
     const srVector3T<float> mins = minsIn;
     const srVector3T<float> maxs = maxsIn;
     m_mins = srVector3T<float>(mins.x - kBoxMargin, mins.y - kBoxMargin, mins.z - kBoxMargin);
@@ -697,6 +934,7 @@ void mrClipBSP::setFromBBoxExt(srVector3T<float>& mins, srVector3T<float>& maxs,
                      "mrClipBSP::setFromBBoxExt()- not a box clip BSP (makeFromBBox gives the six planes and nodes)");
         return;
     }
+    dropQueryIndex();
     const srVector3T<float> org = origin;
     // Only the two corners turn; the planes stay axis-aligned.
     mins = matrix.transform(mins);
@@ -725,6 +963,7 @@ void mrClipBSP::rotate(srMatrix3T<float>& matrix)
                      "mrClipBSP::rotate()- not a box clip BSP (makeFromBBox gives the six planes and nodes)");
         return;
     }
+    dropQueryIndex();
     // Always from the axis normals, so repeated calls do not accumulate.
     for (int i = 0; i < 6; ++i)
         m_planes[i].m_normal = boxNormal(i);

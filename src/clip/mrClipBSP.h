@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@
 // copy of 20-byte records (4 zero bytes, normal x, y, z, distance) that the clip BSP
 // owns. A "Nodes" or "Planes" address set from outside is adopted as a copy: the
 // caller keeps its buffer, and the clip BSP never releases memory it did not allocate.
+class mrClipQueryIndex;
+
 class mrClipBSP : public srClassSupport<mrClipBSP, srClass, 1, 0x60000>, public mrPBAnimation
 {
 public:
@@ -91,6 +94,17 @@ public:
              mrTrace& trace) const;
     int checkCollision(const srVector3T<float>& start, const srVector3T<float>& end, mrTrace& trace) const;
 
+    // Builds the query index for the arrays as they stand (nothing for an invalid or very
+    // small tree). The queries use it only while m_nodes, m_planes and the two counts are
+    // the ones it was built from; their answers are the same with or without it, only
+    // faster. The generator and the chunk reader call this, and every operation of this
+    // class that changes the arrays drops the index. Code that fills or edits the arrays
+    // directly calls it afterwards to get the faster queries; after editing records in
+    // place it must call it (or dropQueryIndex) before querying again.
+    void prepareQueries();
+    void dropQueryIndex();
+    bool hasQueryIndex() const { return queryIndex() != nullptr; }
+
     // Box clip BSPs: six planes, node i on plane i, front children empty.
     void makeFromBBox(const srVector3T<float>& mins, const srVector3T<float>& maxs);
     void setFromBBox(const srVector3T<float>& mins, const srVector3T<float>& maxs);
@@ -107,6 +121,15 @@ protected:
 
 private:
     bool isEmptySpace() const { return !m_nodes || !m_numnodes || !m_planes; }
+    // The index, when it still describes the arrays.
+    const mrClipQueryIndex* queryIndex() const
+    {
+        return m_queryIndex && m_indexNodes == m_nodes && m_indexPlanes == m_planes && m_indexNumNodes == m_numnodes &&
+                       m_indexNumPlanes == m_numplanes
+                   ? m_queryIndex.get()
+                   : nullptr;
+    }
+    void copyQueryIndexFrom(const mrClipBSP& o);
     bool hasBoxLayout() const;
     // Records the arrays really hold (the counts may say otherwise after field changes).
     unsigned long nodeRecords() const;
@@ -135,4 +158,10 @@ private:
     // published into another block by the latest refreshPBlock(other).
     std::vector<unsigned char> m_ownPlaneBytes;
     std::vector<unsigned char> m_otherPlaneBytes;
+    // The query index and what it was built from (immutable, so copies share it).
+    std::shared_ptr<const mrClipQueryIndex> m_queryIndex;
+    const mrClipNode* m_indexNodes = nullptr;
+    const mrPlane* m_indexPlanes = nullptr;
+    uint32_t m_indexNumNodes = 0;
+    uint32_t m_indexNumPlanes = 0;
 };

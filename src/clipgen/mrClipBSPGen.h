@@ -65,11 +65,20 @@ public:
     int m_numemptyleafs;
 
 private:
-    // The recursion proper. `consume` frees the list once it has been divided, so a deep
-    // chain does not keep every level's list alive at once (the caller's own list, the
-    // root's, is kept).
-    void partition_r(std::vector<mrFace*>& faces, mrBSPGenNode* node, bool consume);
+    // The partitioning's working state: the faces of every pending list in compact
+    // blocks, and the explicit stack that replaces the recursion (trees as deep as the
+    // mesh has triangles must not need a call stack that deep).
+    class Partitioner;
+
     mrBSPGenNode* newNode();
+    // Point distances and sides of a face against a plane, as the cut reads them; fills
+    // n + 1 entries (the first repeated at the end) and counts the sides.
+    static int classifyPoints(const mrFace* face, const srVector4T<float>& plane, double* dists, int* sides,
+                              int* counts);
+    // Makes the two pieces of a face that has points on both sides and appends them to
+    // m_allfaces, back piece first. The face itself is left to the caller.
+    void cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists, const int* sides, int n,
+                 mrFace** front, mrFace** back);
 
     // Every node this generator made (interior, leaves and root), for release.
     std::vector<mrBSPGenNode*> m_madeNodes;

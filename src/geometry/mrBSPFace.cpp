@@ -1,5 +1,8 @@
 #include "geometry/mrBSPFace.h"
 
+#include <cstddef>
+#include <vector>
+
 #include "geometry/mrDynamicArray.h"
 #include "platform/dx/srAssert.h"
 
@@ -62,17 +65,33 @@ void mrBSPFace::splitFace(mrBSPFace* face, mrPlane* plane, mrBSPFace** front, mr
     }
 
     // Distances are computed in double and kept as floats; the crossing points below
-    // are computed from the stored floats (part of the reproducibility promise).
-    mrDynamicArray<float> dists;
-    mrDynamicArray<int> sides;
+    // are computed from the stored floats (part of the reproducibility promise). The two
+    // temporary arrays live on the stack for the usual small faces, on the heap beyond.
+    const int INLINE_POINTS = 32;
+    float inlineDists[INLINE_POINTS + 1];
+    int inlineSides[INLINE_POINTS + 1];
+    std::vector<float> heapDists;
+    std::vector<int> heapSides;
+    float* dists = inlineDists;
+    int* sides = inlineSides;
+    if (n > INLINE_POINTS)
+    {
+        heapDists.resize((std::size_t)n + 1);
+        heapSides.resize((std::size_t)n + 1);
+        dists = heapDists.data();
+        sides = heapSides.data();
+    }
     int counts[3] = {0, 0, 0};
     const double nx = plane->m_normal.x, ny = plane->m_normal.y, nz = plane->m_normal.z;
     const double dist = plane->m_dist;
+    if ((uint32_t)n > inw->m_points.m_size)
+        (void)inw->m_points[(uint32_t)n - 1]; // a count beyond the points: read zeros, as indexing would
+    const srVector3T<float>* points = inw->m_points.m_data;
     for (int i = 0; i < n; ++i)
     {
-        const srVector3T<float>& p = inw->m_points[(uint32_t)i];
+        const srVector3T<float>& p = points[i];
         float d = (float)(nx * p.x + ny * p.y + nz * p.z - dist);
-        dists[(uint32_t)i] = d;
+        dists[i] = d;
         int side;
         if (d > SIDE_EPSILON)
             side = mrPlane::SIDE_FRONT;
@@ -80,12 +99,12 @@ void mrBSPFace::splitFace(mrBSPFace* face, mrPlane* plane, mrBSPFace** front, mr
             side = mrPlane::SIDE_BACK;
         else
             side = mrPlane::SIDE_ON;
-        sides[(uint32_t)i] = side;
+        sides[i] = side;
         ++counts[side];
     }
     // The point after the last is the first.
-    dists[(uint32_t)n] = n ? dists[0] : 0.0f;
-    sides[(uint32_t)n] = n ? sides[0] : (int)mrPlane::SIDE_ON;
+    dists[n] = n ? dists[0] : 0.0f;
+    sides[n] = n ? sides[0] : (int)mrPlane::SIDE_ON;
 
     if (!counts[mrPlane::SIDE_FRONT])
     {
@@ -118,8 +137,8 @@ void mrBSPFace::splitFace(mrBSPFace* face, mrPlane* plane, mrBSPFace** front, mr
 
     for (int i = 0; i < n; ++i)
     {
-        const srVector3T<float> p = inw->m_points[(uint32_t)i];
-        int side = sides[(uint32_t)i];
+        const srVector3T<float> p = points[i];
+        int side = sides[i];
         if (side == mrPlane::SIDE_ON)
         {
             bw->addPoint(p);
@@ -131,16 +150,16 @@ void mrBSPFace::splitFace(mrBSPFace* face, mrPlane* plane, mrBSPFace** front, mr
         else
             bw->addPoint(p);
 
-        int nextSide = sides[(uint32_t)i + 1];
+        int nextSide = sides[i + 1];
         if (nextSide == mrPlane::SIDE_ON || nextSide == side)
             continue;
 
         // The edge crosses the plane. t from the stored float distances widened to
         // double, each coordinate interpolated in double and rounded once; axial planes
         // put the coordinate exactly on the plane (part of the reproducibility promise).
-        const srVector3T<float> q = inw->m_points[(uint32_t)((i + 1) % n)];
-        double di = dists[(uint32_t)i];
-        double dn = dists[(uint32_t)i + 1];
+        const srVector3T<float> q = points[(i + 1) % n];
+        double di = dists[i];
+        double dn = dists[i + 1];
         double t = di / (di - dn);
         srVector3T<float> mid;
         for (int k = 0; k < 3; ++k)

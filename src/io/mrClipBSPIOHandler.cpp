@@ -199,6 +199,8 @@ srClass* mrClipBSPIOHandler::importObject(mrChunkIFStream& stream, mrIOEntry& en
     std::string why;
     if (!sound->validate(&why))
         entry.m_error = "the clip BSP is not valid: " + why;
+    else
+        sound->prepareQueries();
     return sound;
 }
 

@@ -40,6 +40,31 @@ int sideOf(const mrBSPPortal* p, const mrBSPNode* node)
     return -1;
 }
 
+// One number of the portal file and its blank. A value within 0.001 of a whole number is
+// written as that number. Reproducibility promise: rounding in double, against the
+// single-precision 0.001.
+void appendFloat(std::string& out, float value)
+{
+    char text[512];
+    double v = value;
+    double r = std::floor(v + 0.5);
+    int n;
+    // The range check keeps the conversion defined; such values are written in full.
+    if (std::fabs(v - r) < (double)0.001f && r >= -2147483648.0 && r <= 2147483647.0)
+        n = std::snprintf(text, sizeof(text), "%i ", (int)r);
+    else
+        n = std::snprintf(text, sizeof(text), "%f ", v);
+    if (n > 0)
+        out.append(text, (size_t)std::min(n, (int)sizeof(text) - 1));
+}
+
+// Reused for every portal line, so writing allocates nothing per line.
+std::string& lineBuffer()
+{
+    static std::string buffer;
+    return buffer;
+}
+
 bool sameContents(const mrBSPPortal* p)
 {
     return p->m_nodes[0] && p->m_nodes[1] && p->m_nodes[0]->m_contents == p->m_nodes[1]->m_contents;
@@ -122,12 +147,94 @@ void mrBSPPortalizer::makeHeadnodePortals(mrBSPNode* node)
         }
 }
 
+// One portal of a node's list: which of its two lists continues at the node, and its
+// plane and winding as they were when the entry was made (used only to fetch ahead).
+struct mrBSPPortalizer::PortalEntry
+{
+    mrBSPPortal* portal;
+    int side;
+    const void* plane;
+    const void* winding;
+};
+
 void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
 {
-    if (!node || !node->m_plane)
-        return;
+    // An explicit stack instead of recursion, so very deep trees are safe. The back child
+    // is pushed below the front child: the front subtree is cut completely before the
+    // back one, exactly as a depth-first walk would.
+    //
+    // Cutting a node fills its children's lists, and records them as it goes. The record
+    // of the front child is good when that child is cut, which comes right next; the one
+    // of the back child is good when the front child is a leaf, since then nothing runs
+    // in between. A record saves walking the list link by link.
+    std::vector<mrBSPNode*> stack;
+    std::vector<PortalEntry> recorded[2];
+    mrBSPNode* recordedFor[2] = {nullptr, nullptr};
+    std::vector<PortalEntry> entries;
+    stack.push_back(node);
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        if (!n || !n->m_plane)
+            continue;
+        const int use = n == recordedFor[0] ? 0 : (n == recordedFor[1] ? 1 : -1);
+        bool known = false;
+        if (use >= 0)
+            known = recorded[use].empty() ? !n->m_portals : n->m_portals == recorded[use][0].portal;
+        if (known)
+            entries.swap(recorded[use]);
+        recordedFor[0] = recordedFor[1] = nullptr;
+        cutNodePortals(n, known, entries, recorded);
+        recordedFor[0] = n->m_children[0];
+        recordedFor[1] = n->m_children[1];
+        stack.push_back(n->m_children[1]);
+        stack.push_back(n->m_children[0]);
+    }
+}
+
+void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<PortalEntry>& entries,
+                                     std::vector<PortalEntry> (&children)[2])
+{
     mrBSPNode* front = node->m_children[0];
     mrBSPNode* back = node->m_children[1];
+
+    // The node's list in order, known already or read once up front. Both walks below
+    // follow it in this order, and handing portals down never changes the links that
+    // lead from one of them to the next on this node (each is the head when it leaves,
+    // and its other node is never this one). Knowing every portal in advance lets the
+    // walks fetch the planes and windings they need ahead of time instead of waiting on
+    // each in turn.
+    bool mislinked = false;
+    if (!known)
+    {
+        entries.clear();
+        for (mrBSPPortal* p = node->m_portals; p;)
+        {
+            int side = sideOf(p, node);
+            if (side < 0)
+            {
+                mislinked = true; // reported where each walk reaches it
+                break;
+            }
+            entries.push_back({p, side, p->m_plane, p->m_winding});
+            p = p->m_next[side];
+        }
+    }
+    const size_t count = entries.size();
+    const size_t ahead = 8;
+
+    // What is pushed on each child's list, in order; the list is the reverse.
+    for (std::vector<PortalEntry>& c : children)
+        c.clear();
+    auto link = [&](mrBSPPortal* p, mrBSPNode* f, mrBSPNode* b)
+    {
+        addPortalToNodes(p, f, b);
+        if (f == front || f == back)
+            children[f == front ? 0 : 1].push_back({p, 0, p->m_plane, p->m_winding});
+        if (b == front || b == back)
+            children[b == front ? 0 : 1].push_back({p, 1, p->m_plane, p->m_winding});
+    };
 
     mrBSPPortal* newPortal = new mrBSPPortal;
     newPortal->m_plane = node->m_plane;
@@ -135,16 +242,16 @@ void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
     w->baseFromPlane(*node->m_plane);
 
     // Clip the node's polygon to its cell: the inside of every portal that bounds it.
-    for (mrBSPPortal* p = node->m_portals; p;)
+    bool clippedAway = false;
+    for (size_t i = 0; i < count; ++i)
     {
-        int side = sideOf(p, node);
-        if (side < 0)
-        {
-            srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
-            break;
-        }
-        mrPlane plane = *p->m_plane;
-        if (side == 1)
+        if (i + 2 * ahead < count)
+            __builtin_prefetch(entries[i + 2 * ahead].plane);
+        if (i + ahead < count)
+            __builtin_prefetch(entries[i + ahead].portal);
+        const PortalEntry& e = entries[i];
+        mrPlane plane = *e.portal->m_plane;
+        if (e.side == 1)
         {
             plane.m_normal.x = -plane.m_normal.x;
             plane.m_normal.y = -plane.m_normal.y;
@@ -155,29 +262,38 @@ void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
         if (!w)
         {
             m_num_degenerate++;
+            clippedAway = true;
             break;
         }
-        p = p->m_next[side];
     }
+    if (mislinked && !clippedAway)
+        srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
 
     if (w)
     {
         newPortal->m_winding = w;
-        addPortalToNodes(newPortal, front, back);
+        link(newPortal, front, back);
     }
     else
         delete newPortal; // clipped to nothing: counted above, never linked
 
     // Hand the node's portals down to its children, splitting those that straddle the plane.
-    for (mrBSPPortal* p = node->m_portals; p;)
+    for (size_t i = 0; i < count; ++i)
     {
-        int side = sideOf(p, node);
-        if (side < 0)
+        if (i + 2 * ahead < count)
         {
-            srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
-            break;
+            __builtin_prefetch(entries[i + 2 * ahead].portal);
+            __builtin_prefetch(entries[i + 2 * ahead].winding);
         }
-        mrBSPPortal* next = p->m_next[side];
+        if (i + ahead < count)
+        {
+            const PortalEntry& e = entries[i + ahead];
+            __builtin_prefetch(e.portal->m_nodes[1 - e.side]);
+            if (e.portal->m_winding)
+                __builtin_prefetch(e.portal->m_winding->m_points.m_data);
+        }
+        mrBSPPortal* p = entries[i].portal;
+        const int side = entries[i].side;
         mrBSPNode* other = p->m_nodes[1 - side];
 
         removePortalFromNode(p, p->m_nodes[0]);
@@ -191,16 +307,16 @@ void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
         if (!frontPart)
         {
             if (side == 0)
-                addPortalToNodes(p, back, other);
+                link(p, back, other);
             else
-                addPortalToNodes(p, other, back);
+                link(p, other, back);
         }
         else if (!backPart)
         {
             if (side == 0)
-                addPortalToNodes(p, front, other);
+                link(p, front, other);
             else
-                addPortalToNodes(p, other, front);
+                link(p, other, front);
         }
         else
         {
@@ -211,20 +327,21 @@ void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
             p->m_winding = frontPart;
             if (side == 0)
             {
-                addPortalToNodes(p, front, other);
-                addPortalToNodes(backPortal, back, other);
+                link(p, front, other);
+                link(backPortal, back, other);
             }
             else
             {
-                addPortalToNodes(p, other, front);
-                addPortalToNodes(backPortal, other, back);
+                link(p, other, front);
+                link(backPortal, other, back);
             }
         }
-        p = next;
     }
-
-    cutNodePortals_r(front);
-    cutNodePortals_r(back);
+    if (mislinked)
+        srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
+    // Portals go to the head of a list, so each child's list is its pushes reversed.
+    for (std::vector<PortalEntry>& c : children)
+        std::reverse(c.begin(), c.end());
 }
 
 void mrBSPPortalizer::addPortalToNodes(mrBSPPortal* portal, mrBSPNode* front, mrBSPNode* back)
@@ -280,13 +397,130 @@ void mrBSPPortalizer::removePortalFromNode(mrBSPPortal* portal, mrBSPNode* node)
 
 void mrBSPPortalizer::freeAllPortals(mrBSPNode* node)
 {
-    if (!node)
+    if (freeAllPortalsAtOnce(node))
         return;
-    if (node->m_plane)
+
+    // Children before their parent, front subtree before back subtree, with an explicit
+    // stack so that any depth is safe. A node is visited twice: first to queue its
+    // children, then (once both subtrees are done) to free its own portals.
+    struct Visit
     {
-        freeAllPortals(node->m_children[0]);
-        freeAllPortals(node->m_children[1]);
+        mrBSPNode* node;
+        bool childrenDone;
+    };
+    std::vector<Visit> stack;
+    stack.push_back({node, false});
+    while (!stack.empty())
+    {
+        Visit v = stack.back();
+        stack.pop_back();
+        if (!v.node)
+            continue;
+        if (!v.childrenDone && v.node->m_plane)
+        {
+            stack.push_back({v.node, true});
+            stack.push_back({v.node->m_children[1], false});
+            stack.push_back({v.node->m_children[0], false});
+            continue;
+        }
+        freeNodePortals(v.node);
     }
+}
+
+bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
+{
+    // Unlinking portals one by one searches each other node's list for the link to the
+    // portal: on the outside node, which collects every outer fragment, that is a long
+    // search per portal. Every portal of the subtree goes, and removing any set of
+    // portals from a list leaves the others in the same order whatever the order of
+    // removal, so the lists are filtered in one pass each instead. Only for sound lists:
+    // anything the one-by-one way would report (a portal that does not bound the node
+    // whose list holds it, a portal missing from its other node's list) leaves the work
+    // to it, untouched.
+    std::vector<mrBSPNode*> nodes;
+    std::vector<mrBSPNode*> stack;
+    if (head)
+        stack.push_back(head);
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        nodes.push_back(n);
+        if (n->m_plane)
+            for (mrBSPNode* c : n->m_children)
+                if (c)
+                    stack.push_back(c);
+    }
+
+    std::vector<mrBSPPortal*> portals;
+    for (mrBSPNode* n : nodes)
+        for (mrBSPPortal* p = n->m_portals; p;)
+        {
+            int side = sideOf(p, n);
+            if (side < 0 || p->m_nodes[0] == p->m_nodes[1])
+                return false;
+            portals.push_back(p);
+            p = p->m_next[side];
+        }
+    std::sort(portals.begin(), portals.end());
+    portals.erase(std::unique(portals.begin(), portals.end()), portals.end());
+    auto doomed = [&portals](const mrBSPPortal* p) { return std::binary_search(portals.begin(), portals.end(), p); };
+
+    // Every node a doomed portal is linked to, and how many doomed portals it must hold.
+    std::vector<mrBSPNode*> touched;
+    for (mrBSPPortal* p : portals)
+        for (mrBSPNode* n : p->m_nodes)
+            if (n)
+                touched.push_back(n);
+    std::sort(touched.begin(), touched.end());
+    std::vector<mrBSPNode*> ends;
+    std::vector<size_t> expected;
+    for (mrBSPNode* n : touched)
+    {
+        if (ends.empty() || ends.back() != n)
+        {
+            ends.push_back(n);
+            expected.push_back(0);
+        }
+        ++expected.back();
+    }
+    for (size_t i = 0; i < ends.size(); ++i)
+    {
+        size_t found = 0;
+        for (mrBSPPortal* p = ends[i]->m_portals; p;)
+        {
+            int side = sideOf(p, ends[i]);
+            if (side < 0)
+                return false;
+            found += doomed(p);
+            p = p->m_next[side];
+        }
+        if (found != expected[i])
+            return false;
+    }
+
+    for (mrBSPNode* n : ends)
+    {
+        mrBSPPortal** link = &n->m_portals;
+        while (mrBSPPortal* p = *link)
+        {
+            int side = sideOf(p, n);
+            if (doomed(p))
+                *link = p->m_next[side];
+            else
+                link = &p->m_next[side];
+        }
+    }
+    for (mrBSPPortal* p : portals)
+    {
+        delete p->m_winding;
+        delete p;
+    }
+    return true;
+}
+
+void mrBSPPortalizer::freeNodePortals(mrBSPNode* node)
+{
     for (mrBSPPortal* p = node->m_portals; p;)
     {
         int side = sideOf(p, node);
@@ -365,45 +599,66 @@ bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
 
 void mrBSPPortalizer::numberLeafs_r(mrBSPNode* node)
 {
-    if (!node)
-        return;
-    if (node->m_plane)
+    // Depth-first, front child first, with an explicit stack (any depth is safe).
+    std::vector<mrBSPNode*> stack;
+    stack.push_back(node);
+    while (!stack.empty())
     {
-        node->m_leafnum = -99;
-        numberLeafs_r(node->m_children[0]);
-        numberLeafs_r(node->m_children[1]);
-        return;
-    }
-    if (node->m_contents == 1)
-    {
-        node->m_leafnum = -1;
-        return;
-    }
-    node->m_leafnum = m_num_visleafs++;
-    for (mrBSPPortal* p = node->m_portals; p;)
-    {
-        int side = sideOf(p, node);
-        if (side < 0)
-            break;
-        if (side == 0 && sameContents(p))
-            m_num_visportals++;
-        p = p->m_next[side];
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        if (!n)
+            continue;
+        if (n->m_plane)
+        {
+            n->m_leafnum = -99;
+            stack.push_back(n->m_children[1]);
+            stack.push_back(n->m_children[0]);
+            continue;
+        }
+        if (n->m_contents == 1)
+        {
+            n->m_leafnum = -1;
+            continue;
+        }
+        n->m_leafnum = m_num_visleafs++;
+        for (mrBSPPortal* p = n->m_portals; p;)
+        {
+            int side = sideOf(p, n);
+            if (side < 0)
+                break;
+            if (side == 0 && sameContents(p))
+                m_num_visportals++;
+            p = p->m_next[side];
+        }
     }
 }
 
 void mrBSPPortalizer::writePortalFile_r(mrBSPNode* node)
 {
-    if (!node || !s_portalFile)
+    if (!s_portalFile)
         return;
-    if (node->m_plane)
+    // Depth-first, front child first, with an explicit stack (any depth is safe).
+    std::vector<mrBSPNode*> stack;
+    stack.push_back(node);
+    while (!stack.empty())
     {
-        writePortalFile_r(node->m_children[0]);
-        writePortalFile_r(node->m_children[1]);
-        return;
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        if (!n)
+            continue;
+        if (n->m_plane)
+        {
+            stack.push_back(n->m_children[1]);
+            stack.push_back(n->m_children[0]);
+            continue;
+        }
+        if (n->m_contents != 1)
+            writeLeafPortals(n);
     }
-    if (node->m_contents == 1)
-        return;
+}
 
+void mrBSPPortalizer::writeLeafPortals(mrBSPNode* node)
+{
     for (mrBSPPortal* p = node->m_portals; p;)
     {
         int side = sideOf(p, node);
@@ -427,17 +682,23 @@ void mrBSPPortalizer::writePortalFile_r(mrBSPNode* node)
                 first = p->m_nodes[1]->m_leafnum;
                 second = p->m_nodes[0]->m_leafnum;
             }
-            fprintf(s_portalFile, "%i %i %i ", w->m_numpoints, first, second);
+            // The line is put together in memory and written in one go: the same bytes
+            // as one write per piece, with far fewer calls into the file layer.
+            std::string& line = lineBuffer();
+            line.clear();
+            char piece[64];
+            line.append(piece, (size_t)std::snprintf(piece, sizeof(piece), "%i %i %i ", w->m_numpoints, first, second));
             for (int i = 0; i < w->m_numpoints; ++i)
             {
                 const srVector3T<float>& pt = w->m_points[(uint32_t)i];
-                fprintf(s_portalFile, "(");
-                writeFloat(s_portalFile, pt.x);
-                writeFloat(s_portalFile, pt.y);
-                writeFloat(s_portalFile, pt.z);
-                fprintf(s_portalFile, ") ");
+                line += '(';
+                appendFloat(line, pt.x);
+                appendFloat(line, pt.y);
+                appendFloat(line, pt.z);
+                line += ") ";
             }
-            fprintf(s_portalFile, "\n");
+            line += '\n';
+            fwrite(line.data(), 1, line.size(), s_portalFile);
         }
         p = p->m_next[side];
     }
@@ -445,15 +706,9 @@ void mrBSPPortalizer::writePortalFile_r(mrBSPNode* node)
 
 void mrBSPPortalizer::writeFloat(FILE* file, float value)
 {
-    // A value within 0.001 of a whole number is written as that number. Reproducibility
-    // promise: rounding in double, against the single-precision 0.001.
-    double v = value;
-    double r = std::floor(v + 0.5);
-    // The range check keeps the conversion defined; such values are written in full.
-    if (std::fabs(v - r) < (double)0.001f && r >= -2147483648.0 && r <= 2147483647.0)
-        fprintf(file, "%i ", (int)r);
-    else
-        fprintf(file, "%f ", v);
+    std::string text;
+    appendFloat(text, value);
+    fputs(text.c_str(), file);
 }
 
 srMeshModel* mrBSPPortalizer::createMeshModel(mrBSPNode* head)
@@ -496,18 +751,30 @@ srMeshModel* mrBSPPortalizer::createMeshModel(mrBSPNode* head)
 
 void mrBSPPortalizer::createLeafPolys_r(mrBSPNode* node, srModeler& modeler)
 {
-    if (!node)
-        return;
+    // Depth-first, front child first, with an explicit stack (any depth is safe). One
+    // work polygon serves the whole walk: it is reset before each use.
     srModeler::Polygon poly(10);
-    if (node->m_plane)
+    std::vector<mrBSPNode*> stack;
+    stack.push_back(node);
+    while (!stack.empty())
     {
-        createLeafPolys_r(node->m_children[0], modeler);
-        createLeafPolys_r(node->m_children[1], modeler);
-        return;
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        if (!n)
+            continue;
+        if (n->m_plane)
+        {
+            stack.push_back(n->m_children[1]);
+            stack.push_back(n->m_children[0]);
+            continue;
+        }
+        if (n->m_contents != 1)
+            addLeafPolys(n, modeler, poly);
     }
-    if (node->m_contents == 1)
-        return;
+}
 
+void mrBSPPortalizer::addLeafPolys(mrBSPNode* node, srModeler& modeler, srModeler::Polygon& poly)
+{
     for (mrBSPPortal* p = node->m_portals; p;)
     {
         int side = sideOf(p, node);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <vector>
 
 #include "geometry/mrDynamicArray.h"
 #include "platform/dx/srMeshModel.h"
@@ -39,6 +40,7 @@ public:
     // portals; this portalizer must outlive them (the outer portals link to its outside node).
     void portalize(mrBSPNode* head);
     void makeHeadnodePortals(mrBSPNode* node);
+    // Cuts the node portals of the whole subtree under node.
     void cutNodePortals_r(mrBSPNode* node);
     void addPortalToNodes(mrBSPPortal* portal, mrBSPNode* front, mrBSPNode* back);
     static void removePortalFromNode(mrBSPPortal* portal, mrBSPNode* node);
@@ -60,4 +62,18 @@ public:
     // A new mesh model (owned by the caller) of the portals between open leaves and solid space.
     static srMeshModel* createMeshModel(mrBSPNode* head);
     static void createLeafPolys_r(mrBSPNode* node, srModeler& modeler);
+
+private:
+    // The per-node steps of the walks above. The walks use explicit stacks, so trees of
+    // any depth are safe; these do the work at one node.
+    struct PortalEntry;
+    // known: entries already hold the node's list in order. Fills children[0] and [1]
+    // with the lists the node's front and back child end up with.
+    void cutNodePortals(mrBSPNode* node, bool known, std::vector<PortalEntry>& entries,
+                        std::vector<PortalEntry> (&children)[2]);
+    static void freeNodePortals(mrBSPNode* node);
+    // freeAllPortals in one pass per list; false (nothing changed) when a list is unsound.
+    static bool freeAllPortalsAtOnce(mrBSPNode* head);
+    static void writeLeafPortals(mrBSPNode* leaf);
+    static void addLeafPolys(mrBSPNode* leaf, srModeler& modeler, srModeler::Polygon& poly);
 };

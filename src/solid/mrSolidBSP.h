@@ -45,9 +45,29 @@ public:
     // (part of the reproducibility promise). The list is consumed. The head node's box
     // is left for the caller to set.
     mrBSPNode* generate(mrBSPSurface* surfaces, int midSplit);
+    // Builds the whole subtree under node from list (iteratively: any depth is safe).
     void partitionSurfaces(mrBSPSurface* list, mrBSPNode* node);
     void dividePlane(mrBSPSurface* in, mrPlane* split, mrBSPSurface** front, mrBSPSurface** back);
     void divideNodeBounds(mrBSPNode* node, mrPlane* split);
     void linkConvexFaces(mrBSPSurface* list, mrBSPNode* leafnode);
     mrBSPFace* linkNodeFaces(mrBSPSurface* surface);
+
+    // The choice of choosePlaneFromList made the plain way: one walk over the list,
+    // counting every candidate's cuts in list order. choosePlaneFromList gives the same
+    // answer with less counting and falls back on this for lists out of the ordinary.
+    mrBSPSurface* choosePlaneInListOrder(mrBSPSurface* list, const srVector3T<float>& mins,
+                                         const srVector3T<float>& maxs, int allowZUp);
+
+private:
+    // selectPartition and choosePlaneFromList; with trustBounds (every surface's bounds
+    // hold its faces' points) the cut counting boxes surfaces by their own bounds.
+    mrBSPSurface* selectPartitionWith(mrBSPSurface* list, bool trustBounds);
+    mrBSPSurface* choosePlaneWith(mrBSPSurface* list, const srVector3T<float>& mins, const srVector3T<float>& maxs,
+                                  int allowZUp, bool trustBounds);
+    // One step of partitionSurfaces: makes node a leaf (false) or a decision node whose
+    // children are still to be built from the two lists returned (true).
+    // trustBounds: every surface's bounds hold its faces' points (checked once per
+    // partitionSurfaces), so whole surfaces may be placed by their bounds.
+    bool partitionNode(mrBSPSurface* list, mrBSPNode* node, bool trustBounds, mrBSPSurface** frontList,
+                       mrBSPSurface** backList);
 };

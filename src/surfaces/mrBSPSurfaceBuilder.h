@@ -47,4 +47,8 @@ public:
     // Deletes the planes of the current table (entries 0 .. m_numplanes - 1) and empties
     // the table. Only for when nothing points to them any more.
     void releasePlanes();
+
+private:
+    // Appends a copy of plane to the table; returns its number.
+    int addPlane(const mrPlane& plane);
 };

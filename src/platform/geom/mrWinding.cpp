@@ -8,35 +8,58 @@ namespace
 // Points closer to a plane than this count as lying on it.
 const double ON_EPSILON = 0.01;
 
-enum e_pointSide { POINT_FRONT = 0, POINT_BACK = 1, POINT_ON = 2 };
-
-// Signed distances and sides of a winding's points against one plane.
-struct Classified
+enum e_pointSide
 {
-    std::vector<double> dists;
-    std::vector<int> sides;
-    int counts[3] = {0, 0, 0};
+    POINT_FRONT = 0,
+    POINT_BACK = 1,
+    POINT_ON = 2
 };
 
-Classified classify(mrWinding& w, const mrPlane& plane)
+// Signed distances and sides of a winding's points against one plane. Small windings
+// (nearly all) use the arrays inside; larger ones get heap blocks.
+struct Classified
+{
+    static const int INLINE_POINTS = 32;
+    int n = 0;
+    int counts[3] = {0, 0, 0};
+    double* dists = inlineDists;
+    int* sides = inlineSides;
+    double inlineDists[INLINE_POINTS];
+    int inlineSides[INLINE_POINTS];
+    std::vector<double> heapDists;
+    std::vector<int> heapSides;
+
+    Classified() = default;
+    Classified(const Classified&) = delete;
+    Classified& operator=(const Classified&) = delete;
+};
+
+void classify(mrWinding& w, const mrPlane& plane, Classified& c)
 {
     // Reproducibility promise: the distance is summed x, y, z in double from the float
     // components and kept in double (never rounded to float) for the side test and t.
-    Classified c;
     int n = w.m_numpoints > 0 ? w.m_numpoints : 0;
-    c.dists.resize((size_t)n);
-    c.sides.resize((size_t)n);
+    c.n = n;
+    if (n > Classified::INLINE_POINTS)
+    {
+        c.heapDists.resize((size_t)n);
+        c.heapSides.resize((size_t)n);
+        c.dists = c.heapDists.data();
+        c.sides = c.heapSides.data();
+    }
+    const double nx = plane.m_normal.x, ny = plane.m_normal.y, nz = plane.m_normal.z, dist = plane.m_dist;
+    if ((uint32_t)n > w.m_points.m_size)
+        (void)w.m_points[(uint32_t)n - 1]; // a count beyond the points: read zeros, as indexing would
+    const srVector3T<float>* points = w.m_points.m_data;
     for (int i = 0; i < n; ++i)
     {
-        const srVector3T<float>& p = w.m_points[(uint32_t)i];
-        double d = (double)plane.m_normal.x * p.x + (double)plane.m_normal.y * p.y +
-                   (double)plane.m_normal.z * p.z - (double)plane.m_dist;
+        const srVector3T<float>& p = points[i];
+        double d = nx * p.x + ny * p.y + nz * p.z - dist;
         int side = d > ON_EPSILON ? POINT_FRONT : (d < -ON_EPSILON ? POINT_BACK : POINT_ON);
-        c.dists[(size_t)i] = d;
-        c.sides[(size_t)i] = side;
+        c.dists[i] = d;
+        c.sides[i] = side;
         c.counts[side]++;
     }
-    return c;
 }
 
 // The point where edge p -> q crosses the plane. Reproducibility promise: t in double
@@ -65,11 +88,11 @@ srVector3T<float> crossing(const srVector3T<float>& p, const srVector3T<float>& 
 // On-plane points and crossing points go to both parts, the back part first.
 void split(mrWinding& w, const mrPlane& plane, const Classified& c, mrWinding* front, mrWinding* back)
 {
-    int n = (int)c.sides.size();
+    int n = c.n;
     for (int i = 0; i < n; ++i)
     {
         const srVector3T<float> p = w.m_points[(uint32_t)i];
-        int side = c.sides[(size_t)i];
+        int side = c.sides[i];
         if (side == POINT_ON)
         {
             if (back)
@@ -87,11 +110,11 @@ void split(mrWinding& w, const mrPlane& plane, const Classified& c, mrWinding* f
             back->addPoint(p);
 
         int j = (i + 1) % n;
-        int nextSide = c.sides[(size_t)j];
+        int nextSide = c.sides[j];
         if (nextSide == POINT_ON || nextSide == side)
             continue;
         const srVector3T<float> q = w.m_points[(uint32_t)j];
-        srVector3T<float> mid = crossing(p, q, c.dists[(size_t)i], c.dists[(size_t)j], plane);
+        srVector3T<float> mid = crossing(p, q, c.dists[i], c.dists[j], plane);
         if (back)
             back->addPoint(mid);
         if (front)
@@ -128,7 +151,8 @@ mrWinding* mrWinding::clip(mrWinding* w, mrPlane* plane, int keep)
 {
     if (!w || !plane)
         return w;
-    Classified c = classify(*w, *plane);
+    Classified c;
+    classify(*w, *plane, c);
     if (c.counts[POINT_FRONT] == 0 && c.counts[POINT_BACK] == 0)
     {
         // A winding lying in the plane stays whole with keep set; without it, it is
@@ -158,7 +182,8 @@ void mrWinding::divide(mrWinding* w, mrPlane* plane, mrWinding** frontPart, mrWi
     mrWinding* back = nullptr;
     if (w && plane)
     {
-        Classified c = classify(*w, *plane);
+        Classified c;
+        classify(*w, *plane, c);
         // A winding lying in the plane goes to the front: a node coplanar with an
         // ancestor but facing the other way has its cell in front, and the portal on
         // that plane bounds the cell.

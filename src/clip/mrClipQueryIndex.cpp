@@ -1,0 +1,427 @@
+#include "clip/mrClipQueryIndex.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+namespace
+{
+// Chains shorter than this are walked node by node.
+const int32_t MIN_RUN = 64;
+// Nodes tested one by one on entering a chain, close to its surface, before the cones
+// are consulted.
+const int SHORT_LINEAR_STEPS = 8;
+// Nodes a trace tests one by one before the cones are consulted.
+const int TRACE_LINEAR_STEPS = 4096;
+// Chains up to this long are walked outright by points outside their inscribed sphere.
+const int WALKED_RUN = 1024;
+// Planes per cone leaf.
+const size_t LEAF_PLANES = 8;
+// Deeper than any cone hierarchy can be: every split halves the planes.
+const int STACK_DEPTH = 64;
+// Points and plane values beyond this are left to the plain walk, so that no float
+// product in a signed distance can overflow.
+const double MAX_MAGNITUDE = 1e18;
+// Relative bound on the rounding of the float signed distance n.z*p.z + n.y*p.y +
+// n.x*p.x - d (four rounded terms: at most about 4 * 2^-24 of their magnitudes), with
+// room to spare, plus an absolute floor for products in the subnormal range.
+const double FLOAT_ROUNDING = 3e-7;
+const double FLOAT_FLOOR = 1e-37;
+
+inline bool inRange(const srVector3T<float>& p)
+{
+    return std::fabs(p.x) <= MAX_MAGNITUDE && std::fabs(p.y) <= MAX_MAGNITUDE && std::fabs(p.z) <= MAX_MAGNITUDE;
+}
+} // namespace
+
+mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t)
+{
+    m_nodes.resize(numnodes);
+    for (uint32_t i = 0; i < numnodes; ++i)
+    {
+        const mrPlane& pl = planes[nodes[i].planeIndex];
+        Node& n = m_nodes[i];
+        n.n[0] = pl.m_normal.x;
+        n.n[1] = pl.m_normal.y;
+        n.n[2] = pl.m_normal.z;
+        n.d = pl.m_dist;
+        n.child[0] = nodes[i].child[0];
+        n.child[1] = nodes[i].child[1];
+        n.run = -1;
+        n.reserved = 0;
+    }
+
+    // Chains: each node's `side` child is the same leaf, its other child the next node
+    // (the last node's other child may be anything: where the chain is left).
+    const int32_t count = (int32_t)numnodes;
+    for (int32_t i = 0; i < count;)
+    {
+        int side = -1;
+        if (m_nodes[i].child[0] < 0 && m_nodes[i].child[1] == i + 1)
+            side = 0;
+        else if (m_nodes[i].child[1] < 0 && m_nodes[i].child[0] == i + 1)
+            side = 1;
+        if (side < 0)
+        {
+            ++i;
+            continue;
+        }
+        const int32_t leaf = m_nodes[i].child[side];
+        int32_t k = i;
+        while (k + 1 < count && m_nodes[k].child[1 - side] == k + 1 && m_nodes[k + 1].child[side] == leaf)
+            ++k;
+        if (k - i + 1 >= MIN_RUN)
+        {
+            Run run;
+            run.first = i;
+            run.last = k;
+            run.side = side;
+            run.leaf = leaf;
+            run.exit = m_nodes[k].child[1 - side];
+            run.root = -1;
+            run.specialBegin = run.specialEnd = 0;
+            buildRun(run);
+            for (int32_t j = i; j <= k; ++j)
+                m_nodes[j].run = (int32_t)m_runs.size();
+            m_runs.push_back(run);
+        }
+        i = k + 1;
+    }
+}
+
+void mrClipQueryIndex::buildRun(Run& run)
+{
+    // Planes in the orientation where leaving the chain means being in front; those no
+    // cone can bound (no normal, or values out of range) are tested every time.
+    const double s = run.side == 0 ? 1.0 : -1.0;
+    std::vector<int32_t> members;
+    std::vector<int32_t> special;
+    double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+    for (int32_t j = run.first; j <= run.last; ++j)
+    {
+        const Node& n = m_nodes[j];
+        const double len2 = (double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2];
+        bool bounded = len2 > 0.0 && std::fabs((double)n.d) <= MAX_MAGNITUDE;
+        for (int k = 0; k < 3; ++k)
+            bounded = bounded && std::fabs((double)n.n[k]) <= MAX_MAGNITUDE;
+        if (!bounded)
+        {
+            special.push_back(j);
+            continue;
+        }
+        members.push_back(j);
+        // Foot point of the plane, for the centre the cones are seen from.
+        for (int k = 0; k < 3; ++k)
+        {
+            const double foot = (double)n.n[k] * (double)n.d / len2;
+            lo[k] = std::min(lo[k], foot);
+            hi[k] = std::max(hi[k], foot);
+        }
+    }
+    for (int k = 0; k < 3; ++k)
+        run.centre[k] = members.empty() ? 0.0 : 0.5 * (lo[k] + hi[k]);
+
+    run.specialBegin = (int32_t)m_entries.size();
+    m_entries.insert(m_entries.end(), special.begin(), special.end());
+    run.specialEnd = (int32_t)m_entries.size();
+    if (members.empty())
+        return;
+
+    std::vector<double> units(members.size() * 3);
+    for (size_t m = 0; m < members.size(); ++m)
+    {
+        const Node& n = m_nodes[members[m]];
+        const double len = std::sqrt((double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2]);
+        for (int k = 0; k < 3; ++k)
+            units[m * 3 + k] = s * (double)n.n[k] / len;
+    }
+    run.root = buildCones(run, members, units, 0, members.size());
+}
+
+int mrClipQueryIndex::buildCones(Run& run, std::vector<int32_t>& members, std::vector<double>& units, size_t begin,
+                                 size_t end)
+{
+    const double s = run.side == 0 ? 1.0 : -1.0;
+    const int index = (int)m_cones.size();
+    m_cones.push_back(Cone());
+
+    Cone c;
+    double sum[3] = {0, 0, 0};
+    double ulo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, uhi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+    for (size_t m = begin; m < end; ++m)
+        for (int k = 0; k < 3; ++k)
+        {
+            sum[k] += units[m * 3 + k];
+            ulo[k] = std::min(ulo[k], units[m * 3 + k]);
+            uhi[k] = std::max(uhi[k], units[m * 3 + k]);
+        }
+    const double sumLen = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]);
+    c.axis[0] = 1.0;
+    c.axis[1] = c.axis[2] = 0.0;
+    if (sumLen > 1e-9 * (double)(end - begin))
+        for (int k = 0; k < 3; ++k)
+            c.axis[k] = sum[k] / sumLen;
+    double cosAngle = 1.0;
+    c.minHeight = HUGE_VAL;
+    c.maxNormal = 0.0;
+    c.maxNormal1 = 0.0;
+    c.maxDist = 0.0;
+    c.first = INT32_MAX;
+    c.last = INT32_MIN;
+    for (size_t m = begin; m < end; ++m)
+    {
+        const int32_t j = members[m];
+        const Node& n = m_nodes[j];
+        const double* u = &units[m * 3];
+        cosAngle = std::min(cosAngle, c.axis[0] * u[0] + c.axis[1] * u[1] + c.axis[2] * u[2]);
+        // Height of the centre behind the plane (in the leaving orientation), rounded down.
+        double nc = 0.0, mag = std::fabs((double)n.d);
+        for (int k = 0; k < 3; ++k)
+        {
+            nc += (double)n.n[k] * run.centre[k];
+            mag += std::fabs((double)n.n[k] * run.centre[k]);
+        }
+        const double height = s * ((double)n.d - nc) - 1e-12 * mag - 1e-300;
+        c.minHeight = std::min(c.minHeight, height);
+        const double len = std::sqrt((double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2]);
+        c.maxNormal = std::max(c.maxNormal, len * (1.0 + 1e-12));
+        c.maxNormal1 = std::max(c.maxNormal1, std::fabs((double)n.n[0]) + std::fabs((double)n.n[1]) +
+                                                  std::fabs((double)n.n[2]));
+        c.maxDist = std::max(c.maxDist, std::fabs((double)n.d));
+        c.first = std::min(c.first, j);
+        c.last = std::max(c.last, j);
+    }
+    // The half-angle, widened for the rounding of the products above.
+    cosAngle = std::max(-1.0, cosAngle - 1e-12);
+    c.cosAngle = cosAngle;
+    c.sinAngle = std::min(1.0, std::sqrt(std::max(0.0, 1.0 - cosAngle * cosAngle)) + 1e-12);
+    c.child[0] = c.child[1] = -1;
+    c.begin = c.end = 0;
+
+    if (end - begin <= LEAF_PLANES)
+    {
+        std::vector<int32_t> leaf(members.begin() + (std::ptrdiff_t)begin, members.begin() + (std::ptrdiff_t)end);
+        std::sort(leaf.begin(), leaf.end());
+        c.begin = (int32_t)m_entries.size();
+        m_entries.insert(m_entries.end(), leaf.begin(), leaf.end());
+        c.end = (int32_t)m_entries.size();
+        m_cones[index] = c;
+        return index;
+    }
+
+    // Halve along the direction component that varies most.
+    int axis = 0;
+    for (int k = 1; k < 3; ++k)
+        if (uhi[k] - ulo[k] > uhi[axis] - ulo[axis])
+            axis = k;
+    const size_t mid = begin + (end - begin) / 2;
+    std::vector<size_t> perm(end - begin);
+    for (size_t m = 0; m < perm.size(); ++m)
+        perm[m] = begin + m;
+    std::nth_element(perm.begin(), perm.begin() + (std::ptrdiff_t)(mid - begin), perm.end(),
+                     [&](size_t a, size_t b) {
+                         const double ua = units[a * 3 + axis], ub = units[b * 3 + axis];
+                         return ua < ub || (ua == ub && members[a] < members[b]);
+                     });
+    std::vector<int32_t> m2(perm.size());
+    std::vector<double> u2(perm.size() * 3);
+    for (size_t m = 0; m < perm.size(); ++m)
+    {
+        m2[m] = members[perm[m]];
+        for (int k = 0; k < 3; ++k)
+            u2[m * 3 + k] = units[perm[m] * 3 + k];
+    }
+    std::copy(m2.begin(), m2.end(), members.begin() + (std::ptrdiff_t)begin);
+    std::copy(u2.begin(), u2.end(), units.begin() + (std::ptrdiff_t)(begin * 3));
+    m_cones[index] = c;
+    const int left = buildCones(run, members, units, begin, mid);
+    const int right = buildCones(run, members, units, mid, end);
+    m_cones[index].child[0] = left;
+    m_cones[index].child[1] = right;
+    return index;
+}
+
+bool mrClipQueryIndex::mayLeave(const Cone& cone, const double* v, double r, double pmax)
+{
+    // A plane of the cone (normal n, height h of the centre behind it) has the point
+    // p = centre + v in front by at most |n| r cos(max(0, angle(v, axis) - half-angle)) - h,
+    // and the float signed distance differs from the true one by at most the rounding.
+    double reach = cone.maxNormal * r;
+    if (r > 0.0)
+    {
+        const double cosV = (v[0] * cone.axis[0] + v[1] * cone.axis[1] + v[2] * cone.axis[2]) / r;
+        if (cosV < cone.cosAngle)
+        {
+            // Facing away, a plane's reach is negative; zero bounds it whatever its length.
+            const double sinV = std::sqrt(std::max(0.0, 1.0 - cosV * cosV));
+            reach *= std::max(0.0, cosV * cone.cosAngle + sinV * cone.sinAngle);
+        }
+    }
+    const double rounding = FLOAT_ROUNDING * (cone.maxNormal1 * pmax + cone.maxDist) + FLOAT_FLOOR;
+    const double bound = reach - cone.minHeight + rounding;
+    const double slack = 1e-9 * (std::fabs(reach) + std::fabs(cone.minHeight) + rounding);
+    // Any NaN keeps the cone.
+    return !(bound + slack < 0.0);
+}
+
+bool mrClipQueryIndex::anyLeaves(const Run& run, int start, const srVector3T<float>& p) const
+{
+    for (int32_t e = run.specialBegin; e < run.specialEnd; ++e)
+        if (m_entries[e] >= start && leaves(run, m_entries[e], p))
+            return true;
+    if (run.root < 0)
+        return false;
+    const double v[3] = {(double)p.x - run.centre[0], (double)p.y - run.centre[1], (double)p.z - run.centre[2]};
+    const double r = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+    const double pmax = std::max(std::fabs((double)p.x), std::max(std::fabs((double)p.y), std::fabs((double)p.z)));
+    int stack[STACK_DEPTH];
+    int top = 0;
+    stack[top++] = run.root;
+    while (top > 0)
+    {
+        const Cone& c = m_cones[stack[--top]];
+        if (c.last < start || !mayLeave(c, v, r, pmax))
+            continue;
+        if (c.child[0] < 0)
+        {
+            for (int32_t e = c.begin; e < c.end; ++e)
+                if (m_entries[e] >= start && leaves(run, m_entries[e], p))
+                    return true;
+            continue;
+        }
+        stack[top++] = c.child[0];
+        stack[top++] = c.child[1];
+    }
+    return false;
+}
+
+int mrClipQueryIndex::firstLeaving(const Run& run, int start, const srVector3T<float>& p1,
+                                   const srVector3T<float>& p2) const
+{
+    int best = INT_MAX;
+    for (int32_t e = run.specialBegin; e < run.specialEnd; ++e)
+    {
+        const int j = m_entries[e];
+        if (j >= start && (leaves(run, j, p1) || leaves(run, j, p2)))
+        {
+            best = j;
+            break; // entries are in node order
+        }
+    }
+    if (run.root >= 0)
+    {
+        const double v1[3] = {(double)p1.x - run.centre[0], (double)p1.y - run.centre[1],
+                              (double)p1.z - run.centre[2]};
+        const double v2[3] = {(double)p2.x - run.centre[0], (double)p2.y - run.centre[1],
+                              (double)p2.z - run.centre[2]};
+        const double r1 = std::sqrt(v1[0] * v1[0] + v1[1] * v1[1] + v1[2] * v1[2]);
+        const double r2 = std::sqrt(v2[0] * v2[0] + v2[1] * v2[1] + v2[2] * v2[2]);
+        const double m1 = std::max(std::fabs((double)p1.x), std::max(std::fabs((double)p1.y), std::fabs((double)p1.z)));
+        const double m2 = std::max(std::fabs((double)p2.x), std::max(std::fabs((double)p2.y), std::fabs((double)p2.z)));
+        int stack[STACK_DEPTH];
+        int top = 0;
+        stack[top++] = run.root;
+        while (top > 0)
+        {
+            const Cone& c = m_cones[stack[--top]];
+            if (c.last < start || c.first >= best || (!mayLeave(c, v1, r1, m1) && !mayLeave(c, v2, r2, m2)))
+                continue;
+            if (c.child[0] < 0)
+            {
+                for (int32_t e = c.begin; e < c.end; ++e)
+                {
+                    const int j = m_entries[e];
+                    if (j < start)
+                        continue;
+                    if (j >= best)
+                        break;
+                    if (leaves(run, j, p1) || leaves(run, j, p2))
+                    {
+                        best = j;
+                        break;
+                    }
+                }
+                continue;
+            }
+            // The cone with the earlier nodes is searched first, so `best` falls early.
+            const Cone& a = m_cones[c.child[0]];
+            const Cone& b = m_cones[c.child[1]];
+            if (a.first <= b.first)
+            {
+                stack[top++] = c.child[1];
+                stack[top++] = c.child[0];
+            }
+            else
+            {
+                stack[top++] = c.child[0];
+                stack[top++] = c.child[1];
+            }
+        }
+    }
+    return best == INT_MAX ? -1 : best;
+}
+
+double mrClipQueryIndex::outside(const Run& run, const srVector3T<float>& p) const
+{
+    if (run.root < 0)
+        return 1.0;
+    const double v[3] = {(double)p.x - run.centre[0], (double)p.y - run.centre[1], (double)p.z - run.centre[2]};
+    const double r = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+    const Cone& root = m_cones[run.root];
+    const double inner = root.minHeight / root.maxNormal;
+    return r > inner ? 1.0 - inner / r : 0.0;
+}
+
+int mrClipQueryIndex::linearSteps(const Run& run, double outside)
+{
+    // A point outside a closed mesh's inscribed sphere by a share g of its distance is in
+    // front of roughly g / 2 of the planes. Walking finds the first such node after
+    // about 2 / g tests; the cones look at about g n / 2 planes. Far out the walk wins,
+    // close to the surface the cones. Only the speed depends on this choice.
+    if (outside <= 0.0)
+        return 0;
+    const int length = run.last - run.first + 1;
+    if (length <= WALKED_RUN)
+        return length;
+    const double root = std::sqrt((double)length);
+    if (outside * root >= 2.0)
+        return (int)(4.0 * root);
+    return SHORT_LINEAR_STEPS;
+}
+
+int mrClipQueryIndex::chainStep(int node, const srVector3T<float>& p) const
+{
+    const Node& n = m_nodes[node];
+    if (!inRange(p))
+        return distance(n, p) >= 0.0f ? n.child[0] : n.child[1];
+    const Run& run = m_runs[n.run];
+    int j = node;
+    const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + linearSteps(run, outside(run, p)));
+    for (; j < stop; ++j)
+        if (leaves(run, j, p))
+            return run.leaf;
+    if (j > run.last)
+        return run.exit;
+    return anyLeaves(run, j, p) ? run.leaf : run.exit;
+}
+
+int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srVector3T<float>& p2) const
+{
+    const Node& n = m_nodes[node];
+    if (!inRange(p1) || !inRange(p2))
+        return node;
+    const Run& run = m_runs[n.run];
+    int j = node;
+    // The first node matters here, not just any: the cones must then look at every
+    // plane that could be it, so the walk goes further before they are asked.
+    const double out = std::max(outside(run, p1), outside(run, p2));
+    const int steps = out <= 0.0 ? 0 : TRACE_LINEAR_STEPS;
+    const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + steps);
+    for (; j < stop; ++j)
+        if (leaves(run, j, p1) || leaves(run, j, p2))
+            return j;
+    if (j > run.last)
+        return run.exit;
+    const int first = firstLeaving(run, j, p1, p2);
+    return first >= 0 ? first : run.exit;
+}

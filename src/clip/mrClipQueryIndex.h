@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "clip/mrClipNode.h"
+#include "platform/dx/srVector3T.h"
+#include "platform/geom/mrPlane.h"
+
+// A read-only companion of a clip BSP's arrays that answers the same queries faster.
+//
+// Nodes are copied into one contiguous array with their planes inlined. Chains of nodes
+// that each have the same leaf on one side and the next node on the other (a closed
+// mesh makes one as long as it has faces) get a search structure: a hierarchy of
+// normal cones over the chain's planes, each with a bound on how far in front of its
+// planes a point can be. The bounds allow for every rounding of the float signed
+// distance, so the structure only ever skips nodes whose test provably comes out the
+// way the plain walk would take it; every test it does make is the plain test on the
+// same floats. The answers are therefore bit-identical to the plain walk.
+//
+// The index describes the arrays it was built from. It is immutable and may be read by
+// any number of threads at once.
+class mrClipQueryIndex
+{
+public:
+    // A node with its plane: signed distance n.z*p.z + n.y*p.y + n.x*p.x - d.
+    struct Node
+    {
+        float n[3];
+        float d;
+        int32_t child[2];
+        int32_t run; // the indexed chain this node belongs to, or -1
+        int32_t reserved;
+    };
+
+    // Builds the index of a valid tree (see mrClipBSP::validate); the arrays are only
+    // read during the call.
+    mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t numplanes);
+
+    const Node* nodes() const { return m_nodes.data(); }
+    size_t numRuns() const { return m_runs.size(); }
+
+    // The leaf or node a walk from `node` reaches, where the walk leaves node's chain:
+    // for a plain node, the child the plane test picks; within a chain, the chain's leaf
+    // when a test in the rest of the chain picks it, or else where the chain ends.
+    // Equal to walking the nodes one by one.
+    int pointStep(int node, const srVector3T<float>& p) const
+    {
+        const Node& n = m_nodes[node];
+        if (n.run < 0)
+            return n.child[!(distance(n, p) >= 0.0f)]; // an index, not a branch: trees mispredict
+        return chainStep(node, p);
+    }
+
+    // For a node of an indexed chain: the first node at or after it whose test for p1 or
+    // p2 leaves the chain, or where the chain ends when none does (node itself when the
+    // points are out of the index's range). Every node skipped sends both points to the
+    // next node of the chain, so a trace may jump there directly.
+    int traceSkip(int node, const srVector3T<float>& p1, const srVector3T<float>& p2) const;
+
+    // The queries' signed distance: float, summed z, y, x (part of the reproducibility
+    // promise).
+    static float distance(const Node& n, const srVector3T<float>& p)
+    {
+        return n.n[2] * p.z + n.n[1] * p.y + n.n[0] * p.x - n.d;
+    }
+
+private:
+    struct Cone
+    {
+        double axis[3];
+        double cosAngle, sinAngle; // the cone's half-angle, rounded outward
+        double minHeight;          // least height of the centre behind a plane (rounded down)
+        double maxNormal;          // greatest normal length (rounded up)
+        double maxNormal1;         // greatest sum of |normal components|
+        double maxDist;            // greatest |distance|
+        int32_t first, last;       // node index range of its planes
+        int32_t child[2];          // cone indices, or -1 for a leaf
+        int32_t begin, end;        // a leaf's entries in m_entries
+    };
+
+    struct Run
+    {
+        int32_t first, last; // node indices
+        int32_t side;        // the child slot that holds the leaf (0 or 1)
+        int32_t leaf;        // its contents
+        int32_t exit;        // the last node's other child
+        int32_t root;        // its cone hierarchy, or -1
+        double centre[3];
+        int32_t specialBegin, specialEnd; // planes no cone bounds (in m_entries)
+    };
+
+    // How far outside the chain's inscribed sphere a point lies: 0 inside, towards 1 far
+    // away; and how many nodes to test one by one for that.
+    double outside(const Run& run, const srVector3T<float>& p) const;
+    static int linearSteps(const Run& run, double outside);
+    int chainStep(int node, const srVector3T<float>& p) const;
+    // True when the plane test of `node` leaves the chain (picks the run's leaf).
+    bool leaves(const Run& run, int node, const srVector3T<float>& p) const
+    {
+        const bool front = distance(m_nodes[node], p) >= 0.0f;
+        return run.side == 0 ? front : !front;
+    }
+    // Whether a cone's planes could send p to the leaf.
+    static bool mayLeave(const Cone& cone, const double* v, double r, double pmax);
+    bool anyLeaves(const Run& run, int start, const srVector3T<float>& p) const;
+    int firstLeaving(const Run& run, int start, const srVector3T<float>& p1, const srVector3T<float>& p2) const;
+    void buildRun(Run& run);
+    int buildCones(Run& run, std::vector<int32_t>& members, std::vector<double>& units, size_t begin, size_t end);
+
+    std::vector<Node> m_nodes;
+    std::vector<Run> m_runs;
+    std::vector<Cone> m_cones;
+    std::vector<int32_t> m_entries;
+};

@@ -1,0 +1,794 @@
+// The visibility pipeline's results, pinned: the same meshes must give the same plane
+// table, tree, counters, portal file bytes and portal mesh in every build. The constants
+// were taken from the reviewed implementation; any change to them is a change of results.
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "platform/dx/srOutput.h"
+#include "platform/geom/mrMaterial.h"
+#include "portals/mrBSPPortalizer.h"
+#include "solid/mrBSPTree.h"
+#include "solid/mrSolidBSP.h"
+#include "support/TestSupport.h"
+#include "surfaces/mrBSPSurfaceBuilder.h"
+
+namespace
+{
+typedef srVector3T<float> V;
+
+// ---------------------------------------------------------------------------------------
+// Meshes
+
+void addQuad(srMeshModel& mesh, V a, V b, V c, V d)
+{
+    int i = (int)mesh.addVertex(a);
+    mesh.addVertex(b);
+    mesh.addVertex(c);
+    mesh.addVertex(d);
+    mesh.addPolygon(i, i + 1, i + 2);
+    mesh.addPolygon(i, i + 2, i + 3);
+}
+
+// Rectangle on plane `axis` = at over [u0,u1] x [v0,v1] of the next two axes (cyclic),
+// facing +axis (sign > 0) or -axis.
+void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign)
+{
+    int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+    auto P = [&](float u, float v)
+    {
+        V p;
+        p[axis] = at;
+        p[ua] = u;
+        p[va] = v;
+        return p;
+    };
+    if (sign > 0)
+        addQuad(mesh, P(u0, v0), P(u1, v0), P(u1, v1), P(u0, v1));
+    else
+        addQuad(mesh, P(u0, v0), P(u0, v1), P(u1, v1), P(u1, v0));
+}
+
+// A hollow level on a grid of 32-unit cells: one room of pseudo-random size per 8 x 8
+// slot, every room joined to its neighbours by corridors two cells high, each wall tiled
+// with one quad per cell face and facing into the open space.
+void addGridLevel(srMeshModel& mesh, int nx, int ny, uint32_t seed)
+{
+    const int X = nx * 8, Y = ny * 8, Z = 5;
+    const float cell = 32.0f;
+    std::vector<char> open((size_t)X * Y * Z, 0);
+    auto at = [&](int x, int y, int z) -> char
+    {
+        if (x < 0 || y < 0 || z < 0 || x >= X || y >= Y || z >= Z)
+            return 0;
+        return open[((size_t)z * Y + y) * X + x];
+    };
+    auto carve = [&](int x0, int x1, int y0, int y1, int z0, int z1)
+    {
+        for (int z = z0; z <= z1; ++z)
+            for (int y = y0; y <= y1; ++y)
+                for (int x = x0; x <= x1; ++x)
+                    open[((size_t)z * Y + y) * X + x] = 1;
+    };
+    auto next = [&seed](int range)
+    {
+        seed = seed * 1664525u + 1013904223u;
+        return (int)((seed >> 16) % (uint32_t)range);
+    };
+    for (int j = 0; j < ny; ++j)
+        for (int i = 0; i < nx; ++i)
+        {
+            int cx = i * 8 + 4, cy = j * 8 + 4;
+            int x0 = cx - 1 - next(3), x1 = cx + 1 + next(3);
+            int y0 = cy - 1 - next(3), y1 = cy + 1 + next(3);
+            carve(x0, x1, y0, y1, 0, 2 + next(2));
+            if (i + 1 < nx)
+                carve(cx, cx + 8, cy, cy, 0, 1);
+            if (j + 1 < ny)
+                carve(cx, cx, cy, cy + 8, 0, 1);
+        }
+    for (int z = 0; z < Z; ++z)
+        for (int y = 0; y < Y; ++y)
+            for (int x = 0; x < X; ++x)
+            {
+                if (!at(x, y, z))
+                    continue;
+                const int c[3] = {x, y, z};
+                for (int axis = 0; axis < 3; ++axis)
+                    for (int dir = -1; dir <= 1; dir += 2)
+                    {
+                        int n[3] = {x, y, z};
+                        n[axis] += dir;
+                        if (at(n[0], n[1], n[2]))
+                            continue;
+                        int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+                        float plane = (float)(c[axis] + (dir > 0 ? 1 : 0)) * cell;
+                        addRect(mesh, axis, plane, c[ua] * cell, (c[ua] + 1) * cell, c[va] * cell, (c[va] + 1) * cell,
+                                -dir);
+                    }
+            }
+}
+
+// The two-room level plus what the plane table and the generator must take as it comes:
+// collinear and coincident triangles, a two-sided sheet (coplanar, opposite facing), a
+// near-coplanar triangle within the plane tolerance and one just beyond it, a duplicate,
+// and a small sphere whose planes cut many others (so split counts are not all zero).
+void addAwkwardLevel(srMeshModel& mesh)
+{
+    mtest::addTwoRoomLevel(mesh);
+    auto tri = [&](V a, V b, V c)
+    {
+        int i = (int)mesh.addVertex(a);
+        mesh.addVertex(b);
+        mesh.addVertex(c);
+        mesh.addPolygon(i, i + 1, i + 2);
+    };
+    tri(V(10, 10, 10), V(20, 10, 10), V(30, 10, 10)); // collinear
+    tri(V(40, 40, 40), V(40, 40, 40), V(40, 40, 40)); // one point
+    addRect(mesh, 2, 20, 8, 24, 8, 24, +1);           // sheet, up
+    addRect(mesh, 2, 20, 8, 24, 8, 24, -1);           // sheet, down
+    tri(V(30, 8, 20.005f), V(40, 8, 20.005f), V(40, 16, 20.005f));
+    tri(V(30, 20, 20.02f), V(40, 20, 20.02f), V(40, 28, 20.02f));
+    tri(V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // tilted, in room B
+    tri(V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // and again
+    tri(V(100, 30, 10), V(110, 30, 10), V(110, 30, 10)); // two points coincide, in the corridor
+    mtest::addSphere(mesh, V(40, 44, 36), 10.0f, 2);     // tilted planes that cut the walls' planes
+}
+
+void buildMesh(int which, srMeshModel& mesh)
+{
+    switch (which)
+    {
+    case 0:
+        mtest::addTwoRoomLevel(mesh);
+        break;
+    case 1:
+        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, 2);
+        break;
+    case 4:
+        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, 3);
+        break;
+    case 2:
+        addGridLevel(mesh, 3, 3, 0x4D424350u);
+        break;
+    default:
+        addAwkwardLevel(mesh);
+        break;
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// The pipeline and what it is pinned by
+
+struct Outcome
+{
+    uint64_t prt;        // test.prt bytes
+    uint64_t planes;     // the plane table's numbers, in table order
+    uint64_t tree;       // front-first walk: plane numbers, leaf contents, numbers and faces
+    uint64_t mesh;       // portal mesh positions, triangles and material slots
+    int32_t counters[6]; // split nodes, leaf faces, node faces, solid, empty, linked
+    uint32_t numPlanes, numSurfaces;
+    int32_t visleafs, visportals, polycount, degenerate;
+    size_t reports; // assertion reports along the way
+};
+
+// Collects bytes for hashing.
+struct Bytes
+{
+    std::string s;
+    template <class T> void add(const T& v) { s.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
+};
+
+// bounds: 1 computes every surface's bounds as the pipeline expects; 0 leaves them as
+// constructed, so partition selection scores against empty boxes and the generator may
+// not trust them for anything.
+Outcome runPipeline(srMeshModel& mesh, int midSplit, int bounds = 1)
+{
+    Outcome out{};
+    mtest::AssertRecorder rec;
+    mtest::LogCapture log;
+    mtest::TempDir dir;
+
+    mrBSPSurfaceBuilder builder;
+    mrBSPSurface* list = builder.buildSurfaces(&mesh);
+    for (mrBSPSurface* s = list; s && bounds; s = s->m_next)
+        s->calcBounds();
+    out.numPlanes = builder.m_numplanes;
+    out.numSurfaces = builder.m_numsurfaces;
+    std::map<const mrPlane*, int32_t> planeIndex;
+    Bytes planes;
+    for (uint32_t i = 0; i < builder.m_numplanes; ++i)
+    {
+        const mrPlane* p = builder.m_planes[i];
+        planeIndex[p] = (int32_t)i;
+        planes.add(p->m_normal.x), planes.add(p->m_normal.y), planes.add(p->m_normal.z), planes.add(p->m_dist);
+    }
+    out.planes = mtest::fnv1a(planes.s);
+
+    mrSolidBSP bsp;
+    mrBSPNode* head = bsp.generate(list, midSplit);
+    const int32_t counters[6] = {bsp.m_numSplitNodes, bsp.m_numLeafFaces,  bsp.m_numNodeFaces,
+                                 bsp.m_numSolidLeafs, bsp.m_numEmptyLeafs, bsp.m_numLinkedFaces};
+    std::memcpy(out.counters, counters, sizeof(counters));
+
+    // The head box: the vertices the triangles use, from the first one on.
+    const srVector3i* tris = mesh.getPolyVertex();
+    const V* verts = mesh.getVertexLoc();
+    for (long i = 0; i < mesh.m_numpolys; ++i)
+        for (int c = 0; c < 3; ++c)
+        {
+            const V& v = verts[tris[i][c]];
+            if (i == 0 && c == 0)
+                head->m_mins = head->m_maxs = v;
+            for (int k = 0; k < 3; ++k)
+            {
+                if (v[k] < head->m_mins[k])
+                    head->m_mins[k] = v[k];
+                if (v[k] > head->m_maxs[k])
+                    head->m_maxs[k] = v[k];
+            }
+        }
+
+    mrBSPPortalizer pz;
+    pz.portalize(head);
+    out.degenerate = pz.m_num_degenerate;
+
+    const std::string path = dir.file("test.prt");
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(mrBSPPortalizer::writePortalfile(head, path.c_str()));
+    testing::internal::GetCapturedStdout();
+    out.prt = mtest::fnv1a(mtest::readFile(path));
+    out.visleafs = mrBSPPortalizer::m_num_visleafs;
+    out.visportals = mrBSPPortalizer::m_num_visportals;
+
+    srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
+    out.polycount = mrBSPPortalizer::m_polycount;
+    std::map<const srMaterialIFace*, int32_t> slot;
+    for (uint32_t i = 0; i < 256; ++i)
+        slot[mrBSPPortalizer::m_materials[i]] = (int32_t)i;
+    Bytes m;
+    for (const V& v : portalMesh->m_verts)
+        m.add(v.x), m.add(v.y), m.add(v.z);
+    for (const srVector3i& t : portalMesh->m_polyVerts)
+        m.add(t.x), m.add(t.y), m.add(t.z);
+    for (const srMaterialIFace* mat : portalMesh->m_polyMaterials)
+        m.add(slot.count(mat) ? slot[mat] : -1);
+    out.mesh = mtest::fnv1a(m.s);
+    delete portalMesh;
+    for (uint32_t i = 0; i < 256; ++i)
+        delete mrBSPPortalizer::m_materials[i];
+
+    // The tree, walked front first with an explicit stack.
+    Bytes t;
+    std::vector<const mrBSPNode*> stack = {head};
+    while (!stack.empty())
+    {
+        const mrBSPNode* n = stack.back();
+        stack.pop_back();
+        t.add(n->m_leafnum);
+        if (n->m_plane)
+        {
+            t.add(planeIndex.count(n->m_plane) ? planeIndex[n->m_plane] : -1);
+            stack.push_back(n->m_children[1]);
+            stack.push_back(n->m_children[0]);
+            continue;
+        }
+        t.add(n->m_contents);
+        for (mrBSPFace** f = n->m_markfaces; f && *f; ++f)
+            t.add((*f)->m_polyIndex);
+        t.add((int32_t)-7); // end of the leaf's faces
+    }
+    out.tree = mtest::fnv1a(t.s);
+
+    pz.releasePortals(head);
+    mrBSPTree::release(head);
+    builder.releasePlanes();
+    out.reports = rec.reports().size();
+    return out;
+}
+
+struct Pinned
+{
+    const char* name;
+    int mesh;
+    int midSplit;
+    int bounds;
+    Outcome expect;
+};
+
+// Meshes: 0 two rooms and a corridor, 1 and 4 spheres of 128 and 512 triangles, 2 a 3 x 3
+// grid level, 3 the two rooms with degenerate, coplanar and duplicate triangles.
+// clang-format off
+const Pinned kPinned[] = {
+    {"TwoRoomsNormal", 0, 0, 1,
+     {0x54a86776d1f92009ull, 0x19beb42df6c25d27ull, 0x5e39bf44ae612c0bull, 0x191c522f47fd5143ull,
+      {16, 40, 0, 14, 3, 40}, 11, 11, 3, 2, 20, 0, 0}},
+    {"TwoRoomsMidSplit", 0, 1, 1,
+     {0xc2b12d7d13b8f381ull, 0x19beb42df6c25d27ull, 0x16752ae8253a96fbull, 0xc1b9d54962f3efe3ull,
+      {16, 40, 0, 14, 3, 40}, 11, 11, 3, 2, 20, 0, 0}},
+    {"SphereNormal", 1, 0, 1,
+     {0xb0d180edeeba25ebull, 0xa277e54b6756fdd3ull, 0xbec4ddf491c08be4ull, 0x7936e76078adcd19ull,
+      {128, 128, 0, 1, 128, 128}, 128, 128, 128, 574, 224, 0, 0}},
+    {"SphereMidSplit", 4, 1, 1,
+     {0xcf799de2713ad7b1ull, 0x74474a957e41d18cull, 0xcc3301b1f44242fcull, 0xd28eb42bbfac3d8bull,
+      {512, 512, 0, 1, 512, 512}, 512, 512, 512, 2913, 763, 0, 0}},
+    {"GridLevelNormal", 2, 0, 1,
+     {0x529bdacc330256faull, 0x6a9a5326dc1efa87ull, 0xaa8149307f8303d4ull, 0x47390c843d1c2c8bull,
+      {171, 2408, 0, 130, 42, 2408}, 44, 44, 42, 56, 214, 0, 0}},
+    {"GridLevelMidSplit", 2, 1, 1,
+     {0x737d52dec121aa22ull, 0x6a9a5326dc1efa87ull, 0x81ee1e5e2482bd44ull, 0xda1992103706cdabull,
+      {171, 2408, 0, 130, 42, 2408}, 44, 44, 42, 56, 214, 0, 0}},
+    {"AwkwardNormal", 3, 0, 1,
+     {0x0712358658eebb51ull, 0x6782dad8b589741bull, 0x82ac88c0907bf8c8ull, 0x458c49760b0111bcull,
+      {149, 233, 0, 16, 134, 179}, 146, 146, 134, 612, 180, 1, 0}},
+    {"AwkwardMidSplit", 3, 1, 1,
+     {0xfed9ebd7a459c1d8ull, 0x6782dad8b589741bull, 0x21e652c80711ea30ull, 0x5810fdc1c3447727ull,
+      {172, 236, 0, 37, 136, 179}, 146, 146, 136, 736, 75, 2, 0}},
+    {"GridLevelNormalNoBounds", 2, 0, 0,
+     {0xed537305cee2c077ull, 0x6a9a5326dc1efa87ull, 0xaf3fe716cf241342ull, 0x2dbc3f2d3b254b93ull,
+      {170, 2408, 0, 124, 47, 2408}, 44, 44, 47, 73, 216, 0, 0}},
+    {"GridLevelMidSplitNoBounds", 2, 1, 0,
+     {0x3f0aba8bcfa373eeull, 0x6a9a5326dc1efa87ull, 0xa6f39f13e77f628eull, 0xd9a47d35550af2bdull,
+      {132, 2408, 0, 89, 44, 2408}, 44, 44, 44, 64, 213, 0, 0}},
+    {"AwkwardMidSplitNoBounds", 3, 1, 0,
+     {0x219237e27d830bb5ull, 0x6782dad8b589741bull, 0x170fe8fb4d9dd262ull, 0xddd6a8fca5fb8e17ull,
+      {165, 259, 0, 27, 139, 179}, 146, 146, 139, 624, 205, 0, 0}},
+};
+// clang-format on
+
+void printRow(const char* name, int mesh, int midSplit, int bounds, const Outcome& o)
+{
+    std::printf("    {\"%s\", %d, %d, %d, {0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64
+                "ull, {%d, %d, %d, %d, %d, %d}, %u, %u, %d, %d, %d, %d, %zu}},\n",
+                name, mesh, midSplit, bounds, o.prt, o.planes, o.tree, o.mesh, o.counters[0], o.counters[1],
+                o.counters[2], o.counters[3], o.counters[4], o.counters[5], o.numPlanes, o.numSurfaces, o.visleafs,
+                o.visportals, o.polycount, o.degenerate, o.reports);
+}
+
+class PinnedResults : public ::testing::TestWithParam<Pinned>
+{
+};
+
+TEST_P(PinnedResults, EveryResultMatchesItsConstant)
+{
+    const Pinned& p = GetParam();
+    srMeshModel mesh;
+    buildMesh(p.mesh, mesh);
+    const Outcome o = runPipeline(mesh, p.midSplit, p.bounds);
+    if (std::getenv("MERIDBSP_PRINT_PINS"))
+        printRow(p.name, p.mesh, p.midSplit, p.bounds, o);
+    const Outcome& e = p.expect;
+    EXPECT_EQ(o.prt, e.prt) << "test.prt bytes";
+    EXPECT_EQ(o.planes, e.planes) << "plane table";
+    EXPECT_EQ(o.tree, e.tree) << "tree";
+    EXPECT_EQ(o.mesh, e.mesh) << "portal mesh";
+    const char* names[6] = {"split nodes", "leaf faces", "node faces", "solid leafs", "empty leafs", "linked faces"};
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(o.counters[i], e.counters[i]) << names[i];
+    EXPECT_EQ(o.numPlanes, e.numPlanes);
+    EXPECT_EQ(o.numSurfaces, e.numSurfaces);
+    EXPECT_EQ(o.visleafs, e.visleafs);
+    EXPECT_EQ(o.visportals, e.visportals);
+    EXPECT_EQ(o.polycount, e.polycount);
+    EXPECT_EQ(o.degenerate, e.degenerate);
+    EXPECT_EQ(o.reports, e.reports);
+}
+
+INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, PinnedResults, ::testing::ValuesIn(kPinned),
+                         [](const ::testing::TestParamInfo<Pinned>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------------------
+// Releasing portals
+
+std::vector<mrBSPPortal*> listOf(mrBSPNode* node)
+{
+    std::vector<mrBSPPortal*> out;
+    for (mrBSPPortal* p = node->m_portals; p; p = p->m_next[p->m_nodes[0] == node ? 0 : 1])
+        out.push_back(p);
+    return out;
+}
+
+TEST(PortalRelease, FreeingASubtreeKeepsEveryOtherListInOrder)
+{
+    srMeshModel mesh;
+    addGridLevel(mesh, 2, 2, 99);
+    mtest::LogCapture log;
+    mrBSPSurfaceBuilder builder;
+    mrBSPSurface* list = builder.buildSurfaces(&mesh);
+    for (mrBSPSurface* s = list; s; s = s->m_next)
+        s->calcBounds();
+    mrSolidBSP bsp;
+    mrBSPNode* head = bsp.generate(list, 1);
+    head->m_mins = V(0, 0, 0);
+    head->m_maxs = V(512, 512, 160);
+    mrBSPPortalizer pz;
+    pz.portalize(head);
+
+    // Nodes of the front subtree, and every list outside it as it should be afterwards.
+    std::set<mrBSPNode*> inside;
+    std::vector<mrBSPNode*> all, stack = {head};
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        all.push_back(n);
+        if (n->m_plane)
+            stack.insert(stack.end(), {n->m_children[0], n->m_children[1]});
+    }
+    stack = {head->m_children[0]};
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        inside.insert(n);
+        if (n->m_plane)
+            stack.insert(stack.end(), {n->m_children[0], n->m_children[1]});
+    }
+    all.push_back(&pz.m_outsideNode);
+    std::map<mrBSPNode*, std::vector<mrBSPPortal*>> expected;
+    size_t kept = 0, dropped = 0;
+    for (mrBSPNode* n : all)
+    {
+        if (inside.count(n))
+            continue;
+        for (mrBSPPortal* p : listOf(n))
+        {
+            bool goes = inside.count(p->m_nodes[0]) || inside.count(p->m_nodes[1]);
+            (goes ? dropped : kept)++;
+            if (!goes)
+                expected[n].push_back(p);
+        }
+    }
+    ASSERT_GT(kept, 0u);
+    ASSERT_GT(dropped, 0u);
+
+    // The six outer planes, which the portals do not own, released at the end.
+    std::set<mrPlane*> outerPlanes;
+    for (mrBSPPortal* p : listOf(&pz.m_outsideNode))
+        outerPlanes.insert(p->m_plane);
+
+    mrBSPPortalizer::freeAllPortals(head->m_children[0]);
+    for (mrBSPNode* n : all)
+        EXPECT_EQ(listOf(n), inside.count(n) ? std::vector<mrBSPPortal*>() : expected[n]);
+
+    mrBSPPortalizer::freeAllPortals(head);
+    for (mrBSPNode* n : all)
+        EXPECT_EQ(n->m_portals, nullptr);
+    for (mrPlane* p : outerPlanes)
+        delete p;
+    mrBSPTree::release(head);
+    builder.releasePlanes();
+}
+
+// ---------------------------------------------------------------------------------------
+// Partition selection
+
+// Random surface lists on a small integer grid, so that equal cut counts, equal scores
+// and surfaces cut several times by one plane are common.
+TEST(ChoosePlane, FasterChoiceMatchesTheListWalkOnRandomLists)
+{
+    uint32_t seed = 7;
+    auto next = [&seed](int range)
+    {
+        seed = seed * 1664525u + 1013904223u;
+        return (int)((seed >> 16) % (uint32_t)range);
+    };
+    mrSolidBSP bsp;
+    int differing = 0, nonNull = 0;
+    for (int round = 0; round < 3000; ++round)
+    {
+        std::vector<mrPlane*> planes;
+        std::vector<mrBSPSurface*> surfaces;
+        V mins(99999, 99999, 99999), maxs(-99999, -99999, -99999);
+        const int count = 2 + next(9);
+        for (int i = 0; i < count; ++i)
+        {
+            auto point = [&]() { return V((float)next(9), (float)next(9), (float)next(5)); };
+            V a = point(), b = point(), c = point();
+            if (next(4) == 0)
+                a.z = b.z = c.z; // level: +z or -z, the first skipped unless allowed
+            mrPlane* plane = new mrPlane;
+            plane->make(a, b, c);
+            planes.push_back(plane);
+            mrBSPSurface* s = new mrBSPSurface;
+            s->m_plane = plane;
+            s->m_onNode = next(6) == 0;
+            // Up to three faces on the plane: the triangle and copies shifted along it.
+            for (int f = 0, n = 1 + next(3); f < n; ++f)
+            {
+                float u = (float)next(3), v = (float)next(3);
+                auto at = [&](const V& p)
+                {
+                    return V(p.x + u * (b.x - a.x) + v * (c.x - a.x), p.y + u * (b.y - a.y) + v * (c.y - a.y),
+                             p.z + u * (b.z - a.z) + v * (c.z - a.z));
+                };
+                mrBSPFace* face = new mrBSPFace;
+                face->m_plane = plane;
+                face->m_winding->addPoint(at(a));
+                face->m_winding->addPoint(at(b));
+                face->m_winding->addPoint(at(c));
+                face->m_original = face;
+                face->m_next = s->m_faces;
+                s->m_faces = face;
+            }
+            s->calcBounds();
+            for (int k = 0; k < 3; ++k)
+            {
+                mins[k] = std::min(mins[k], s->m_mins[k]);
+                maxs[k] = std::max(maxs[k], s->m_maxs[k]);
+            }
+            if (!surfaces.empty())
+                surfaces.back()->m_next = s;
+            surfaces.push_back(s);
+        }
+        for (int allowZUp = 0; allowZUp < 2; ++allowZUp)
+        {
+            mrBSPSurface* fast = bsp.choosePlaneFromList(surfaces[0], mins, maxs, allowZUp);
+            mrBSPSurface* plain = bsp.choosePlaneInListOrder(surfaces[0], mins, maxs, allowZUp);
+            differing += fast != plain;
+            nonNull += plain != nullptr;
+        }
+        mrBSPTree::releaseSurfaces(surfaces[0]);
+        for (mrPlane* p : planes)
+            delete p;
+    }
+    EXPECT_EQ(differing, 0);
+    EXPECT_GT(nonNull, 5000);
+}
+
+// ---------------------------------------------------------------------------------------
+// The plane table's index
+
+// Triangles whose planes crowd around the match tolerances (normals a hair inside and
+// outside a dot product of 0.99999, distances a hair inside and outside 0.01 apart) and
+// around the index's cell borders, plus planes that can match nothing and planes far out.
+void addCrowdedPlanes(srMeshModel& mesh)
+{
+    uint32_t seed = 12345;
+    auto unit = [&seed]()
+    {
+        seed = seed * 1664525u + 1013904223u;
+        return (double)(seed >> 8) / 16777216.0;
+    };
+    auto tri = [&](double nx, double ny, double nz, double d)
+    {
+        // Two directions in the plane, then three points on it.
+        double ux = -ny, uy = nx, uz = 0.0;
+        if (std::fabs(nz) > 0.9)
+            ux = 0.0, uy = -nz, uz = ny;
+        double ul = std::sqrt(ux * ux + uy * uy + uz * uz);
+        ux /= ul, uy /= ul, uz /= ul;
+        double vx = ny * uz - nz * uy, vy = nz * ux - nx * uz, vz = nx * uy - ny * ux;
+        V o((float)(nx * d), (float)(ny * d), (float)(nz * d));
+        int i = (int)mesh.addVertex(o);
+        mesh.addVertex(V((float)(o.x + 8 * ux), (float)(o.y + 8 * uy), (float)(o.z + 8 * uz)));
+        mesh.addVertex(V((float)(o.x + 8 * vx), (float)(o.y + 8 * vy), (float)(o.z + 8 * vz)));
+        mesh.addPolygon(i, i + 1, i + 2);
+    };
+    const double angles[] = {0.0, 0.002, 0.00445, 0.004472, 0.0045, 0.007};
+    const double offsets[] = {0.0, 0.005, 0.0099, 0.01, 0.0101, 0.03};
+    for (int base = 0; base < 40; ++base)
+    {
+        double nx = unit() * 2 - 1, ny = unit() * 2 - 1, nz = unit() * 2 - 1;
+        if (base % 5 == 0)
+            nx = 0.995 + 0.01 * unit(), ny = 0.0, nz = std::sqrt(1 - nx * nx); // near a cell border
+        double l = std::sqrt(nx * nx + ny * ny + nz * nz);
+        nx /= l, ny /= l, nz /= l;
+        double d = base % 3 == 0 ? std::round(unit() * 50) * 0.02 : unit() * 200 - 100;
+        for (double a : angles)
+            for (double o : offsets)
+            {
+                // Tilt about an axis across the normal.
+                double tx = -ny, ty = nx, tz = 0.0;
+                double tl = std::sqrt(tx * tx + ty * ty) + 1e-30;
+                double c = std::cos(a), s = std::sin(a);
+                double mx = nx * c + (ny * tz - nz * ty) / tl * s;
+                double my = ny * c + (nz * tx - nx * tz) / tl * s;
+                double mz = nz * c + (nx * ty - ny * tx) / tl * s;
+                tri(mx, my, mz, d + o);
+            }
+    }
+    tri(0, 0, 1, 2.5e9);      // beyond the index's distance cells
+    tri(0, 0, 1, 2.5e9 + 64); // and again, further out
+    tri(0, 0, 1, 2.5e9);
+    int i = (int)mesh.addVertex(V(NAN, 0, 0)); // can match nothing
+    mesh.addVertex(V(1, 0, 0));
+    mesh.addVertex(V(0, 1, 0));
+    mesh.addPolygon(i, i + 1, i + 2);
+    mesh.addPolygon(i, i + 1, i + 2);
+}
+
+TEST(PlaneTable, IndexedBuildGivesTheNumbersOfTheLinearSearch)
+{
+    srMeshModel mesh;
+    addCrowdedPlanes(mesh);
+    mtest::LogCapture log;
+    mrBSPSurfaceBuilder indexed;
+    indexed.m_mesh = &mesh;
+    indexed.generatePlanes();
+
+    mrBSPSurfaceBuilder linear;
+    const srVector3i* tris = mesh.getPolyVertex();
+    V* verts = mesh.getVertexLoc();
+    for (long k = 0; k < mesh.m_numpolys; ++k)
+        ASSERT_EQ(linear.findPlane(verts[tris[k].x], verts[tris[k].y], verts[tris[k].z]),
+                  indexed.m_polyPlanes[(uint32_t)k])
+            << "polygon " << k;
+    EXPECT_EQ(indexed.m_numplanes, linear.m_numplanes);
+    // Crowded enough that both sharing and not sharing happen often.
+    EXPECT_GT(indexed.m_numplanes, 200u);
+    EXPECT_LT(indexed.m_numplanes, (uint32_t)mesh.m_numpolys - 200);
+    indexed.releasePlanes();
+    linear.releasePlanes();
+}
+
+// ---------------------------------------------------------------------------------------
+// Deep trees
+
+// n parallel quads facing +x at x = 1 ... n, so wide across y and z that every mid-split
+// score exceeds the starting best: each node takes the first candidate of its list, and
+// since the child lists come out reversed, the tree becomes a chain about n levels deep.
+void addSlabs(srMeshModel& mesh, int n)
+{
+    for (int i = 1; i <= n; ++i)
+        addRect(mesh, 0, (float)i, -6000, 6000, -6000, 6000, +1);
+}
+
+struct DeepRun
+{
+    srMeshModel* mesh;
+    int32_t splitNodes = 0, emptyLeafs = 0, solidLeafs = 0, leafFaces = 0;
+    int32_t visleafs = 0, visportals = 0, polycount = 0;
+    int depth = 0;
+    size_t prtLines = 0, reports = 0;
+};
+
+void* runDeep(void* arg)
+{
+    DeepRun& r = *static_cast<DeepRun*>(arg);
+    mtest::AssertRecorder rec;
+    mtest::LogCapture log;
+    mtest::TempDir dir;
+    mrBSPSurfaceBuilder builder;
+    mrBSPSurface* list = builder.buildSurfaces(r.mesh);
+    for (mrBSPSurface* s = list; s; s = s->m_next)
+        s->calcBounds();
+    mrSolidBSP bsp;
+    mrBSPNode* head = bsp.generate(list, 1);
+    head->m_mins = V(1, -6000, -6000);
+    head->m_maxs = V((float)r.mesh->m_numpolys / 2, 6000, 6000);
+    r.splitNodes = bsp.m_numSplitNodes;
+    r.emptyLeafs = bsp.m_numEmptyLeafs;
+    r.solidLeafs = bsp.m_numSolidLeafs;
+    r.leafFaces = bsp.m_numLeafFaces;
+
+    std::vector<std::pair<const mrBSPNode*, int>> stack = {{head, 1}};
+    while (!stack.empty())
+    {
+        auto [n, d] = stack.back();
+        stack.pop_back();
+        r.depth = std::max(r.depth, d);
+        if (n->m_plane)
+            for (const mrBSPNode* c : n->m_children)
+                stack.push_back({c, d + 1});
+    }
+
+    mrBSPPortalizer pz;
+    pz.portalize(head);
+    const std::string path = dir.file("test.prt");
+    testing::internal::CaptureStdout();
+    mrBSPPortalizer::writePortalfile(head, path.c_str());
+    testing::internal::GetCapturedStdout();
+    const std::string prt = mtest::readFile(path);
+    r.prtLines = (size_t)std::count(prt.begin(), prt.end(), '\n');
+    r.visleafs = mrBSPPortalizer::m_num_visleafs;
+    r.visportals = mrBSPPortalizer::m_num_visportals;
+    srMeshModel* out = mrBSPPortalizer::createMeshModel(head);
+    r.polycount = mrBSPPortalizer::m_polycount;
+    delete out;
+    for (uint32_t i = 0; i < 256; ++i)
+        delete mrBSPPortalizer::m_materials[i];
+    pz.releasePortals(head);
+    mrBSPTree::release(head);
+    builder.releasePlanes();
+    r.reports = rec.reports().size();
+    return nullptr;
+}
+
+// A surface without faces whose bounds lie in front of the splitter: dividing it finds no
+// face in front, so it goes behind (and is reported), whatever its bounds say.
+TEST(Generation, AFacelessSurfaceGoesBehindWhateverItsBounds)
+{
+    mrPlane wall(1, 0, 0, 5), tilted;
+    tilted.make(V(20, 0, 5), V(30, 0, 5.1f), V(20, 10, 5.2f));
+    mrBSPFace* face = new mrBSPFace;
+    face->m_plane = &wall;
+    face->m_winding->addPoint(V(5, 0, 0));
+    face->m_winding->addPoint(V(5, 10, 0));
+    face->m_winding->addPoint(V(5, 0, 10));
+    face->m_original = face;
+    mrBSPSurface* first = new mrBSPSurface;
+    first->m_plane = &wall;
+    first->m_faces = face;
+    first->calcBounds();
+    mrBSPSurface* bare = new mrBSPSurface;
+    bare->m_plane = &tilted;
+    bare->m_mins = V(20, 0, 0);
+    bare->m_maxs = V(30, 10, 10);
+    first->m_next = bare;
+
+    mtest::AssertRecorder rec;
+    mrSolidBSP bsp;
+    mrBSPNode* head = bsp.generate(first, 1);
+    EXPECT_EQ(head->m_plane, &wall);
+    EXPECT_EQ(head->m_children[0]->m_plane, nullptr);
+    EXPECT_EQ(head->m_children[1]->m_plane, &tilted); // the bare surface went behind
+    EXPECT_EQ(rec.count("0", "surface with no faces"), 2u);
+    EXPECT_EQ(bsp.m_numSplitNodes, 2);
+    mrBSPTree::release(head);
+}
+
+// A NaN coordinate gives a plane that does not compare equal to itself, so its surface is
+// never found lying on its own node; it must still be used only once, or generation never
+// ends.
+TEST(Generation, ANonFinitePlaneIsUsedOnceAndEnds)
+{
+    for (int midSplit = 0; midSplit < 2; ++midSplit)
+    {
+        srMeshModel mesh;
+        mtest::addBox(mesh, V(-8, -8, -8), V(8, 8, 8), true);
+        mesh.m_verts[0] = V(NAN, -8, -8);
+        mtest::AssertRecorder rec;
+        mtest::LogCapture log;
+        mrBSPSurfaceBuilder builder;
+        mrBSPSurface* list = builder.buildSurfaces(&mesh);
+        for (mrBSPSurface* s = list; s; s = s->m_next)
+            s->calcBounds();
+        mrSolidBSP bsp;
+        mrBSPNode* head = bsp.generate(list, midSplit);
+        EXPECT_LE(bsp.m_numSplitNodes, (int32_t)builder.m_numplanes);
+        EXPECT_EQ(bsp.m_numLeafFaces, 12);
+        mrBSPTree::release(head);
+        builder.releasePlanes();
+    }
+}
+
+TEST(DeepTree, ThousandsOfNestedSlabsRunOnASmallStack)
+{
+    const int n = 2000;
+    srMeshModel mesh;
+    addSlabs(mesh, n);
+    DeepRun r;
+    r.mesh = &mesh;
+    // 128 KB: a walk that recursed once per level would need far more.
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 128 * 1024);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attr, &runDeep, &r), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+
+    EXPECT_GE(r.depth, n);
+    EXPECT_EQ(r.splitNodes, n);
+    EXPECT_EQ(r.emptyLeafs, n);
+    EXPECT_EQ(r.solidLeafs, 1);
+    EXPECT_EQ(r.leafFaces, 2 * n);
+    EXPECT_EQ(r.visleafs, n);
+    EXPECT_EQ(r.visportals, n - 1); // one between each pair of neighbouring slabs
+    EXPECT_EQ(r.prtLines, (size_t)(3 + n - 1));
+    EXPECT_GT(r.polycount, 4 * n); // every slab's four sides face the outside
+    EXPECT_EQ(r.reports, 0u);
+}
+
+} // namespace
