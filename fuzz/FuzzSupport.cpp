@@ -159,19 +159,6 @@ void FuzzSupport::fail(const char* what, const std::string& detail)
     std::abort();
 }
 
-bool FuzzSupport::sharesNodes(const mrClipBSP& bsp)
-{
-    std::vector<unsigned char> parents(bsp.m_numnodes, 0);
-    for (uint32_t i = 0; i < bsp.m_numnodes; ++i)
-        for (int c = 0; c < 2; ++c)
-        {
-            int32_t child = bsp.m_nodes[i].child[c];
-            if (child >= 0 && (uint32_t)child < bsp.m_numnodes && parents[child]++)
-                return true;
-        }
-    return false;
-}
-
 void FuzzSupport::checkQueries(const mrClipBSP& bsp, FuzzInput& in)
 {
     int count = 1 + in.byte() % 8;

@@ -26,12 +26,6 @@ public:
     static unsigned long assertCount();
     static void fail(const char* what, const std::string& detail = std::string());
 
-    // True when some node is the child of two nodes (or twice of one). validate() accepts
-    // that, but a trace may then walk the shared subtrees once per path, which is
-    // exponential in the depth (known fault, pinned by a disabled test in
-    // tests/robustness_test.cpp); the fuzzers skip traces on such trees until it is fixed.
-    static bool sharesNodes(const mrClipBSP& bsp);
-
     // A clip BSP from outside passed validate(): queries must end and give answers that
     // agree with each other. `in` supplies the points and segments.
     static void checkQueries(const mrClipBSP& bsp, FuzzInput& in);

@@ -48,11 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             std::string why;
             if (!bsp->validate(&why))
                 FuzzSupport::fail("a loaded clip BSP does not validate", why);
-            if (!FuzzSupport::sharesNodes(*bsp))
-            {
-                FuzzSupport::checkQueries(*bsp, in);
-                FuzzSupport::checkQueriesNearPlanes(*bsp);
-            }
+            FuzzSupport::checkQueries(*bsp, in);
+            FuzzSupport::checkQueriesNearPlanes(*bsp);
             FuzzSupport::checkRoundTrip(*bsp);
         }
         for (srClass* o : objects)

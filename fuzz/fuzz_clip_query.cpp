@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         // Children are numbered in the order they are handed out, so each node has one
         // parent at most and every child comes after its parent: a tree, as the builders
-        // make (shared subtrees are a known fault, see FuzzSupport::sharesNodes).
+        // make.
         uint32_t next = 1;
         for (uint32_t i = 0; i < numnodes; ++i)
         {

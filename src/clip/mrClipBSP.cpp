@@ -473,6 +473,9 @@ bool mrClipBSP::validate(std::string* error) const
     if (m_numplanes > planeRecords())
         return fail(std::to_string(m_numplanes) + " planes counted but only " + std::to_string(planeRecords()) +
                     " plane records allocated");
+    // Every node but the root has exactly one parent: a node reached along two paths
+    // would make a trace visit its subtree once per path, exponential in the depth.
+    std::vector<int32_t> parent(m_numnodes, -1);
     for (uint32_t i = 0; i < m_numnodes; ++i)
     {
         const mrClipNode& n = m_nodes[i];
@@ -491,6 +494,10 @@ bool mrClipBSP::validate(std::string* error) const
             if ((uint32_t)child <= i)
                 return fail(where + "child " + std::to_string(c) + " is node " + std::to_string(child) +
                             ", which does not come after its parent");
+            if (parent[(uint32_t)child] >= 0)
+                return fail(where + "child " + std::to_string(c) + " is node " + std::to_string(child) +
+                            ", which already has a parent (node " + std::to_string(parent[(uint32_t)child]) + ")");
+            parent[(uint32_t)child] = (int32_t)i;
         }
     }
     return true;
