@@ -479,9 +479,10 @@ bool mrClipBSP::validate(std::string* error) const
     for (uint32_t i = 0; i < m_numnodes; ++i)
     {
         const mrClipNode& n = m_nodes[i];
-        std::string where = "node " + std::to_string(i) + ": ";
+        // Built only for a message: validation runs on every load of a large tree.
+        auto where = [i]() { return "node " + std::to_string(i) + ": "; };
         if (n.planeIndex < 0 || (uint32_t)n.planeIndex >= m_numplanes)
-            return fail(where + "plane index " + std::to_string(n.planeIndex) + " out of range (" +
+            return fail(where() + "plane index " + std::to_string(n.planeIndex) + " out of range (" +
                         std::to_string(m_numplanes) + " planes)");
         for (int c = 0; c < 2; ++c)
         {
@@ -489,13 +490,13 @@ bool mrClipBSP::validate(std::string* error) const
             if (child < 0)
                 continue;
             if ((uint32_t)child >= m_numnodes)
-                return fail(where + "child " + std::to_string(c) + " is node " + std::to_string(child) +
+                return fail(where() + "child " + std::to_string(c) + " is node " + std::to_string(child) +
                             ", out of range (" + std::to_string(m_numnodes) + " nodes)");
             if ((uint32_t)child <= i)
-                return fail(where + "child " + std::to_string(c) + " is node " + std::to_string(child) +
+                return fail(where() + "child " + std::to_string(c) + " is node " + std::to_string(child) +
                             ", which does not come after its parent");
             if (parent[(uint32_t)child] >= 0)
-                return fail(where + "child " + std::to_string(c) + " is node " + std::to_string(child) +
+                return fail(where() + "child " + std::to_string(c) + " is node " + std::to_string(child) +
                             ", which already has a parent (node " + std::to_string(parent[(uint32_t)child]) + ")");
             parent[(uint32_t)child] = (int32_t)i;
         }
@@ -596,18 +597,21 @@ private:
 
     void grow()
     {
-        static thread_local std::vector<ClipFrame> spill;
+        // Frames are plain data: the buffer is neither zeroed nor shrunk.
+        static thread_local std::unique_ptr<ClipFrame[]> spill;
+        static thread_local size_t spillSize = 0;
         const size_t wanted = m_capacity * 2;
-        if (m_data == m_local)
+        if (spillSize < wanted)
         {
-            if (spill.size() < wanted)
-                spill.resize(wanted);
-            std::copy(m_local, m_local + m_size, spill.data());
+            std::unique_ptr<ClipFrame[]> bigger(new ClipFrame[wanted]);
+            std::copy(m_data, m_data + m_size, bigger.get());
+            spill = std::move(bigger);
+            spillSize = wanted;
         }
-        else if (spill.size() < wanted)
-            spill.resize(wanted);
-        m_data = spill.data();
-        m_capacity = spill.size();
+        else if (m_data == m_local)
+            std::copy(m_local, m_local + m_size, spill.get());
+        m_data = spill.get();
+        m_capacity = spillSize;
     }
 
     ClipFrame m_local[LOCAL_FRAMES];
@@ -646,7 +650,7 @@ public:
         while (node >= 0)
         {
             const mrClipNode& n = m_nodes[node];
-            node = n.child[!(signedDistance(m_planes[n.planeIndex], p) >= 0.0f)];
+            node = signedDistance(m_planes[n.planeIndex], p) >= 0.0f ? n.child[0] : n.child[1];
         }
         return node;
     }
@@ -694,7 +698,27 @@ private:
     const mrClipQueryIndex::Node* m_nodes;
 };
 
-// The trace, over either view of the tree.
+// The index's compact nodes of a tree without indexed chains: nothing to skip.
+class CompactWalk : public IndexWalk
+{
+public:
+    explicit CompactWalk(const mrClipQueryIndex& index) : IndexWalk(index), m_nodes(index.nodes()) {}
+    bool inChain(int) const { return false; }
+    int pointInfo(int node, const srVector3T<float>& p) const
+    {
+        while (node >= 0)
+        {
+            const mrClipQueryIndex::Node& n = m_nodes[node];
+            node = mrClipQueryIndex::distance(n, p) >= 0.0f ? n.child[0] : n.child[1];
+        }
+        return node;
+    }
+
+private:
+    const mrClipQueryIndex::Node* m_nodes;
+};
+
+// The trace, over any view of the tree.
 //
 // The recursion of the trace, unrolled: descending to one side and going on into the far
 // part of a crossing are plain steps, and the near part of a crossing pushes a frame that
@@ -723,12 +747,14 @@ int traceWith(const Walk& walk, int node, float p1f, float p2f, const srVector3T
             fresh = true;
             const float t1 = walk.distance(node, p1);
             const float t2 = walk.distance(node, p2);
-            // 1: both in front, 2: both behind, 0: anything else (a crossing, or NaN). Taken
-            // as an index: which side a segment goes is what a tree mispredicts.
-            const int same = ((t1 >= 0.0f) & (t2 >= 0.0f)) | (((t1 < 0.0f) & (t2 < 0.0f)) << 1);
-            if (same)
+            if (t1 >= 0.0f && t2 >= 0.0f)
             {
-                node = walk.child(node, same - 1);
+                node = walk.child(node, 0);
+                continue;
+            }
+            if (t1 < 0.0f && t2 < 0.0f)
+            {
+                node = walk.child(node, 1);
                 continue;
             }
 
@@ -833,7 +859,7 @@ int mrClipBSP::pointInfo(int node, const srVector3T<float>& point) const
     if (node >= 0 && isEmptySpace())
         return -1;
     if (const mrClipQueryIndex* index = queryIndex())
-        return IndexWalk(*index).pointInfo(node, point);
+        return index->numRuns() ? IndexWalk(*index).pointInfo(node, point) : CompactWalk(*index).pointInfo(node, point);
     return PlainWalk(m_nodes, m_planes).pointInfo(node, point);
 }
 
@@ -845,7 +871,8 @@ int mrClipBSP::clip(int node, float p1f, float p2f, const srVector3T<float>& p1,
     if (node >= 0 && isEmptySpace())
         node = -1;
     if (const mrClipQueryIndex* index = queryIndex())
-        return traceWith(IndexWalk(*index), node, p1f, p2f, p1, p2, trace);
+        return index->numRuns() ? traceWith(IndexWalk(*index), node, p1f, p2f, p1, p2, trace)
+                                : traceWith(CompactWalk(*index), node, p1f, p2f, p1, p2, trace);
     return traceWith(PlainWalk(m_nodes, m_planes), node, p1f, p2f, p1, p2, trace);
 }
 

@@ -127,21 +127,36 @@ void mrClipQueryIndex::buildRun(Run& run)
     if (members.empty())
         return;
 
-    std::vector<double> units(members.size() * 3);
+    std::vector<Member> units(members.size());
     for (size_t m = 0; m < members.size(); ++m)
     {
         const Node& n = m_nodes[members[m]];
+        Member& u = units[m];
         const double len = std::sqrt((double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2]);
+        u.node = members[m];
         for (int k = 0; k < 3; ++k)
-            units[m * 3 + k] = s * (double)n.n[k] / len;
+            u.unit[k] = s * (double)n.n[k] / len;
+        // Height of the centre behind the plane (in the leaving orientation), rounded down.
+        double nc = 0.0, mag = std::fabs((double)n.d);
+        for (int k = 0; k < 3; ++k)
+        {
+            nc += (double)n.n[k] * run.centre[k];
+            mag += std::fabs((double)n.n[k] * run.centre[k]);
+        }
+        u.height = s * ((double)n.d - nc) - 1e-12 * mag - 1e-300;
+        u.length = len * (1.0 + 1e-12);
+        u.length1 = std::fabs((double)n.n[0]) + std::fabs((double)n.n[1]) + std::fabs((double)n.n[2]);
+        u.dist = std::fabs((double)n.d);
     }
-    run.root = buildCones(run, members, units, 0, members.size());
+    m_cones.reserve(m_cones.size() + 2 * (units.size() / LEAF_PLANES + 1));
+    run.root = buildCones(units, 0, units.size());
 }
 
-int mrClipQueryIndex::buildCones(Run& run, std::vector<int32_t>& members, std::vector<double>& units, size_t begin,
-                                 size_t end)
+int mrClipQueryIndex::buildCones(std::vector<Member>& members, size_t begin, size_t end)
 {
-    const double s = run.side == 0 ? 1.0 : -1.0;
+    // Top down: each cone holds its planes' normals exactly (up to rounding, widened);
+    // its planes are halved along the normal component that varies most. Every split
+    // halves, so the depth stays below the traversal stacks.
     const int index = (int)m_cones.size();
     m_cones.push_back(Cone());
 
@@ -151,9 +166,9 @@ int mrClipQueryIndex::buildCones(Run& run, std::vector<int32_t>& members, std::v
     for (size_t m = begin; m < end; ++m)
         for (int k = 0; k < 3; ++k)
         {
-            sum[k] += units[m * 3 + k];
-            ulo[k] = std::min(ulo[k], units[m * 3 + k]);
-            uhi[k] = std::max(uhi[k], units[m * 3 + k]);
+            sum[k] += members[m].unit[k];
+            ulo[k] = std::min(ulo[k], members[m].unit[k]);
+            uhi[k] = std::max(uhi[k], members[m].unit[k]);
         }
     const double sumLen = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]);
     c.axis[0] = 1.0;
@@ -163,33 +178,19 @@ int mrClipQueryIndex::buildCones(Run& run, std::vector<int32_t>& members, std::v
             c.axis[k] = sum[k] / sumLen;
     double cosAngle = 1.0;
     c.minHeight = HUGE_VAL;
-    c.maxNormal = 0.0;
-    c.maxNormal1 = 0.0;
-    c.maxDist = 0.0;
+    c.maxNormal = c.maxNormal1 = c.maxDist = 0.0;
     c.first = INT32_MAX;
     c.last = INT32_MIN;
     for (size_t m = begin; m < end; ++m)
     {
-        const int32_t j = members[m];
-        const Node& n = m_nodes[j];
-        const double* u = &units[m * 3];
-        cosAngle = std::min(cosAngle, c.axis[0] * u[0] + c.axis[1] * u[1] + c.axis[2] * u[2]);
-        // Height of the centre behind the plane (in the leaving orientation), rounded down.
-        double nc = 0.0, mag = std::fabs((double)n.d);
-        for (int k = 0; k < 3; ++k)
-        {
-            nc += (double)n.n[k] * run.centre[k];
-            mag += std::fabs((double)n.n[k] * run.centre[k]);
-        }
-        const double height = s * ((double)n.d - nc) - 1e-12 * mag - 1e-300;
-        c.minHeight = std::min(c.minHeight, height);
-        const double len = std::sqrt((double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2]);
-        c.maxNormal = std::max(c.maxNormal, len * (1.0 + 1e-12));
-        c.maxNormal1 = std::max(c.maxNormal1, std::fabs((double)n.n[0]) + std::fabs((double)n.n[1]) +
-                                                  std::fabs((double)n.n[2]));
-        c.maxDist = std::max(c.maxDist, std::fabs((double)n.d));
-        c.first = std::min(c.first, j);
-        c.last = std::max(c.last, j);
+        const Member& u = members[m];
+        cosAngle = std::min(cosAngle, c.axis[0] * u.unit[0] + c.axis[1] * u.unit[1] + c.axis[2] * u.unit[2]);
+        c.minHeight = std::min(c.minHeight, u.height);
+        c.maxNormal = std::max(c.maxNormal, u.length);
+        c.maxNormal1 = std::max(c.maxNormal1, u.length1);
+        c.maxDist = std::max(c.maxDist, u.dist);
+        c.first = std::min(c.first, u.node);
+        c.last = std::max(c.last, u.node);
     }
     // The half-angle, widened for the rounding of the products above.
     cosAngle = std::max(-1.0, cosAngle - 1e-12);
@@ -200,42 +201,27 @@ int mrClipQueryIndex::buildCones(Run& run, std::vector<int32_t>& members, std::v
 
     if (end - begin <= LEAF_PLANES)
     {
-        std::vector<int32_t> leaf(members.begin() + (std::ptrdiff_t)begin, members.begin() + (std::ptrdiff_t)end);
-        std::sort(leaf.begin(), leaf.end());
         c.begin = (int32_t)m_entries.size();
-        m_entries.insert(m_entries.end(), leaf.begin(), leaf.end());
+        for (size_t m = begin; m < end; ++m)
+            m_entries.push_back(members[m].node);
+        std::sort(m_entries.begin() + c.begin, m_entries.end());
         c.end = (int32_t)m_entries.size();
         m_cones[index] = c;
         return index;
     }
 
-    // Halve along the direction component that varies most.
     int axis = 0;
     for (int k = 1; k < 3; ++k)
         if (uhi[k] - ulo[k] > uhi[axis] - ulo[axis])
             axis = k;
     const size_t mid = begin + (end - begin) / 2;
-    std::vector<size_t> perm(end - begin);
-    for (size_t m = 0; m < perm.size(); ++m)
-        perm[m] = begin + m;
-    std::nth_element(perm.begin(), perm.begin() + (std::ptrdiff_t)(mid - begin), perm.end(),
-                     [&](size_t a, size_t b) {
-                         const double ua = units[a * 3 + axis], ub = units[b * 3 + axis];
-                         return ua < ub || (ua == ub && members[a] < members[b]);
+    std::nth_element(members.begin() + (std::ptrdiff_t)begin, members.begin() + (std::ptrdiff_t)mid,
+                     members.begin() + (std::ptrdiff_t)end, [axis](const Member& a, const Member& b) {
+                         return a.unit[axis] < b.unit[axis] || (a.unit[axis] == b.unit[axis] && a.node < b.node);
                      });
-    std::vector<int32_t> m2(perm.size());
-    std::vector<double> u2(perm.size() * 3);
-    for (size_t m = 0; m < perm.size(); ++m)
-    {
-        m2[m] = members[perm[m]];
-        for (int k = 0; k < 3; ++k)
-            u2[m * 3 + k] = units[perm[m] * 3 + k];
-    }
-    std::copy(m2.begin(), m2.end(), members.begin() + (std::ptrdiff_t)begin);
-    std::copy(u2.begin(), u2.end(), units.begin() + (std::ptrdiff_t)(begin * 3));
     m_cones[index] = c;
-    const int left = buildCones(run, members, units, begin, mid);
-    const int right = buildCones(run, members, units, mid, end);
+    const int left = buildCones(members, begin, mid);
+    const int right = buildCones(members, mid, end);
     m_cones[index].child[0] = left;
     m_cones[index].child[1] = right;
     return index;

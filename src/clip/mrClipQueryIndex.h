@@ -49,7 +49,7 @@ public:
     {
         const Node& n = m_nodes[node];
         if (n.run < 0)
-            return n.child[!(distance(n, p) >= 0.0f)]; // an index, not a branch: trees mispredict
+            return distance(n, p) >= 0.0f ? n.child[0] : n.child[1];
         return chainStep(node, p);
     }
 
@@ -107,7 +107,17 @@ private:
     bool anyLeaves(const Run& run, int start, const srVector3T<float>& p) const;
     int firstLeaving(const Run& run, int start, const srVector3T<float>& p1, const srVector3T<float>& p2) const;
     void buildRun(Run& run);
-    int buildCones(Run& run, std::vector<int32_t>& members, std::vector<double>& units, size_t begin, size_t end);
+    // A plane of a chain while its cones are built: node and unit normal (oriented).
+    struct Member
+    {
+        int32_t node;
+        double unit[3];
+        double height;  // of the centre behind the plane, rounded down
+        double length;  // of the normal, rounded up
+        double length1; // sum of |normal components|
+        double dist;    // |distance|
+    };
+    int buildCones(std::vector<Member>& members, size_t begin, size_t end);
 
     std::vector<Node> m_nodes;
     std::vector<Run> m_runs;

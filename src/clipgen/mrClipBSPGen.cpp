@@ -765,10 +765,12 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
     Bounds oldGroups[GROUPS];
     std::copy(s.block->group, s.block->group + GROUPS, oldGroups);
     int kept = 0;
+    int lastGroup = -1, lastOld = -1; // the old group last merged into the new one
     for (int i = 0; i < s.count; ++i)
     {
         Record r = s.block->f[i];
-        Bounds grown = oldGroups[i / GROUP_FACES];
+        Bounds piece;
+        bool cut = false;
         bool stays;
         switch (fate[i])
         {
@@ -779,15 +781,12 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
             stays = (fate[i] == TURN_BACK) == keepBack;
             break;
         case CUT:
-        {
             r = cutRecord(r, sp.plane, other, keepBack);
-            Bounds piece;
             faceBounds(r, piece);
-            unite(grown, piece);
             unite(s.box, piece);
+            cut = true;
             stays = true;
             break;
-        }
         default:
             stays = (fate[i] == STAY_BACK) == keepBack;
             break;
@@ -797,10 +796,18 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
             appendRecord(other, r);
             continue;
         }
-        Bounds& g = s.block->group[kept / GROUP_FACES];
+        const int group = kept / GROUP_FACES;
+        Bounds& g = s.block->group[group];
         if (kept % GROUP_FACES == 0)
             clearBounds(g);
-        unite(g, grown);
+        if (group != lastGroup || i / GROUP_FACES != lastOld)
+        {
+            unite(g, oldGroups[i / GROUP_FACES]);
+            lastGroup = group;
+            lastOld = i / GROUP_FACES;
+        }
+        if (cut)
+            unite(g, piece);
         s.block->f[kept++] = r;
     }
     s.count = kept;
@@ -972,21 +979,24 @@ void mrClipBSPGen::Partitioner::partitionNode(mrBSPGenNode* node, List* list)
 
 void mrClipBSPGen::Partitioner::run(std::vector<mrFace*>& faces, mrBSPGenNode* root)
 {
-    // Where each face sits in m_allfaces (its first occurrence), for removal when cut.
-    std::unordered_map<const mrFace*, size_t> slots;
-    slots.reserve(m_gen.m_allfaces.size());
+    // Where each face sits in m_allfaces (its first occurrence), for removal when cut:
+    // sorted by face, then position, so the first match is the first occurrence.
+    std::vector<std::pair<const mrFace*, size_t>> slots(m_gen.m_allfaces.size());
     for (size_t i = 0; i < m_gen.m_allfaces.size(); ++i)
-        slots.emplace(m_gen.m_allfaces[i], i);
+        slots[i] = std::make_pair(m_gen.m_allfaces[i], i);
+    std::sort(slots.begin(), slots.end());
 
     m_faceOf.reserve(faces.size() * 2);
     m_slotOf.reserve(faces.size() * 2);
     List* rootList = newList();
     for (mrFace* face : faces)
     {
-        std::unordered_map<const mrFace*, size_t>::const_iterator it = slots.find(face);
-        appendRecord(*rootList, makeRecord(face, it == slots.end() ? NO_SLOT : it->second, 0.0));
+        std::vector<std::pair<const mrFace*, size_t>>::const_iterator it =
+            std::lower_bound(slots.begin(), slots.end(), std::make_pair((const mrFace*)face, (size_t)0));
+        const bool found = it != slots.end() && it->first == face;
+        appendRecord(*rootList, makeRecord(face, found ? it->second : NO_SLOT, 0.0));
     }
-    std::unordered_map<const mrFace*, size_t>().swap(slots);
+    std::vector<std::pair<const mrFace*, size_t>>().swap(slots);
 
     m_tasks.push_back(Task{root, rootList, nullptr});
     while (!m_tasks.empty())
