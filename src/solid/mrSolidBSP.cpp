@@ -254,7 +254,7 @@ mrBSPSurface* mrSolidBSP::choosePlaneWith(mrBSPSurface* list, const srVector3T<f
         mrBSPSurface* surface;
         double score;
         uint32_t order;
-        int count; // cuts, exact when below `atLeast`
+        int count; // cuts: the true number when `exact`, else a lower bound
         bool exact;
     };
     // Kept between calls (one set per thread), so a deep tree does not allocate them anew
@@ -285,6 +285,17 @@ mrBSPSurface* mrSolidBSP::choosePlaneWith(mrBSPSurface* list, const srVector3T<f
         for (mrBSPFace* f = trustBounds ? nullptr : s->m_faces; f; f = f->m_next)
         {
             mrWinding* w = f->m_winding;
+            if (w && (uint32_t)w->m_numpoints > w->m_points.m_size)
+            {
+                // More points counted than held (faceSide reads zeros there): no bound.
+                c.empty = false;
+                for (int k = 0; k < 3; ++k)
+                {
+                    c.mins[k] = -INFINITY;
+                    c.maxs[k] = INFINITY;
+                }
+                continue;
+            }
             for (int i = 0, n = w ? w->m_numpoints : 0; i < n; ++i)
             {
                 const srVector3T<float>& p = w->m_points.at((uint32_t)i);
