@@ -431,11 +431,10 @@ TEST(HostileChunkFiles, LongChainFromAFileIsQueried) { expectChainIsClear(10000)
 // levels overflowed a default 8 MB stack in an optimised build. A 7 MB file.
 TEST(HostileChunkFiles, VeryLongChainFromAFileIsQueried) { expectChainIsClear(200000); }
 
-// validate() takes "every child is a leaf or a later node" as enough, so a node may be
-// the child of several nodes. A trace then walks a shared subtree once per path to it:
-// with both children of each node pointing to the next, 2^depth walks, so a 40-node file
-// keeps checkCollision busy for hours. The builders only make trees; a file whose nodes
-// have more than one parent should be refused. Disabled until validate() refuses it.
+// A node that is the child of several nodes would make a trace walk its subtree once per
+// path to it: with both children of each node pointing to the next, 2^depth walks, so a
+// 40-node file would keep checkCollision busy for hours. The builders only make trees, so
+// validate() refuses a node with a second parent.
 TEST(HostileChunkFiles, NodesWithTwoParentsAreRefused)
 {
     const int n = 40;
@@ -650,10 +649,8 @@ TEST(HostileMeshes, NonFiniteCoordinatesInTheCollisionPipeline)
 }
 
 // A NaN or infinite coordinate gives a surface whose plane never matches itself (NaN
-// compares false), so it is never used up: solid BSP generation picks it again and again
-// (mrSolidBSP::partitionSurfaces). It used to recurse until the stack overflowed; with
-// its work stack it now makes nodes without end until memory runs out. Disabled until
-// generation guards against it; the tool's reader refuses such meshes meanwhile.
+// compares false), so matching alone would never use it up and generation would pick it
+// again and again. The splitter is marked used itself, so generation ends.
 TEST(HostileMeshes, NonFiniteCoordinatesInTheVisibilityPipeline)
 {
     for (V corner : {V(kNaN, -8, -8), V(-kInf, -8, -8)})
