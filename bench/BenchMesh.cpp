@@ -25,27 +25,8 @@ void BenchMesh::finish()
     const srVector3T<float>* verts = m_mesh->getVertexLoc();
     const srVector3i* polys = m_mesh->getPolyVertex();
     const long n = m_mesh->m_numpolys;
-    // The box of the vertices the triangles use, starting from the first such vertex:
-    // the same box the visibility pipeline gives its head node.
-    bool first = true;
-    for (long i = 0; i < n; ++i)
-        for (int k = 0; k < 3; ++k)
-        {
-            const srVector3T<float>& p = verts[polys[i][k]];
-            if (first)
-            {
-                m_mins = m_maxs = p;
-                first = false;
-                continue;
-            }
-            for (int a = 0; a < 3; ++a)
-            {
-                if (p[a] < m_mins[a])
-                    m_mins[a] = p[a];
-                if (p[a] > m_maxs[a])
-                    m_maxs[a] = p[a];
-            }
-        }
+    // The box the visibility pipeline gives its head node.
+    m_mesh->usedVertexBounds(m_mins, m_maxs);
     m_flatVerts.clear();
     m_flatVerts.reserve((size_t)m_mesh->getNumVerts() * 3);
     for (long v = 0; v < m_mesh->getNumVerts(); ++v)

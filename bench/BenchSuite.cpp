@@ -42,6 +42,40 @@ public:
 
 double secondsSince(Clock::time_point t0) { return Clock::now() - t0; }
 
+// Runs `query(i)` for every i < n in each iteration; items are queries, and `counter`
+// holds the sum of the answers of the last iteration.
+template <class Query> void timeQueries(benchmark::State& st, size_t n, const char* counter, Query query)
+{
+    size_t sum = 0;
+    for (auto _ : st)
+    {
+        sum = 0;
+        for (size_t i = 0; i < n; ++i)
+            sum += query(i);
+        benchmark::DoNotOptimize(sum);
+    }
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters[counter] = (double)sum;
+}
+
+// Times `build()` alone in each iteration and hands its result to `release` outside the
+// timing; returns the mean build time.
+template <class Build, class Release> double timeBuilds(benchmark::State& st, Build build, Release release)
+{
+    double total = 0.0;
+    for (auto _ : st)
+    {
+        const Clock::time_point t0 = Clock::now();
+        auto built = build();
+        benchmark::DoNotOptimize(built);
+        total += secondsSince(t0);
+        st.PauseTiming();
+        release(built);
+        st.ResumeTiming();
+    }
+    return total / (double)st.iterations();
+}
+
 // The portal file writer announces itself on standard output; keep that line out of
 // the benchmark's own output (which may be JSON on standard output).
 class StdoutSilencer
@@ -448,16 +482,7 @@ void BenchSuite::pointInfo(benchmark::State& st, Entry& e)
         benchmark::DoNotOptimize(bsp->pointInfo(0, q.m_points[i]));
     if (skipBySample(st, secondsSince(t0), sample, n))
         return;
-    size_t solid = 0;
-    for (auto _ : st)
-    {
-        solid = 0;
-        for (size_t i = 0; i < n; ++i)
-            solid += bsp->pointInfo(0, q.m_points[i]) <= -2;
-        benchmark::DoNotOptimize(solid);
-    }
-    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
-    st.counters["solid"] = (double)solid;
+    timeQueries(st, n, "solid", [&](size_t i) { return bsp->pointInfo(0, q.m_points[i]) <= -2; });
     // How deep the walks go (outside the timing, on the first 10,000 points): the cost
     // of a query is this many plane tests.
     const size_t m = std::min(n, (size_t)10000);
@@ -493,16 +518,8 @@ void BenchSuite::checkCollision(benchmark::State& st, Entry& e)
         benchmark::DoNotOptimize(bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace));
     if (skipBySample(st, secondsSince(t0), sample, n))
         return;
-    size_t blocked = 0;
-    for (auto _ : st)
-    {
-        blocked = 0;
-        for (size_t i = 0; i < n; ++i)
-            blocked += bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0;
-        benchmark::DoNotOptimize(blocked);
-    }
-    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
-    st.counters["blocked"] = (double)blocked;
+    timeQueries(st, n, "blocked",
+                [&](size_t i) { return bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0; });
 }
 
 // ---- peers ------------------------------------------------------------------------
@@ -514,18 +531,9 @@ void BenchSuite::embreeBuild(benchmark::State& st, Entry& e)
         return;
     PeerEmbree::device(); // outside the timing
     PeerEmbree::FlushDenormals ftz;
-    double total = 0.0;
-    for (auto _ : st)
-    {
-        const Clock::time_point t0 = Clock::now();
-        RTCScene scene = PeerEmbree::buildScene(*e.mesh, false);
-        benchmark::DoNotOptimize(scene);
-        total += secondsSince(t0);
-        st.PauseTiming();
-        rtcReleaseScene(scene);
-        st.ResumeTiming();
-    }
-    recordTime("peer_embree_build", e, total / (double)st.iterations());
+    const double mean = timeBuilds(
+        st, [&]() { return PeerEmbree::buildScene(*e.mesh, false); }, [](RTCScene scene) { rtcReleaseScene(scene); });
+    recordTime("peer_embree_build", e, mean);
     st.counters["triangles"] = (double)e.mesh->numTriangles();
 }
 
@@ -535,16 +543,7 @@ void BenchSuite::embreeSegment(benchmark::State& st, Entry& e)
     const BenchQueries& q = queries(e);
     const size_t n = q.size();
     PeerEmbree::FlushDenormals ftz;
-    size_t hits = 0;
-    for (auto _ : st)
-    {
-        hits = 0;
-        for (size_t i = 0; i < n; ++i)
-            hits += peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
-        benchmark::DoNotOptimize(hits);
-    }
-    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
-    st.counters["hits"] = (double)hits;
+    timeQueries(st, n, "hits", [&](size_t i) { return peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x); });
 }
 
 void BenchSuite::embreeInside(benchmark::State& st, Entry& e)
@@ -553,16 +552,7 @@ void BenchSuite::embreeInside(benchmark::State& st, Entry& e)
     const BenchQueries& q = queries(e);
     const size_t n = q.size();
     PeerEmbree::FlushDenormals ftz;
-    size_t inside = 0;
-    for (auto _ : st)
-    {
-        inside = 0;
-        for (size_t i = 0; i < n; ++i)
-            inside += peer->inside(&q.m_points[i].x);
-        benchmark::DoNotOptimize(inside);
-    }
-    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
-    st.counters["inside"] = (double)inside;
+    timeQueries(st, n, "inside", [&](size_t i) { return peer->inside(&q.m_points[i].x); });
 }
 #else
 void BenchSuite::embreeBuild(benchmark::State&, Entry&) {}
@@ -576,19 +566,10 @@ void BenchSuite::bulletBuild(benchmark::State& st, Entry& e)
     if (skipByPrediction(st, "peer_bullet_build", e, 1.3, m_options.buildMaxSeconds))
         return;
     btTriangleIndexVertexArray* triangles = PeerBullet::wrap(*e.mesh);
-    double total = 0.0;
-    for (auto _ : st)
-    {
-        const Clock::time_point t0 = Clock::now();
-        btBvhTriangleMeshShape* shape = PeerBullet::buildShape(triangles);
-        benchmark::DoNotOptimize(shape);
-        total += secondsSince(t0);
-        st.PauseTiming();
-        delete shape;
-        st.ResumeTiming();
-    }
+    const double mean = timeBuilds(
+        st, [&]() { return PeerBullet::buildShape(triangles); }, [](btBvhTriangleMeshShape* shape) { delete shape; });
     delete triangles;
-    recordTime("peer_bullet_build", e, total / (double)st.iterations());
+    recordTime("peer_bullet_build", e, mean);
     st.counters["triangles"] = (double)e.mesh->numTriangles();
 }
 
@@ -597,16 +578,7 @@ void BenchSuite::bulletSegment(benchmark::State& st, Entry& e)
     PeerBullet* peer = bullet(e);
     const BenchQueries& q = queries(e);
     const size_t n = q.size();
-    size_t hits = 0;
-    for (auto _ : st)
-    {
-        hits = 0;
-        for (size_t i = 0; i < n; ++i)
-            hits += peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x);
-        benchmark::DoNotOptimize(hits);
-    }
-    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
-    st.counters["hits"] = (double)hits;
+    timeQueries(st, n, "hits", [&](size_t i) { return peer->segment(&q.m_segStart[i].x, &q.m_segEnd[i].x); });
 }
 #else
 void BenchSuite::bulletBuild(benchmark::State&, Entry&) {}

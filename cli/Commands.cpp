@@ -269,6 +269,31 @@ bool fileExists(const std::string& path)
     return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// point and trace: one query from the command line, or one per line of stdin, answered
+// by `answer(clip, values)` against the loaded clip BSP.
+template <class Answer>
+int answerQueries(const Commands::FileArgs& args, size_t count, const char* usage, Answer answer)
+{
+    if (!args.numbers.empty() && args.numbers.size() != count)
+        return Tool::usage(usage);
+    float q[6];
+    std::string why;
+    if (!args.numbers.empty() && !readQuery(args.numbers, count, q, why))
+        return Tool::usage(why);
+    ModuleSession session;
+    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
+    if (!bsp.get())
+        return Tool::EXIT_BAD_INPUT;
+    const mrClipBSP& clip = *bsp.get();
+    auto ask = [&](const float* v) { answer(clip, v); };
+    if (!args.numbers.empty())
+    {
+        ask(q);
+        return Tool::EXIT_OK;
+    }
+    return streamQueries(count, ask);
+}
+
 } // namespace
 
 int Commands::vis(const VisArgs& args)
@@ -459,58 +484,27 @@ int Commands::dump(const FileArgs& args)
 
 int Commands::point(const FileArgs& args)
 {
-    if (!args.numbers.empty() && args.numbers.size() != 3)
-        return Tool::usage("point takes a point as three numbers X Y Z, or none to read points from stdin");
-    float p[3];
-    std::string why;
-    if (!args.numbers.empty() && !readQuery(args.numbers, 3, p, why))
-        return Tool::usage(why);
-    ModuleSession session;
-    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
-    if (!bsp.get())
-        return Tool::EXIT_BAD_INPUT;
-    const mrClipBSP& clip = *bsp.get();
-    auto answer = [&clip](const float* v)
-    { std::printf("%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2]))); };
-    if (!args.numbers.empty())
-    {
-        answer(p);
-        return Tool::EXIT_OK;
-    }
-    return streamQueries(3, answer);
+    return answerQueries(args, 3, "point takes a point as three numbers X Y Z, or none to read points from stdin",
+                         [](const mrClipBSP& clip, const float* v)
+                         { std::printf("%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2]))); });
 }
 
 int Commands::trace(const FileArgs& args)
 {
-    if (!args.numbers.empty() && args.numbers.size() != 6)
-        return Tool::usage("trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from "
-                           "stdin");
-    float s[6];
-    std::string why;
-    if (!args.numbers.empty() && !readQuery(args.numbers, 6, s, why))
-        return Tool::usage(why);
-    ModuleSession session;
-    Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
-    if (!bsp.get())
-        return Tool::EXIT_BAD_INPUT;
-    const mrClipBSP& clip = *bsp.get();
-    auto answer = [&clip](const float* v)
-    {
-        mrTrace t;
-        // The queries leave the plane as they find it when nothing stops the trace.
-        t.m_planeNormal = srVector3T<float>(0, 0, 0);
-        t.m_planeDist = 0;
-        int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]), srVector3T<float>(v[3], v[4], v[5]), t);
-        std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(), vec3(t.m_endPos).c_str(),
-                    t.m_startSolid, t.m_allSolid, t.m_inOpen, vec3(t.m_planeNormal).c_str(),
-                    Tool::g9(t.m_planeDist).c_str());
-    };
-    if (!args.numbers.empty())
-    {
-        answer(s);
-        return Tool::EXIT_OK;
-    }
-    return streamQueries(6, answer);
+    return answerQueries(args, 6,
+                         "trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from stdin",
+                         [](const mrClipBSP& clip, const float* v)
+                         {
+                             mrTrace t;
+                             // The queries leave the plane as they find it when nothing stops the trace.
+                             t.m_planeNormal = srVector3T<float>(0, 0, 0);
+                             t.m_planeDist = 0;
+                             int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]),
+                                                           srVector3T<float>(v[3], v[4], v[5]), t);
+                             std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(),
+                                         vec3(t.m_endPos).c_str(), t.m_startSolid, t.m_allSolid, t.m_inOpen,
+                                         vec3(t.m_planeNormal).c_str(), Tool::g9(t.m_planeDist).c_str());
+                         });
 }
 
 int Commands::slice(const SliceArgs& args)

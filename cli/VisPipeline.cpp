@@ -14,38 +14,6 @@
 namespace
 {
 
-// The box of the vertices the triangles use (degenerate triangles included), starting
-// from the first such vertex; part of the reproducibility promise, since the outer
-// portals and so every portal coordinate follow from it.
-void meshBox(srMeshModel* mesh, srVector3T<float>& mins, srVector3T<float>& maxs)
-{
-    const srVector3i* tris = mesh->getPolyVertex();
-    const srVector3T<float>* verts = mesh->getVertexLoc();
-    bool first = true;
-    for (long i = 0; tris && verts && i < mesh->m_numpolys; ++i)
-    {
-        for (int k = 0; k < 3; ++k)
-        {
-            const srVector3T<float>& p = verts[tris[i][k]];
-            if (first)
-            {
-                mins = maxs = p;
-                first = false;
-                continue;
-            }
-            for (int a = 0; a < 3; ++a)
-            {
-                if (p[a] < mins[a])
-                    mins[a] = p[a];
-                if (p[a] > maxs[a])
-                    maxs[a] = p[a];
-            }
-        }
-    }
-    if (first)
-        mins = maxs = srVector3T<float>(0, 0, 0);
-}
-
 // The portal mesh holds the only references to the materials the portalizer made, and
 // the library never releases them; a tool that runs once can.
 void releasePortalMaterials()
@@ -91,7 +59,7 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, Result& result,
     result.numEmptyLeafs = generator.m_numEmptyLeafs;
     result.numLinkedFaces = generator.m_numLinkedFaces;
 
-    meshBox(mesh, head->m_mins, head->m_maxs);
+    mesh->usedVertexBounds(head->m_mins, head->m_maxs);
 
     bool ok = true;
     {

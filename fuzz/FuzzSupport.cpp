@@ -98,33 +98,6 @@ void queryPair(const mrClipBSP& bsp, const srVector3T<float>& a, const srVector3
         FuzzSupport::fail("the same trace gave two different answers");
 }
 
-// The box of the vertices the triangles use, as the tool gives the head node.
-void meshBox(srMeshModel* mesh, srVector3T<float>& mins, srVector3T<float>& maxs)
-{
-    const srVector3i* tris = mesh->getPolyVertex();
-    const srVector3T<float>* verts = mesh->getVertexLoc();
-    bool first = true;
-    for (long i = 0; tris && verts && i < mesh->m_numpolys; ++i)
-        for (int k = 0; k < 3; ++k)
-        {
-            const srVector3T<float>& p = verts[tris[i][k]];
-            if (first)
-            {
-                mins = maxs = p;
-                first = false;
-                continue;
-            }
-            for (int a = 0; a < 3; ++a)
-            {
-                if (p[a] < mins[a])
-                    mins[a] = p[a];
-                if (p[a] > maxs[a])
-                    maxs[a] = p[a];
-            }
-        }
-    if (first)
-        mins = maxs = srVector3T<float>(0, 0, 0);
-}
 } // namespace
 
 void FuzzSupport::start()
@@ -244,7 +217,7 @@ void FuzzSupport::runVisPipeline(srMeshModel* mesh, bool midSplit)
     mrBSPNode* head = generator.generate(surfaces, midSplit ? 1 : 0);
     if (!head)
         fail("generate returned no head node");
-    meshBox(mesh, head->m_mins, head->m_maxs);
+    mesh->usedVertexBounds(head->m_mins, head->m_maxs);
     {
         mrBSPPortalizer portalizer;
         portalizer.portalize(head);

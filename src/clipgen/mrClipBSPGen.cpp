@@ -299,6 +299,7 @@ private:
     static void unite(Bounds& b, const Bounds& o);
     void faceBounds(const Record& r, Bounds& b) const;
     void appendToBlock(Summary& s, const Record& r);
+    static void summarise(Summary& s, const Record& r, int i);
     static void restat(Summary& s);
     void appendRecord(List& l, const Record& r);
     void moveBlock(List& l, const Summary& s);
@@ -456,10 +457,8 @@ void mrClipBSPGen::Partitioner::faceBounds(const Record& r, Bounds& face) const
         }
 }
 
-void mrClipBSPGen::Partitioner::appendToBlock(Summary& s, const Record& r)
+void mrClipBSPGen::Partitioner::summarise(Summary& s, const Record& r, int i)
 {
-    const int i = s.count++;
-    s.block->f[i] = r;
     if (r.used == 0)
     {
         if (s.candidates++ == 0)
@@ -483,6 +482,13 @@ void mrClipBSPGen::Partitioner::appendToBlock(Summary& s, const Record& r)
             if (c > s.bmax[k])
                 s.bmax[k] = c;
         }
+}
+
+void mrClipBSPGen::Partitioner::appendToBlock(Summary& s, const Record& r)
+{
+    const int i = s.count++;
+    s.block->f[i] = r;
+    summarise(s, r, i);
 
     Bounds face;
     faceBounds(r, face);
@@ -508,31 +514,7 @@ void mrClipBSPGen::Partitioner::restat(Summary& s)
         s.bmax[k] = -inf;
     }
     for (int i = 0; i < s.count; ++i)
-    {
-        const Record& r = s.block->f[i];
-        if (r.used == 0)
-        {
-            if (s.candidates++ == 0)
-                s.firstCand = i;
-            s.lastCand = i;
-            if (r.measure != r.measure)
-                s.measureNaN = true;
-            if (!(r.measure > s.bestMeasure))
-            {
-                s.bestMeasure = r.measure;
-                s.bestIdx = i;
-            }
-        }
-        for (int j = 0; j < 3; ++j)
-            for (int k = 0; k < 3; ++k)
-            {
-                const float c = r.p[j][k];
-                if (c < s.bmin[k])
-                    s.bmin[k] = c;
-                if (c > s.bmax[k])
-                    s.bmax[k] = c;
-            }
-    }
+        summarise(s, s.block->f[i], i);
 }
 
 void mrClipBSPGen::Partitioner::appendRecord(List& l, const Record& r)

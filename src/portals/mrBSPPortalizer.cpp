@@ -20,6 +20,28 @@ mrDynamicArray<mrMaterial*> mrBSPPortalizer::m_materials;
 
 namespace
 {
+// Depth-first, front child first, with an explicit stack (any depth is safe): onSplit
+// for each split node, onLeaf for each leaf.
+template <class Split, class Leaf> void walkFrontFirst(mrBSPNode* node, Split onSplit, Leaf onLeaf)
+{
+    std::vector<mrBSPNode*> stack(1, node);
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        if (!n)
+            continue;
+        if (n->m_plane)
+        {
+            onSplit(n);
+            stack.push_back(n->m_children[1]);
+            stack.push_back(n->m_children[0]);
+            continue;
+        }
+        onLeaf(n);
+    }
+}
+
 const char* const SOURCE = "mrBSPPortalizer";
 const char* const PORTAL_FILE = "test.prt";
 // How far the outer portals stand off the head node's box.
@@ -599,62 +621,39 @@ bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
 
 void mrBSPPortalizer::numberLeafs_r(mrBSPNode* node)
 {
-    // Depth-first, front child first, with an explicit stack (any depth is safe).
-    std::vector<mrBSPNode*> stack;
-    stack.push_back(node);
-    while (!stack.empty())
-    {
-        mrBSPNode* n = stack.back();
-        stack.pop_back();
-        if (!n)
-            continue;
-        if (n->m_plane)
+    walkFrontFirst(
+        node, [](mrBSPNode* n) { n->m_leafnum = -99; },
+        [](mrBSPNode* n)
         {
-            n->m_leafnum = -99;
-            stack.push_back(n->m_children[1]);
-            stack.push_back(n->m_children[0]);
-            continue;
-        }
-        if (n->m_contents == 1)
-        {
-            n->m_leafnum = -1;
-            continue;
-        }
-        n->m_leafnum = m_num_visleafs++;
-        for (mrBSPPortal* p = n->m_portals; p;)
-        {
-            int side = sideOf(p, n);
-            if (side < 0)
-                break;
-            if (side == 0 && sameContents(p))
-                m_num_visportals++;
-            p = p->m_next[side];
-        }
-    }
+            if (n->m_contents == 1)
+            {
+                n->m_leafnum = -1;
+                return;
+            }
+            n->m_leafnum = m_num_visleafs++;
+            for (mrBSPPortal* p = n->m_portals; p;)
+            {
+                int side = sideOf(p, n);
+                if (side < 0)
+                    break;
+                if (side == 0 && sameContents(p))
+                    m_num_visportals++;
+                p = p->m_next[side];
+            }
+        });
 }
 
 void mrBSPPortalizer::writePortalFile_r(mrBSPNode* node)
 {
     if (!s_portalFile)
         return;
-    // Depth-first, front child first, with an explicit stack (any depth is safe).
-    std::vector<mrBSPNode*> stack;
-    stack.push_back(node);
-    while (!stack.empty())
-    {
-        mrBSPNode* n = stack.back();
-        stack.pop_back();
-        if (!n)
-            continue;
-        if (n->m_plane)
+    walkFrontFirst(
+        node, [](mrBSPNode*) {},
+        [](mrBSPNode* n)
         {
-            stack.push_back(n->m_children[1]);
-            stack.push_back(n->m_children[0]);
-            continue;
-        }
-        if (n->m_contents != 1)
-            writeLeafPortals(n);
-    }
+            if (n->m_contents != 1)
+                writeLeafPortals(n);
+        });
 }
 
 void mrBSPPortalizer::writeLeafPortals(mrBSPNode* node)
@@ -751,26 +750,15 @@ srMeshModel* mrBSPPortalizer::createMeshModel(mrBSPNode* head)
 
 void mrBSPPortalizer::createLeafPolys_r(mrBSPNode* node, srModeler& modeler)
 {
-    // Depth-first, front child first, with an explicit stack (any depth is safe). One
-    // work polygon serves the whole walk: it is reset before each use.
+    // One work polygon serves the whole walk: it is reset before each use.
     srModeler::Polygon poly(10);
-    std::vector<mrBSPNode*> stack;
-    stack.push_back(node);
-    while (!stack.empty())
-    {
-        mrBSPNode* n = stack.back();
-        stack.pop_back();
-        if (!n)
-            continue;
-        if (n->m_plane)
+    walkFrontFirst(
+        node, [](mrBSPNode*) {},
+        [&](mrBSPNode* n)
         {
-            stack.push_back(n->m_children[1]);
-            stack.push_back(n->m_children[0]);
-            continue;
-        }
-        if (n->m_contents != 1)
-            addLeafPolys(n, modeler, poly);
-    }
+            if (n->m_contents != 1)
+                addLeafPolys(n, modeler, poly);
+        });
 }
 
 void mrBSPPortalizer::addLeafPolys(mrBSPNode* node, srModeler& modeler, srModeler::Polygon& poly)

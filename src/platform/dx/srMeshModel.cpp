@@ -26,6 +26,32 @@ srMeshModel& srMeshModel::operator=(const srMeshModel& o)
 
 srMeshModel::~srMeshModel() = default;
 
+bool srMeshModel::usedVertexBounds(srVector3T<float>& mins, srVector3T<float>& maxs) const
+{
+    bool first = true;
+    for (long i = 0; i < m_numpolys && (size_t)i < m_polyVerts.size(); ++i)
+        for (int k = 0; k < 3; ++k)
+        {
+            const srVector3T<float>& p = m_verts[(size_t)m_polyVerts[(size_t)i][k]];
+            if (first)
+            {
+                mins = maxs = p;
+                first = false;
+                continue;
+            }
+            for (int a = 0; a < 3; ++a)
+            {
+                if (p[a] < mins[a])
+                    mins[a] = p[a];
+                if (p[a] > maxs[a])
+                    maxs[a] = p[a];
+            }
+        }
+    if (first)
+        mins = maxs = srVector3T<float>(0, 0, 0);
+    return !first;
+}
+
 void srMeshModel::applyMatrix(const srMatrix3T<float>& matrix)
 {
     for (srVector3T<float>& v : m_verts)

@@ -44,6 +44,10 @@ public:
     void relocateVertices(const srVector3T<float>& offset);
 
     // Building a mesh.
+    // The box of the vertices the triangles use (degenerate ones included), grown from the
+    // first such vertex in polygon order; false, and a zero box, when there are none. The
+    // visibility pipeline's head node takes this box, and every portal coordinate follows it.
+    bool usedVertexBounds(srVector3T<float>& mins, srVector3T<float>& maxs) const;
     long addVertex(const srVector3T<float>& p);
     long addPolygon(int i0, int i1, int i2);
     void setTexture(srTextureIFace* texture) { m_texture = srPtr<srTextureIFace>(texture); }
