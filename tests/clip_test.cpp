@@ -4,6 +4,8 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,14 +27,21 @@ using mtest::planeRecords;
 
 ClipPtr cube() { return clipBox(V(-16, -16, -16), V(16, 16, 16)); }
 
-Bytes fieldBytes(mrParamBlock& block, unsigned long id)
+// The address and size a byte array field hands out (the size starts at 99: the getter
+// must set it).
+std::pair<const void*, unsigned long> fieldPtr(mrParamBlock& block, unsigned long id)
 {
-    unsigned long size = 0;
-    unsigned char* p = block.getByteArrayPtrField(id, size);
-    return p ? Bytes(p, p + size) : Bytes();
+    unsigned long size = 99;
+    const void* p = block.getByteArrayPtrField(id, size);
+    return {p, size};
 }
 
 Bytes bytesOf(const void* p, size_t n) { return Bytes((const unsigned char*)p, (const unsigned char*)p + n); }
+Bytes fieldBytes(mrParamBlock& block, unsigned long id)
+{
+    std::pair<const void*, unsigned long> f = fieldPtr(block, id);
+    return f.first ? bytesOf(f.first, f.second) : Bytes();
+}
 
 // The six axis planes in box order (+x, -x, +y, -y, +z, -z) with the given distances.
 std::vector<mrPlane> axisPlanes(std::vector<float> d)
@@ -80,11 +89,17 @@ ClipPtr backOff()
 // ---------------------------------------------------------------------------------
 // Object, registry, copies
 
-TEST(ClipBSPObject, NewClipBSPIsEmptyAndItsSevenFieldsMirrorTheMembers)
+TEST(ClipBSPObject, NewClonedAndInstancedClipBSPsAreEmptyAndTheirSevenFieldsMirrorTheMembers)
 {
     mtest::AssertRecorder rec;
+    ClipPtr source = cube();
+    source->setContents(9);
+    srClass* base = source.get();
+    for (srClass* made : {static_cast<srClass*>(new mrClipBSP), base->vClone(), base->vInstance()})
     {
-        ClipPtr b = emptyClip();
+        ClipPtr b(dynamic_cast<mrClipBSP*>(made));
+        ASSERT_NE(b, nullptr);
+        EXPECT_NE(b.get(), source.get());
         EXPECT_EQ(b->m_numnodes + b->m_numplanes, 0u);
         EXPECT_EQ(b->m_nodes, nullptr);
         EXPECT_EQ(b->m_planes, nullptr);
@@ -102,16 +117,11 @@ TEST(ClipBSPObject, NewClipBSPIsEmptyAndItsSevenFieldsMirrorTheMembers)
         EXPECT_EQ(b->findField(0xF005u)->m_kind, mrParamBlock::FIELD_BYTEARRAYPTR);
         EXPECT_EQ(b->getDWordField(0xF001), 1u);
         EXPECT_EQ(b->getDWordField(0xF004) + b->getDWordField(0xF006), 0u);
-        for (unsigned long id : {0xF005ul, 0xF007ul})
-        {
-            unsigned long size = 99;
-            EXPECT_EQ(b->getByteArrayPtrField(id, size), nullptr);
-            EXPECT_EQ(size, 0u);
-        }
+        EXPECT_EQ(fieldPtr(*b, 0xF005), std::make_pair((const void*)nullptr, 0ul));
+        EXPECT_EQ(fieldPtr(*b, 0xF007), std::make_pair((const void*)nullptr, 0ul));
         EXPECT_EQ(b->numDependants(), 1u); // the self-reference
         // setContents does not publish; values set from outside reach the members.
         b->setContents(7);
-        EXPECT_EQ(b->getContents(), 7u);
         EXPECT_EQ(b->getDWordField(0xF001), 1u);
         b->setDWordField(0xF001, 5);
         b->setVector3Field(0xF002, V(1, 2, 3));
@@ -145,40 +155,22 @@ TEST(ClipBSPObject, ClassEntersRegistryWithFirstInstance)
     EXPECT_EQ(reg.numInstances(0x60000), 0u);
 }
 
-TEST(ClipBSPObject, InstanceAndCloneAreNewEmptyClipBSPs)
-{
-    ClipPtr b = cube();
-    b->setContents(9);
-    srClass* base = b.get();
-    for (srClass* made : {base->vClone(), base->vInstance()})
-    {
-        ClipPtr c(dynamic_cast<mrClipBSP*>(made));
-        ASSERT_NE(c, nullptr);
-        EXPECT_NE(c.get(), b.get());
-        EXPECT_EQ(c->m_numnodes, 0u);
-        EXPECT_EQ(c->m_nodes, nullptr);
-        EXPECT_EQ(c->getContents(), 1u);
-    }
-}
-
 TEST(ClipBSPObject, DestructionReportsArraysWithoutCountsAndStillReleasesThem)
 {
     mtest::AssertRecorder rec;
-    {
-        ClipPtr b = clipBox(V(-1, -1, -1), V(1, 1, 1));
-        b->m_numnodes = 0;
-        b->m_numplanes = 0;
-    }
+    ClipPtr b = clipBox(V(-1, -1, -1), V(1, 1, 1));
+    b->m_numnodes = 0;
+    b->m_numplanes = 0;
+    b.reset();
     rec.expect({{"m_numnodes", "mrClipBSP", 33, nullptr}, {"m_numplanes", "mrClipBSP", 38, nullptr}});
 
     // An array set through its field without a count is reported the same way.
     rec.clear();
-    {
-        std::vector<mrClipNode> nodes = boxNodes();
-        ClipPtr b = emptyClip();
-        b->setByteArrayPtrField(0xF005, reinterpret_cast<unsigned char*>(nodes.data()), 72);
-        EXPECT_EQ(b->m_numnodes, 0u);
-    }
+    std::vector<mrClipNode> nodes = boxNodes();
+    b = emptyClip();
+    b->setByteArrayPtrField(0xF005, reinterpret_cast<unsigned char*>(nodes.data()), 72);
+    EXPECT_EQ(b->m_numnodes, 0u);
+    b.reset();
     rec.expect({{"m_numnodes", "mrClipBSP", 33, nullptr}});
 }
 
@@ -198,9 +190,7 @@ TEST(ClipBSPObject, CopiesOwnTheirArraysAndTheirFields)
         EXPECT_EQ(c->m_maxs, V(32, 32, 32));
         ASSERT_EQ(c->m_numnodes, 6u);
         EXPECT_EQ(bytesOf(c->m_nodes, 72), nodes);
-        unsigned long size = 0;
-        EXPECT_EQ(c->getByteArrayPtrField(0xF005, size), reinterpret_cast<unsigned char*>(c->m_nodes));
-        EXPECT_EQ(size, 72u);
+        EXPECT_EQ(fieldPtr(*c, 0xF005), std::make_pair((const void*)c->m_nodes, 72ul));
         EXPECT_EQ(fieldBytes(*c, 0xF007), planes);
         EXPECT_EQ(c->pointInfo(0, V(0, 0, 0)), -2);
         EXPECT_EQ(c->pointInfo(0, V(20, 0, 0)), -1);
@@ -260,9 +250,7 @@ TEST(ClipBSPFields, RefreshPublishesRecordsOfTwelveAndTwentyBytesIntoTheGivenBlo
     EXPECT_EQ(b->getDWordField(0xF004), 6u);
     EXPECT_EQ(b->getDWordField(0xF006), 6u);
     EXPECT_EQ(b->getVector3Field(0xF002), V(-32, -32, -32));
-    unsigned long size = 0;
-    EXPECT_EQ(b->getByteArrayPtrField(0xF005, size), reinterpret_cast<unsigned char*>(b->m_nodes));
-    EXPECT_EQ(size, 72u);
+    EXPECT_EQ(fieldPtr(*b, 0xF005), std::make_pair((const void*)b->m_nodes, 72ul));
     Bytes planes = fieldBytes(*b, 0xF007);
     ASSERT_EQ(planes.size(), 120u);
     const unsigned char plane1[20] = {0, 0, 0, 0, 0, 0, 0x80, 0xBF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x41};
@@ -278,9 +266,17 @@ TEST(ClipBSPFields, RefreshPublishesRecordsOfTwelveAndTwentyBytesIntoTheGivenBlo
     EXPECT_EQ(c->pointInfo(0, V(0, 0, 0)), -2);
 }
 
-TEST(ClipBSPFields, RefreshingBitMakesNotificationsNoOps)
+TEST(ClipBSPFields, UnknownNotificationsWriteALineAndTheRefreshingBitMakesThemNoOps)
 {
+    mtest::LogCapture log;
     ClipPtr b = emptyClip();
+    // Any message other than "changed" (the enumeration only names one other value) writes
+    // one line; an ID outside the seven fields is ignored quietly.
+    EXPECT_EQ(b->notifyRefChanged(REFMSG_TARGET_DELETED, 0xF001, b.get(), 0, 1), REF_SUCCEED);
+    EXPECT_EQ(b->notifyRefChanged(REFMSG_CHANGE, 0xF008, b.get(), 0, 1), REF_SUCCEED);
+    EXPECT_EQ(log.text(), "Unknown notification\n");
+    EXPECT_EQ(b->getContents(), 1u);
+
     b->m_flags |= 1u;
     b->setDWordField(0xF001, 9);
     b->refreshInstance(nullptr);
@@ -288,18 +284,6 @@ TEST(ClipBSPFields, RefreshingBitMakesNotificationsNoOps)
     b->m_flags &= ~1u;
     b->refreshInstance(nullptr);
     EXPECT_EQ(b->getContents(), 9u);
-}
-
-TEST(ClipBSPFields, UnknownNotificationWritesOneLine)
-{
-    mtest::LogCapture log;
-    ClipPtr b = emptyClip();
-    // Any message other than "changed" (the enumeration only names one other value).
-    EXPECT_EQ(b->notifyRefChanged(REFMSG_TARGET_DELETED, 0xF001, b.get(), 0, 1), REF_SUCCEED);
-    // An ID outside the seven fields is ignored quietly.
-    EXPECT_EQ(b->notifyRefChanged(REFMSG_CHANGE, 0xF008, b.get(), 0, 1), REF_SUCCEED);
-    EXPECT_EQ(log.text(), "Unknown notification\n");
-    EXPECT_EQ(b->getContents(), 1u);
 }
 
 TEST(ClipBSPFields, PublishedArraysChangeOnlyWithARefresh)
@@ -317,9 +301,7 @@ TEST(ClipBSPFields, PublishedArraysChangeOnlyWithARefresh)
     EXPECT_EQ(b->m_numnodes, 9u);
     b->refreshPBlock(nullptr);
     EXPECT_EQ(b->getDWordField(0xF004), 9u);
-    unsigned long size = 0;
-    EXPECT_EQ(b->getByteArrayPtrField(0xF005, size), reinterpret_cast<unsigned char*>(b->m_nodes));
-    EXPECT_EQ(size, 72u);
+    EXPECT_EQ(fieldPtr(*b, 0xF005), std::make_pair((const void*)b->m_nodes, 72ul));
     EXPECT_EQ(fieldBytes(*b, 0xF007).size(), 120u);
     b->setDWordField(0xF004, 6);
     b->setDWordField(0xF006, 6);
@@ -330,37 +312,25 @@ TEST(ClipBSPFields, PublishedArraysChangeOnlyWithARefresh)
 
 TEST(ClipBSPQueries, PointInfo)
 {
-    struct Case
-    {
-        ClipPtr (*tree)();
-        int node;
-        V point;
-        int contents;
-    } cases[] = {
+    const std::tuple<ClipPtr (*)(), int, V, int> cases[] = {
         {cube, 0, V(0, 0, 0), -2},           {cube, 0, V(16, 0, 0), -1}, // on a plane is in front of it
         {cube, 0, V(16.5f, 0, 0), -1},       {cube, 0, V(20, 0, 0), -1},
         {cube, -1, V(0, 0, 0), -1}, // a leaf value comes back at once
         {cube, -3, V(50, 0, 0), -3},         {sumOrder, 0, V(1, 1, 1), -1},
         {markedBehindX, 0, V(-1, 0, 0), -3}, {emptyClip, 0, V(0, 0, 0), -1}, // no nodes: empty space
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(c.tree()->pointInfo(c.node, c.point), c.contents) << &c - cases;
+    for (const auto& c : cases)
+    {
+        const auto& [tree, node, point, contents] = c;
+        EXPECT_EQ(tree()->pointInfo(node, point), contents) << &c - cases;
+    }
 }
 
 TEST(ClipBSPQueries, TracesFillTheWholeRecord)
 {
-    struct Case
-    {
-        ClipPtr (*tree)();
-        V start, end;
-        int result;
-        float fraction;
-        V endPos;
-        int allSolid, startSolid, inOpen;
-        V planeNormal; // (0, 0, 0) and distance 0: left as the caller gave them
-        float planeDist;
-        int endContents;
-    } cases[] = {
+    // tree, start, end, result, fraction, end point, all solid, start solid, in open, plane
+    // normal and distance ((0, 0, 0) and 0: left as the caller gave them), end contents.
+    const std::tuple<ClipPtr (*)(), V, V, int, float, V, int, int, int, V, float, int> cases[] = {
         // Clear, stopped short of the -x face at (16 - 0.03225) / 32, starting in solid.
         {cube, V(-32, 0, 0), V(-20, 0, 0), 1, 1.0f, V(-20, 0, 0), 0, 0, 1, V(0, 0, 0), 0, -1},
         {cube, V(-32, 0, 0), V(0, 0, 0), 0, 0x1.fef7cep-2f, V(-0x1.008418p+4f, 0, 0), 0, 0, 1, V(-1, 0, 0), 16, -1},
@@ -386,40 +356,34 @@ TEST(ClipBSPQueries, TracesFillTheWholeRecord)
         // trace keeps the point of the previous pass, inside the slice.
         {backOff, V(1, 0, 0), V(-1, 0, 0), 0, 0x1.fed916p-2f, V(0x1.26e99p-9f, 0, 0), 0, 0, 1, V(1, 0, 0), -0.03f, -2},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
     {
         SCOPED_TRACE(&c - cases);
-        ClipPtr b = c.tree();
+        const auto& [tree, start, end, result, fraction, endPos, allSolid, startSolid, inOpen, normal, dist,
+                     endContents] = c;
+        ClipPtr b = tree();
         mrTrace t;
         t.m_reservedFlag = 77;
-        EXPECT_EQ(b->checkCollision(c.start, c.end, t), c.result);
-        EXPECT_EQ(t.m_fraction, c.fraction);
-        EXPECT_EQ(t.m_endPos, c.endPos);
-        EXPECT_EQ(t.m_allSolid, c.allSolid);
-        EXPECT_EQ(t.m_startSolid, c.startSolid);
-        EXPECT_EQ(t.m_inOpen, c.inOpen);
-        EXPECT_EQ(t.m_planeNormal, c.planeNormal);
-        EXPECT_EQ(t.m_planeDist, c.planeDist);
-        EXPECT_EQ(t.m_reservedFlag, 77);
-        EXPECT_EQ(b->pointInfo(0, t.m_endPos), c.endContents);
+        EXPECT_EQ(b->checkCollision(start, end, t), result);
+        EXPECT_EQ(t.m_fraction, fraction);
+        EXPECT_EQ(t.m_endPos, endPos);
+        EXPECT_EQ(std::make_tuple(t.m_allSolid, t.m_startSolid, t.m_inOpen, t.m_reservedFlag),
+                  std::make_tuple(allSolid, startSolid, inOpen, 77));
+        EXPECT_EQ(t.m_planeNormal, normal);
+        EXPECT_EQ(t.m_planeDist, dist);
+        EXPECT_EQ(b->pointInfo(0, t.m_endPos), endContents);
     }
 }
 
-TEST(ClipBSPQueries, TraceMayUseItsOwnEndPointAsStart)
+TEST(ClipBSPQueries, TraceMayStartAtItsOwnEndPointAndNonFinitePointsEndTheQuery)
 {
     ClipPtr b = cube();
     mrTrace t;
     t.m_endPos = V(-32, 0, 0);
     EXPECT_EQ(b->checkCollision(t.m_endPos, V(0, 0, 0), t), 0);
     EXPECT_EQ(t.m_fraction, 0x1.fef7cep-2f);
-}
 
-TEST(ClipBSPQueries, NonFinitePointsEndTheQuery)
-{
-    ClipPtr b = cube();
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float inf = std::numeric_limits<float>::infinity();
-    mrTrace t;
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     EXPECT_EQ(b->checkCollision(V(-32, 0, 0), V(nan, 0, 0), t), 0);
     EXPECT_EQ(b->checkCollision(V(-inf, 0, 0), V(inf, 0, 0), t), 0);
     b->pointInfo(0, V(nan, nan, nan));
@@ -428,7 +392,7 @@ TEST(ClipBSPQueries, NonFinitePointsEndTheQuery)
 // ---------------------------------------------------------------------------------
 // Box operations
 
-TEST(ClipBSPBoxes, CubeHasTheSixPlanesNodesAndBounds)
+TEST(ClipBSPBoxes, MakeFromBBoxBuildsTheSixPlaneChainInsidePaddedBounds)
 {
     ClipPtr b = cube();
     ASSERT_EQ(b->m_numplanes, 6u);
@@ -444,18 +408,15 @@ TEST(ClipBSPBoxes, CubeHasTheSixPlanesNodesAndBounds)
     EXPECT_EQ(bytesOf(b->m_nodes, 72), nodeRecords(boxNodes()));
     expectPlanes(*b, cubePlanes());
     EXPECT_EQ(b->m_maxs, V(32, 32, 32));
-}
 
-TEST(ClipBSPBoxes, OffCentreBox)
-{
-    ClipPtr b = clipBox(V(0, 0, 0), V(10, 20, 30));
-    EXPECT_EQ(b->pointInfo(0, V(5, 5, 5)), -2);
-    EXPECT_EQ(b->pointInfo(0, V(-1, 5, 5)), -1);
-    EXPECT_EQ(b->m_mins, V(-16, -16, -16));
-    EXPECT_EQ(b->m_maxs, V(26, 36, 46));
+    ClipPtr off = clipBox(V(0, 0, 0), V(10, 20, 30));
+    EXPECT_EQ(off->pointInfo(0, V(5, 5, 5)), -2);
+    EXPECT_EQ(off->pointInfo(0, V(-1, 5, 5)), -1);
+    EXPECT_EQ(off->m_mins, V(-16, -16, -16));
+    EXPECT_EQ(off->m_maxs, V(26, 36, 46));
     // Rebuilding releases the old arrays (the leak checker watches) and starts afresh.
-    b->makeFromBBox(V(-1, -1, -1), V(1, 1, 1));
-    EXPECT_EQ(b->pointInfo(0, V(5, 5, 5)), -1);
+    off->makeFromBBox(V(-1, -1, -1), V(1, 1, 1));
+    EXPECT_EQ(off->pointInfo(0, V(5, 5, 5)), -1);
 }
 
 TEST(ClipBSPBoxes, SetFromBBoxMovesThePlanes)
@@ -469,33 +430,30 @@ TEST(ClipBSPBoxes, SetFromBBoxMovesThePlanes)
     EXPECT_EQ(b->pointInfo(0, V(105, 5, 5)), -2);
     EXPECT_EQ(b->m_mins, V(84, -16, -16));
     EXPECT_EQ(b->m_maxs, V(126, 26, 26));
-}
 
-TEST(ClipBSPBoxes, SetFromBBoxExtTurnsTheCornersOnly)
-{
-    ClipPtr b = cube();
+    // The extended form turns the corners only.
     V mins(-1, -2, -3), maxs(1, 2, 3), origin(10, 0, 0);
     srMatrix3T<float> m(0, 1, 0, -1, 0, 0, 0, 0, 1);
-    b->setFromBBoxExt(mins, maxs, origin, m);
+    ClipPtr c = cube();
+    c->setFromBBoxExt(mins, maxs, origin, m);
     EXPECT_EQ(mins, V(8, -1, -3));
     EXPECT_EQ(maxs, V(12, 1, 3));
-    expectPlanes(*b, axisPlanes({12, -8, 1, 1, 3, 3}));
-    EXPECT_EQ(b->m_mins, V(-9992, -10001, -10003));
-    EXPECT_EQ(b->m_maxs, V(10012, 10001, 10003));
-    EXPECT_EQ(b->pointInfo(0, V(10, 0, 0)), -2);
+    expectPlanes(*c, axisPlanes({12, -8, 1, 1, 3, 3}));
+    EXPECT_EQ(c->m_mins, V(-9992, -10001, -10003));
+    EXPECT_EQ(c->m_maxs, V(10012, 10001, 10003));
+    EXPECT_EQ(c->pointInfo(0, V(10, 0, 0)), -2);
 }
 
 TEST(ClipBSPBoxes, RotateStartsFromTheAxesEachTime)
 {
     ClipPtr b = cube();
-    srMatrix3T<float> identity;
+    srMatrix3T<float> identity, quarter(0, 1, 0, -1, 0, 0, 0, 0, 1);
     b->rotate(identity);
     expectPlanes(*b, axisPlanes({32, 32, 32, 32, 32, 32}));
     EXPECT_EQ(b->pointInfo(0, V(31, 0, 0)), -2) << "the solid box is now the bounds box";
 
     // A quarter turn about z on a box that is not a cube; twice gives the same planes.
     ClipPtr c = clipBox(V(0, 0, 0), V(10, 20, 30)); // bounds (-16,-16,-16)..(26,36,46)
-    srMatrix3T<float> quarter(0, 1, 0, -1, 0, 0, 0, 0, 1);
     for (int pass = 0; pass < 2; ++pass)
     {
         c->rotate(quarter);
@@ -547,12 +505,8 @@ TEST(ClipBSPValidate, RejectsBrokenTreesAndCountsThatDisagreeWithTheArrays)
         return clipTree({mrPlane(1, 0, 0, 0), mrPlane(0, 1, 0, 0), mrPlane(0, 0, 1, 0)},
                         {clipNode(0, 1, 2), clipNode(1, -1, -2), clipNode(2, -1, -2)});
     };
-    struct Case
-    {
-        ClipPtr (*tree)();
-        void (*breakIt)(mrClipBSP&);
-        const char* error;
-    } cases[] = {
+    typedef void (*Breaker)(mrClipBSP&);
+    const std::tuple<ClipPtr (*)(), Breaker, const char*> cases[] = {
         {threeNodes, [](mrClipBSP& b) { b.m_nodes[2].planeIndex = 9; },
          "node 2: plane index 9 out of range (3 planes)"},
         {threeNodes, [](mrClipBSP& b) { b.m_nodes[0].planeIndex = -1; },
@@ -572,16 +526,16 @@ TEST(ClipBSPValidate, RejectsBrokenTreesAndCountsThatDisagreeWithTheArrays)
         {unitBox, [](mrClipBSP& b) { b.m_numnodes = 0; }, "node array set but node count is 0"},
         {unitBox, [](mrClipBSP& b) { b.m_numplanes = 0; }, "plane array set but plane count is 0"},
     };
-    for (const Case& c : cases)
+    for (const auto& [tree, breakIt, message] : cases)
     {
-        ClipPtr b = c.tree();
+        ClipPtr b = tree();
         std::string error = "untouched";
         EXPECT_TRUE(b->validate(&error));
         EXPECT_EQ(error, "untouched");
         uint32_t nodes = b->m_numnodes, planes = b->m_numplanes;
-        c.breakIt(*b);
+        breakIt(*b);
         EXPECT_FALSE(b->validate(&error));
-        EXPECT_EQ(error, c.error);
+        EXPECT_EQ(error, message);
         EXPECT_FALSE(b->validate(nullptr));
         b->m_numnodes = nodes;
         b->m_numplanes = planes;

@@ -124,8 +124,7 @@ struct Poly
         D3 dir = {0.5773502, 0.6180339, 0.5330874};
         int n = 0;
         for (size_t i = 0; i < a.size(); ++i)
-            if (hit(i, d3(p), dir) > 0)
-                ++n;
+            n += hit(i, d3(p), dir) > 0;
         return n % 2 == 1;
     }
 
@@ -165,42 +164,29 @@ struct Poly
     }
 };
 
-// A closed, outward-facing torus around the z axis (not convex, so faces get cut).
-void addTorus(srMeshModel& mesh, float R, float r, int nu, int nv)
-{
-    long base = mesh.getNumVerts();
-    for (int i = 0; i < nu; ++i)
-        for (int j = 0; j < nv; ++j)
-        {
-            double u = 2 * kPi * i / nu, v = 2 * kPi * j / nv;
-            mesh.addVertex(V((float)((R + r * std::cos(v)) * std::cos(u)), (float)((R + r * std::cos(v)) * std::sin(u)),
-                             (float)(r * std::sin(v))));
-        }
-    auto idx = [&](int i, int j) { return (int)base + ((i % nu) * nv + (j % nv)); };
-    for (int i = 0; i < nu; ++i)
-        for (int j = 0; j < nv; ++j)
-        {
-            mesh.addPolygon(idx(i, j), idx(i + 1, j), idx(i + 1, j + 1));
-            mesh.addPolygon(idx(i, j), idx(i + 1, j + 1), idx(i, j + 1));
-        }
-}
-
-// Random points in a box, keeping those farther than `margin` from the surface; each one's
-// expected answer comes from the brute-force test.
-void expectPointsMatch(const mrClipBSP& bsp, const Poly& poly, float extent, int count, unsigned seed)
+// `count` random points in [-extent, extent]^3 farther than 0.01 from the surface.
+std::vector<V> pointsOffSurface(const Poly& poly, float extent, int count, unsigned seed)
 {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(-extent, extent);
-    int checked = 0, inside = 0;
-    while (checked < count)
+    std::vector<V> out;
+    while ((int)out.size() < count)
     {
         V p(u(rng), u(rng), u(rng));
-        if (poly.distance(p) <= 0.01)
-            continue;
+        if (poly.distance(p) > 0.01)
+            out.push_back(p);
+    }
+    return out;
+}
+
+// Each point's expected answer comes from the brute-force test.
+void expectPointsMatch(const mrClipBSP& bsp, const Poly& poly, float extent, int count, unsigned seed)
+{
+    int inside = 0;
+    for (const V& p : pointsOffSurface(poly, extent, count, seed))
+    {
         bool in = poly.inside(p);
-        int c = bsp.pointInfo(0, p);
-        ASSERT_EQ(in ? -2 : -1, c) << "at " << p.x << ", " << p.y << ", " << p.z;
-        ++checked;
+        ASSERT_EQ(in ? -2 : -1, bsp.pointInfo(0, p)) << "at " << p.x << ", " << p.y << ", " << p.z;
         inside += in;
     }
     EXPECT_GT(inside, count / 20);
@@ -252,15 +238,14 @@ TEST(ClipGenRecords, FindContentsMarksOnlyTheTwoExactNames)
 {
     mrClipBSPGen gen;
     EXPECT_EQ(-2, gen.findContents(nullptr));
-    for (const char* name : {"Q47ROADOT.TGA", "NERDSTRP.TGA"})
+    const std::pair<const char*, int> names[] = {
+        {"Q47ROADOT.TGA", -3}, {"NERDSTRP.TGA", -3}, {"q47roadot.tga", -2}, {"Nerdstrp.TGA", -2},
+        {"NERDSTRP.TGA ", -2}, {"NERDSTRP", -2},     {"Q47ROADOT", -2},     {"", -2},
+        {"WALL.TGA", -2}};
+    for (const auto& n : names)
     {
-        Tex t(name);
-        EXPECT_EQ(-3, gen.findContents(t.p)) << name;
-    }
-    for (const char* name : {"q47roadot.tga", "Nerdstrp.TGA", "NERDSTRP.TGA ", "NERDSTRP", "Q47ROADOT", "", "WALL.TGA"})
-    {
-        Tex t(name);
-        EXPECT_EQ(-2, gen.findContents(t.p)) << name;
+        Tex t(n.first);
+        EXPECT_EQ(n.second, gen.findContents(t.p)) << n.first;
     }
 }
 
@@ -321,10 +306,8 @@ TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
     addTriangle(tri, V(1, 0, 0), V(0, 1, 0), V(0, 0, 1));
     mrClipBSPGen moved;
     BSPPtr m = import(moved, tri, V(10, 20, 30), srMatrix3T<float>(0, 1, 0, -1, 0, 0, 0, 0, 1));
-    const mrFace* f = moved.m_faces[0];
-    EXPECT_EQ(f->m_points[0], V(10, 21, 30));
-    EXPECT_EQ(f->m_points[1], V(9, 20, 30));
-    EXPECT_EQ(f->m_points[2], V(10, 20, 31));
+    const V* points = moved.m_faces[0]->m_points;
+    EXPECT_EQ(std::vector<V>(points, points + 3), (std::vector<V>{V(10, 21, 30), V(9, 20, 30), V(10, 20, 31)}));
     EXPECT_EQ(tri.getVertexLoc()[0], V(1, 0, 0));
     EXPECT_EQ(m->m_mins, V(8, 19, 29));
 }
@@ -428,12 +411,7 @@ TEST(ClipGenTree, EqualPlanesInDifferentSubtreesUseTheLastIndex)
     BSPPtr bsp = import(gen, mesh);
     ASSERT_EQ(gen.m_planes[0].m_normal, gen.m_planes[2].m_normal);
     ASSERT_EQ(gen.m_planes[0].m_dist, gen.m_planes[2].m_dist);
-    ASSERT_EQ(3u, bsp->m_numnodes);
-    const int planes[3] = {1, 2, 2};
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(planes[i], bsp->m_nodes[i].planeIndex) << i;
-    EXPECT_EQ(1, bsp->m_nodes[0].child[0]);
-    EXPECT_EQ(2, bsp->m_nodes[0].child[1]);
+    EXPECT_EQ(nodesOf(*bsp), (std::vector<int>{1, 1, 2, 2, -1, -1, 2, -1, -2}));
 }
 
 // ---- splitFace ----
@@ -500,6 +478,7 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
         EXPECT_TRUE(piece->m_plane == V4(0, 0, 1, 0));
     }
 }
+
 TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
 {
     // On x = 0 the interpolated x of the edge from 6.7 to -2.1 comes out as -2^-50.
@@ -691,7 +670,7 @@ TEST(ClipGenEndToEnd, ClosedMeshesAnswerPointsAndTracesLikeTheReference)
          V(0.25f, 0, 1), 12, 300, 0},
         {"sphere", [](srMeshModel& m) { mtest::addSphere(m, V(1, -2, 0.5f), 5, 3); }, 7, 1500, V(1, -2, 0.5f), 20, 200,
          512},
-        {"torus", [](srMeshModel& m) { addTorus(m, 4, 1.5f, 16, 8); }, 6, 2000, V(), 0, 0, 0},
+        {"torus", [](srMeshModel& m) { mtest::addTorus(m, 4, 1.5f, 16, 8); }, 6, 2000, V(), 0, 0, 0},
     };
     unsigned seed = 1;
     for (const Case& c : cases)
@@ -716,7 +695,7 @@ TEST(ClipGenEndToEnd, ClosedMeshesAnswerPointsAndTracesLikeTheReference)
 TEST(ClipGenEndToEnd, MovedMeshAnswersLikeTheMovedPoints)
 {
     srMeshModel mesh;
-    addTorus(mesh, 4, 1.5f, 12, 8);
+    mtest::addTorus(mesh, 4, 1.5f, 12, 8);
     // Rotation by 0.7 rad about the unit axis (1, 2, 3)/sqrt(14).
     double ax = 1 / std::sqrt(14.0), ay = 2 / std::sqrt(14.0), az = 3 / std::sqrt(14.0);
     double c = std::cos(0.7), s = std::sin(0.7), k = 1 - c;
@@ -730,20 +709,13 @@ TEST(ClipGenEndToEnd, MovedMeshAnswersLikeTheMovedPoints)
     BSPPtr moved = import(movedGen, mesh, offset, rot);
     EXPECT_GT(gen.m_allfaces.size(), gen.m_faces.size()); // faces were cut
     Poly poly(mesh);
-    std::mt19937 rng(6);
-    std::uniform_real_distribution<float> u(-6, 6);
-    int checked = 0, solid = 0;
-    while (checked < 1000)
+    int solid = 0;
+    for (const V& p : pointsOffSurface(poly, 6, 1000, 6))
     {
-        V p(u(rng), u(rng), u(rng));
-        if (poly.distance(p) <= 0.01)
-            continue;
         V q = rot.transform(p);
-        q = V(q.x + offset.x, q.y + offset.y, q.z + offset.z);
         int expected = bsp->pointInfo(0, p);
-        ASSERT_EQ(expected, moved->pointInfo(0, q));
+        ASSERT_EQ(expected, moved->pointInfo(0, V(q.x + offset.x, q.y + offset.y, q.z + offset.z)));
         solid += expected != -1;
-        ++checked;
     }
     EXPECT_GT(solid, 20);
     EXPECT_TRUE(moved->m_mins.x > 3);

@@ -7,84 +7,23 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include "clip/mrClipBSP.h"
 #include "clipgen/mrClipBSPGen.h"
-#include "io/mrClipBSPIOHandler.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrIOManager.h"
 #include "platform/dx/srTexture.h"
 #include "support/TestSupport.h"
 
 namespace
 {
 typedef srVector3T<float> V;
-const unsigned long kClipClass = 0x60000;
-
-class CoreEnvironment : public ::testing::Environment
-{
-public:
-    void SetUp() override
-    {
-        mrCore::initialize();
-        mrIOManager* io = mrCore::instance().getIOManager();
-        if (!io->getHandler(kClipClass))
-            io->registerHandler(new mrClipBSPIOHandler);
-    }
-};
-::testing::Environment* const g_environment = ::testing::AddGlobalTestEnvironment(new CoreEnvironment);
-
-mrIOManager& manager() { return *mrCore::instance().getIOManager(); }
-
-// Releases a clip BSP (its destructor is protected).
-struct BSPHolder
-{
-    mrClipBSP* p = nullptr;
-    explicit BSPHolder(mrClipBSP* b) : p(b) {}
-    ~BSPHolder()
-    {
-        if (p)
-            p->release();
-    }
-    BSPHolder(const BSPHolder&) = delete;
-    BSPHolder& operator=(const BSPHolder&) = delete;
-};
+using mtest::ClipPtr;
 
 // ---------------------------------------------------------------------------------------
 // Meshes
-
-void addTri(srMeshModel& mesh, V a, V b, V c)
-{
-    int i = (int)mesh.addVertex(a);
-    mesh.addVertex(b);
-    mesh.addVertex(c);
-    mesh.addPolygon(i, i + 1, i + 2);
-}
-
-// An outward-facing torus around z: concave, so splitters cut many faces.
-void addTorus(srMeshModel& mesh, float major, float minor, int nu, int nv)
-{
-    const double kTwoPi = 6.283185307179586;
-    int base = (int)mesh.getNumVerts();
-    for (int i = 0; i < nu; ++i)
-        for (int j = 0; j < nv; ++j)
-        {
-            double u = kTwoPi * i / nu, v = kTwoPi * j / nv;
-            double r = major + minor * std::cos(v);
-            mesh.addVertex(V((float)(r * std::cos(u)), (float)(r * std::sin(u)), (float)(minor * std::sin(v))));
-        }
-    auto at = [&](int i, int j) { return base + (i % nu) * nv + (j % nv); };
-    for (int i = 0; i < nu; ++i)
-        for (int j = 0; j < nv; ++j)
-        {
-            mesh.addPolygon(at(i, j), at(i + 1, j), at(i + 1, j + 1));
-            mesh.addPolygon(at(i, j), at(i + 1, j + 1), at(i, j + 1));
-        }
-}
 
 // A cube plus what the generator must take as it comes: a duplicate triangle, a
 // coincident opposite-facing one, degenerate triangles (collinear, repeated point) and
@@ -95,36 +34,72 @@ void addAwkwardCube(srMeshModel& mesh)
     const srVector3i t = mesh.m_polyVerts[0];
     mesh.addPolygon(t.x, t.y, t.z);
     mesh.addPolygon(t.x, t.z, t.y);
-    addTri(mesh, V(0, 0, 0), V(1, 1, 1), V(2, 2, 2));
-    addTri(mesh, V(3, 1, 0), V(3, 1, 0), V(-2, 5, 1));
-    addTri(mesh, V(-12, -3, 1), V(11, -2, 2), V(0.5f, 13, -1.5f));
-    addTri(mesh, V(1, 2, 3), V(1.0001f, 2, 3), V(1, 2.0001f, 3.0001f));
+    mtest::addTriangle(mesh, V(0, 0, 0), V(1, 1, 1), V(2, 2, 2));
+    mtest::addTriangle(mesh, V(3, 1, 0), V(3, 1, 0), V(-2, 5, 1));
+    mtest::addTriangle(mesh, V(-12, -3, 1), V(11, -2, 2), V(0.5f, 13, -1.5f));
+    mtest::addTriangle(mesh, V(1, 2, 3), V(1.0001f, 2, 3), V(1, 2.0001f, 3.0001f));
 }
 
-// The two-room level with a pillar in each room and a marked texture on some walls.
-void addPillaredLevel(srMeshModel& mesh, srTexture* marked)
+struct Case
 {
-    mtest::addTwoRoomLevel(mesh);
-    mtest::addBox(mesh, V(24, 24, 0), V(40, 40, 48), true);
-    mtest::addBox(mesh, V(150, 10, 0), V(166, 20, 64), true);
-    for (long i = 0; i < mesh.m_numpolys; i += 5)
-        mesh.setPolyTexture(i, marked);
+    srMeshModel mesh;
+    V offset{0, 0, 0};
+    srMatrix3T<float> matrix;
+    ClipPtr import(mrClipBSPGen& gen) { return ClipPtr(gen.importMeshModel(&mesh, offset, matrix)); }
+};
+
+void buildCase(const std::string& name, Case& c, srTexture* marked)
+{
+    if (name == "cube")
+        mtest::addBox(c.mesh, V(-16, -16, -16), V(16, 16, 16), true);
+    else if (name == "sphere2")
+        mtest::addSphere(c.mesh, V(0, 0, 0), 50, 2);
+    else if (name == "sphere3")
+        mtest::addSphere(c.mesh, V(3, -2, 1), 100, 3);
+    else if (name == "sphere4")
+        mtest::addSphere(c.mesh, V(0, 0, 0), 200, 4);
+    else if (name == "twoRooms")
+        mtest::addTwoRoomLevel(c.mesh);
+    else if (name == "pillaredRooms")
+    {
+        // The two-room level with a pillar in each room and a marked texture on some walls.
+        mtest::addTwoRoomLevel(c.mesh);
+        mtest::addBox(c.mesh, V(24, 24, 0), V(40, 40, 48), true);
+        mtest::addBox(c.mesh, V(150, 10, 0), V(166, 20, 64), true);
+        for (long i = 0; i < c.mesh.m_numpolys; i += 5)
+            c.mesh.setPolyTexture(i, marked);
+    }
+    else if (name == "torus")
+        mtest::addTorus(c.mesh, 40, 12, 24, 12);
+    else if (name == "awkwardCube")
+        addAwkwardCube(c.mesh);
+    else if (name == "movedTorus")
+    {
+        mtest::addTorus(c.mesh, 30, 10, 16, 10);
+        mtest::addBox(c.mesh, V(-5, -5, -40), V(5, 5, 40), true);
+        c.mesh.setTexture(marked);
+        c.matrix = srMatrix3T<float>(0.8f, 0.6f, 0.1f, -0.6f, 0.8f, 0.0f, 0.05f, 0.2f, 1.3f);
+        c.offset = V(100.25f, -37.5f, 8.125f);
+    }
 }
+
+// A texture the generator marks, held for a test's lifetime.
+struct Marked
+{
+    srTexture* p = new srTexture("NERDSTRP.TGA");
+    ~Marked() { p->release(); }
+};
 
 // ---------------------------------------------------------------------------------------
 // Digests
 
-uint64_t fnvBytes(uint64_t h, const void* data, size_t n)
+template <class T> uint64_t fnvValue(uint64_t h, const T& v)
 {
-    const unsigned char* p = static_cast<const unsigned char*>(data);
-    for (size_t i = 0; i < n; ++i)
-    {
-        h ^= p[i];
-        h *= 1099511628211ull;
-    }
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(&v);
+    for (size_t i = 0; i < sizeof v; ++i)
+        h = (h ^ p[i]) * 1099511628211ull;
     return h;
 }
-template <class T> uint64_t fnvValue(uint64_t h, const T& v) { return fnvBytes(h, &v, sizeof v); }
 
 // Fixed-seed uniform floats, the same on every platform.
 struct Rng
@@ -143,31 +118,31 @@ V randomIn(Rng& r, const V& lo, const V& hi)
     return V(lo.x + (hi.x - lo.x) * a, lo.y + (hi.y - lo.y) * b, lo.z + (hi.z - lo.z) * c);
 }
 
+// The clip BSP's bounds grown by `share` of their size on every side.
+void grownBounds(const mrClipBSP& bsp, float share, V& lo, V& hi)
+{
+    lo = bsp.m_mins, hi = bsp.m_maxs;
+    V pad((hi.x - lo.x) * share, (hi.y - lo.y) * share, (hi.z - lo.z) * share);
+    lo = V(lo.x - pad.x, lo.y - pad.y, lo.z - pad.z);
+    hi = V(hi.x + pad.x, hi.y + pad.y, hi.z + pad.z);
+}
+
 uint64_t hashTrace(uint64_t h, int result, const mrTrace& t)
 {
-    h = fnvValue(h, result);
-    h = fnvValue(h, t.m_allSolid);
-    h = fnvValue(h, t.m_startSolid);
-    h = fnvValue(h, t.m_inOpen);
-    h = fnvValue(h, t.m_reservedFlag);
-    h = fnvValue(h, t.m_planeNormal.x);
-    h = fnvValue(h, t.m_planeNormal.y);
-    h = fnvValue(h, t.m_planeNormal.z);
-    h = fnvValue(h, t.m_planeDist);
-    h = fnvValue(h, t.m_fraction);
-    h = fnvValue(h, t.m_endPos.x);
-    h = fnvValue(h, t.m_endPos.y);
-    return fnvValue(h, t.m_endPos.z);
+    for (int32_t v : {(int32_t)result, t.m_allSolid, t.m_startSolid, t.m_inOpen, t.m_reservedFlag})
+        h = fnvValue(h, v);
+    for (float v : {t.m_planeNormal.x, t.m_planeNormal.y, t.m_planeNormal.z, t.m_planeDist, t.m_fraction, t.m_endPos.x,
+                    t.m_endPos.y, t.m_endPos.z})
+        h = fnvValue(h, v);
+    return h;
 }
 
 // Answers to fixed queries in the bounds grown by a tenth: points from the root and from
 // other nodes, long segments, short ones and axis-aligned ones.
 uint64_t queryDigest(const mrClipBSP& bsp, int count)
 {
-    V lo = bsp.m_mins, hi = bsp.m_maxs;
-    V pad((hi.x - lo.x) * 0.05f, (hi.y - lo.y) * 0.05f, (hi.z - lo.z) * 0.05f);
-    lo = V(lo.x - pad.x, lo.y - pad.y, lo.z - pad.z);
-    hi = V(hi.x + pad.x, hi.y + pad.y, hi.z + pad.z);
+    V lo, hi;
+    grownBounds(bsp, 0.05f, lo, hi);
     Rng r{12345};
     uint64_t h = 1469598103934665603ull;
     for (int i = 0; i < count; ++i)
@@ -193,28 +168,6 @@ uint64_t queryDigest(const mrClipBSP& bsp, int count)
     return h;
 }
 
-std::vector<unsigned char> saveOne(mrClipBSP* bsp)
-{
-    std::vector<unsigned char> out;
-    std::string error;
-    EXPECT_TRUE(manager().saveBuffer({bsp}, out, &error)) << error;
-    return out;
-}
-
-mrClipBSP* loadOne(const std::vector<unsigned char>& bytes)
-{
-    std::vector<srClass*> objects;
-    std::string error;
-    EXPECT_TRUE(manager().loadBuffer(bytes, objects, &error)) << error;
-    if (objects.size() != 1)
-    {
-        for (srClass* o : objects)
-            o->release();
-        return nullptr;
-    }
-    return dynamic_cast<mrClipBSP*>(objects[0]);
-}
-
 // ---------------------------------------------------------------------------------------
 // The pinned table
 
@@ -227,41 +180,6 @@ struct Pinned
     size_t liveFaces;
     uint64_t queryHash;
 };
-
-struct Case
-{
-    srMeshModel mesh;
-    V offset{0, 0, 0};
-    srMatrix3T<float> matrix;
-};
-
-void buildCase(const std::string& name, Case& c, srTexture* marked)
-{
-    if (name == "cube")
-        mtest::addBox(c.mesh, V(-16, -16, -16), V(16, 16, 16), true);
-    else if (name == "sphere2")
-        mtest::addSphere(c.mesh, V(0, 0, 0), 50, 2);
-    else if (name == "sphere3")
-        mtest::addSphere(c.mesh, V(3, -2, 1), 100, 3);
-    else if (name == "sphere4")
-        mtest::addSphere(c.mesh, V(0, 0, 0), 200, 4);
-    else if (name == "twoRooms")
-        mtest::addTwoRoomLevel(c.mesh);
-    else if (name == "pillaredRooms")
-        addPillaredLevel(c.mesh, marked);
-    else if (name == "torus")
-        addTorus(c.mesh, 40, 12, 24, 12);
-    else if (name == "awkwardCube")
-        addAwkwardCube(c.mesh);
-    else if (name == "movedTorus")
-    {
-        addTorus(c.mesh, 30, 10, 16, 10);
-        mtest::addBox(c.mesh, V(-5, -5, -40), V(5, 5, 40), true);
-        c.mesh.setTexture(marked);
-        c.matrix = srMatrix3T<float>(0.8f, 0.6f, 0.1f, -0.6f, 0.8f, 0.0f, 0.05f, 0.2f, 1.3f);
-        c.offset = V(100.25f, -37.5f, 8.125f);
-    }
-}
 
 const Pinned kPinned[] = {
     {"cube", 15073783295307820044ull, 6, 12, 6, 12, 1, 6, 12, 13194393145944431743ull},
@@ -282,35 +200,32 @@ class PinnedMesh : public ::testing::TestWithParam<Pinned>
 TEST_P(PinnedMesh, GivesTheSameTreeFileAndAnswers)
 {
     const Pinned& pin = GetParam();
-    srTexture* marked = new srTexture("NERDSTRP.TGA");
-    {
-        Case c;
-        buildCase(pin.name, c, marked);
-        ASSERT_GT(c.mesh.m_numpolys, 0);
-        mtest::AssertRecorder asserts;
-        mrClipBSPGen gen;
-        BSPHolder bsp(gen.importMeshModel(&c.mesh, c.offset, c.matrix));
-        ASSERT_NE(bsp.p, nullptr);
-        EXPECT_TRUE(asserts.reports().empty());
+    Marked marked;
+    Case c;
+    buildCase(pin.name, c, marked.p);
+    ASSERT_GT(c.mesh.m_numpolys, 0);
+    mtest::AssertRecorder asserts;
+    mrClipBSPGen gen;
+    ClipPtr bsp = c.import(gen);
+    ASSERT_NE(bsp, nullptr);
+    EXPECT_TRUE(asserts.reports().empty());
 
-        EXPECT_EQ(bsp.p->m_numnodes, pin.nodes);
-        EXPECT_EQ(bsp.p->m_numplanes, pin.planes);
-        EXPECT_EQ(gen.m_numnodes, pin.genNodes);
-        EXPECT_EQ(gen.m_numleaffaces, pin.leafFaces);
-        EXPECT_EQ(gen.m_numsolidleafs, pin.solidLeafs);
-        EXPECT_EQ(gen.m_numemptyleafs, pin.emptyLeafs);
-        EXPECT_EQ(gen.m_allfaces.size(), pin.liveFaces);
+    EXPECT_EQ(bsp->m_numnodes, pin.nodes);
+    EXPECT_EQ(bsp->m_numplanes, pin.planes);
+    EXPECT_EQ(gen.m_numnodes, pin.genNodes);
+    EXPECT_EQ(gen.m_numleaffaces, pin.leafFaces);
+    EXPECT_EQ(gen.m_numsolidleafs, pin.solidLeafs);
+    EXPECT_EQ(gen.m_numemptyleafs, pin.emptyLeafs);
+    EXPECT_EQ(gen.m_allfaces.size(), pin.liveFaces);
 
-        std::vector<unsigned char> bytes = saveOne(bsp.p);
-        EXPECT_EQ(mtest::fnv1a(std::string(bytes.begin(), bytes.end())), pin.fileHash);
-        EXPECT_EQ(queryDigest(*bsp.p, 3000), pin.queryHash);
+    std::vector<unsigned char> bytes = mtest::saveBuffer({bsp.get()});
+    EXPECT_EQ(mtest::fnv1a(std::string(bytes.begin(), bytes.end())), pin.fileHash);
+    EXPECT_EQ(queryDigest(*bsp, 3000), pin.queryHash);
 
-        // What is read back answers exactly the same.
-        BSPHolder loaded(loadOne(bytes));
-        ASSERT_NE(loaded.p, nullptr);
-        EXPECT_EQ(queryDigest(*loaded.p, 3000), pin.queryHash);
-    }
-    marked->release();
+    // What is read back answers exactly the same.
+    ClipPtr loaded = mtest::loadClip(bytes);
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(queryDigest(*loaded, 3000), pin.queryHash);
 }
 
 INSTANTIATE_TEST_SUITE_P(CollisionPipeline, PinnedMesh, ::testing::ValuesIn(kPinned),
@@ -325,10 +240,8 @@ std::vector<V> probePoints(const mrClipBSP& bsp, int count)
 {
     std::vector<V> out;
     Rng r{777};
-    V lo = bsp.m_mins, hi = bsp.m_maxs;
-    V pad((hi.x - lo.x) * 0.2f, (hi.y - lo.y) * 0.2f, (hi.z - lo.z) * 0.2f);
-    lo = V(lo.x - pad.x, lo.y - pad.y, lo.z - pad.z);
-    hi = V(hi.x + pad.x, hi.y + pad.y, hi.z + pad.z);
+    V lo, hi;
+    grownBounds(bsp, 0.2f, lo, hi);
     for (int i = 0; i < count; ++i)
         out.push_back(randomIn(r, lo, hi));
     for (uint32_t i = 0; i < bsp.m_numnodes; i += 1 + bsp.m_numnodes / 200)
@@ -350,49 +263,41 @@ std::vector<V> probePoints(const mrClipBSP& bsp, int count)
 void expectIndexChangesNothing(mrClipBSP& bsp, const char* what)
 {
     SCOPED_TRACE(what);
+    const std::vector<V> points = probePoints(bsp, 1500);
+    // Contents of every point and the trace from it to a scattered other point.
+    auto answers = [&]
+    {
+        std::vector<std::tuple<int, int, uint64_t>> out;
+        for (size_t i = 0; i < points.size(); ++i)
+        {
+            mrTrace t;
+            const int result = bsp.checkCollision(points[i], points[(i * 7919 + 13) % points.size()], t);
+            out.push_back({bsp.pointInfo(0, points[i]), result, hashTrace(0, result, t)});
+        }
+        return out;
+    };
     bsp.prepareQueries();
     ASSERT_TRUE(bsp.hasQueryIndex());
-    const std::vector<V> points = probePoints(bsp, 1500);
-    std::vector<int> contents;
-    std::vector<mrTrace> traces;
-    std::vector<int> results;
-    for (size_t i = 0; i < points.size(); ++i)
-    {
-        contents.push_back(bsp.pointInfo(0, points[i]));
-        const V& a = points[i];
-        const V& b = points[(i * 7919 + 13) % points.size()];
-        mrTrace t;
-        results.push_back(bsp.checkCollision(a, b, t));
-        traces.push_back(t);
-    }
+    const auto indexed = answers();
     bsp.dropQueryIndex();
     ASSERT_FALSE(bsp.hasQueryIndex());
+    const auto plain = answers();
     size_t differ = 0;
     for (size_t i = 0; i < points.size(); ++i)
-    {
-        const V& a = points[i];
-        const V& b = points[(i * 7919 + 13) % points.size()];
-        mrTrace t;
-        const int result = bsp.checkCollision(a, b, t);
-        if (bsp.pointInfo(0, a) != contents[i] || result != results[i] ||
-            hashTrace(0, result, t) != hashTrace(0, results[i], traces[i]))
-            ++differ;
-    }
+        differ += indexed[i] != plain[i];
     EXPECT_EQ(differ, 0u) << "of " << points.size();
 }
 
 TEST(IndexedQueries, ClosedAndOpenMeshesAnswerAsThePlainWalk)
 {
-    srTexture* marked = new srTexture("NERDSTRP.TGA");
+    Marked marked;
     for (const char* name : {"sphere4", "torus", "pillaredRooms", "movedTorus"})
     {
         Case c;
-        buildCase(name, c, marked);
+        buildCase(name, c, marked.p);
         mrClipBSPGen gen;
-        BSPHolder bsp(gen.importMeshModel(&c.mesh, c.offset, c.matrix));
-        expectIndexChangesNothing(*bsp.p, name);
+        expectIndexChangesNothing(*c.import(gen), name);
     }
-    marked->release();
 }
 
 TEST(IndexedQueries, AwkwardChainsAnswerAsThePlainWalk)
@@ -400,25 +305,18 @@ TEST(IndexedQueries, AwkwardChainsAnswerAsThePlainWalk)
     // A chain of planes around the z axis with its leaf behind (node i + 1 in front),
     // broken up by planes no cone can bound: no normal, huge values, NaN.
     const int n = 400;
-    mrClipBSP* bsp = new mrClipBSP;
-    BSPHolder hold(bsp);
-    bsp->m_numplanes = (uint32_t)n;
-    bsp->m_planes = mrClipBSP::allocPlanes((unsigned long)n);
-    bsp->m_numnodes = (uint32_t)n;
-    bsp->m_nodes = mrClipBSP::allocNodes((unsigned long)n);
+    std::vector<mrPlane> planes;
+    std::vector<mrClipNode> nodes;
     for (int i = 0; i < n; ++i)
     {
         const double a = 2.399963 * i, z = 1.0 - 2.0 * (i + 0.5) / n, rho = std::sqrt(1.0 - z * z);
-        mrPlane pl((float)(-rho * std::cos(a)), (float)(-rho * std::sin(a)), (float)-z, -50.0f);
-        if (i == 100)
-            pl = mrPlane(0, 0, 0, 0.5f);
-        if (i == 200)
-            pl = mrPlane(1e20f, 0, 0, 3e20f);
-        if (i == 300)
-            pl = mrPlane(std::numeric_limits<float>::quiet_NaN(), 0, 1, 0);
-        bsp->m_planes[i] = pl;
-        bsp->m_nodes[i] = mrClipNode{i, {i + 1 < n ? i + 1 : -1, -3}};
+        planes.push_back(mrPlane((float)(-rho * std::cos(a)), (float)(-rho * std::sin(a)), (float)-z, -50.0f));
+        nodes.push_back(mrClipNode{i, {i + 1 < n ? i + 1 : -1, -3}});
     }
+    planes[100] = mrPlane(0, 0, 0, 0.5f);
+    planes[200] = mrPlane(1e20f, 0, 0, 3e20f);
+    planes[300] = mrPlane(std::numeric_limits<float>::quiet_NaN(), 0, 1, 0);
+    ClipPtr bsp = mtest::clipTree(planes, nodes);
     bsp->m_mins = V(-60, -60, -60);
     bsp->m_maxs = V(60, 60, 60);
     expectIndexChangesNothing(*bsp, "inward chain with unbounded planes");
@@ -426,30 +324,27 @@ TEST(IndexedQueries, AwkwardChainsAnswerAsThePlainWalk)
 
 TEST(IndexedQueries, IndexFollowsTheArrays)
 {
-    srMeshModel mesh;
-    mtest::addSphere(mesh, V(0, 0, 0), 10, 3);
-    V offset(0, 0, 0);
-    srMatrix3T<float> matrix;
+    Case c;
+    mtest::addSphere(c.mesh, V(0, 0, 0), 10, 3);
     mrClipBSPGen gen;
-    BSPHolder bsp(gen.importMeshModel(&mesh, offset, matrix));
-    EXPECT_TRUE(bsp.p->hasQueryIndex());
+    ClipPtr bsp = c.import(gen);
+    EXPECT_TRUE(bsp->hasQueryIndex());
     // A copy holds the same records, so it keeps the index.
-    mrClipBSP* copy = new mrClipBSP;
-    BSPHolder holdCopy(copy);
-    *copy = *bsp.p;
+    ClipPtr copy(new mrClipBSP);
+    *copy = *bsp;
     EXPECT_TRUE(copy->hasQueryIndex());
-    EXPECT_EQ(queryDigest(*copy, 300), queryDigest(*bsp.p, 300));
+    EXPECT_EQ(queryDigest(*copy, 300), queryDigest(*bsp, 300));
     // Arrays replaced from outside: the index no longer applies.
-    mrClipNode* old = bsp.p->m_nodes;
-    bsp.p->m_nodes = mrClipBSP::allocNodes(bsp.p->m_numnodes);
-    std::memcpy(bsp.p->m_nodes, old, bsp.p->m_numnodes * sizeof(mrClipNode));
-    EXPECT_FALSE(bsp.p->hasQueryIndex());
+    mrClipNode* old = bsp->m_nodes;
+    bsp->m_nodes = mrClipBSP::allocNodes(bsp->m_numnodes);
+    std::memcpy(bsp->m_nodes, old, bsp->m_numnodes * sizeof(mrClipNode));
+    EXPECT_FALSE(bsp->hasQueryIndex());
     mrClipBSP::freeNodes(old);
-    bsp.p->prepareQueries();
-    EXPECT_TRUE(bsp.p->hasQueryIndex());
+    bsp->prepareQueries();
+    EXPECT_TRUE(bsp->hasQueryIndex());
     // The class's own operations on the arrays drop it.
-    bsp.p->makeFromBBox(V(-1, -1, -1), V(1, 1, 1));
-    EXPECT_FALSE(bsp.p->hasQueryIndex());
+    bsp->makeFromBBox(V(-1, -1, -1), V(1, 1, 1));
+    EXPECT_FALSE(bsp->hasQueryIndex());
     // An invalid tree gets none.
     copy->m_nodes[3].child[0] = 1;
     copy->prepareQueries();
@@ -460,53 +355,25 @@ TEST(IndexedQueries, IndexFollowsTheArrays)
 // Deep trees. Each runs on a thread with a 512 KiB stack: anything that recursed once
 // per tree level would overflow it long before the bottom.
 
-template <class F>
-void onSmallStack(F fn)
-{
-    struct Call
-    {
-        static void* run(void* arg)
-        {
-            (*static_cast<F*>(arg))();
-            return nullptr;
-        }
-    };
-    pthread_attr_t attr;
-    ASSERT_EQ(pthread_attr_init(&attr), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, 512 * 1024), 0);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attr, &Call::run, &fn), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-}
-
-// A chain of planes x = n - i facing +x: open in front, node i + 1 behind, and behind
-// the last plane open too. (No query index: the plain walk is what is exercised.)
-mrClipBSP* makeChain(int n)
-{
-    mrClipBSP* bsp = new mrClipBSP;
-    bsp->m_numplanes = (uint32_t)n;
-    bsp->m_planes = mrClipBSP::allocPlanes((unsigned long)n);
-    bsp->m_numnodes = (uint32_t)n;
-    bsp->m_nodes = mrClipBSP::allocNodes((unsigned long)n);
-    for (int i = 0; i < n; ++i)
-    {
-        bsp->m_planes[i] = mrPlane(1, 0, 0, (float)(n - i));
-        bsp->m_nodes[i] = mrClipNode{i, {-1, i + 1 < n ? i + 1 : -1}};
-    }
-    bsp->m_mins = V(0, -1, -1);
-    bsp->m_maxs = V((float)n + 1, 1, 1);
-    return bsp;
-}
-
 TEST(DeepTree, TraceThroughTwoHundredThousandNestedCrossings)
 {
     const int n = 200000;
-    onSmallStack([&] {
-        // Starting behind every plane, the trace's near parts nest once per node.
-        BSPHolder chain(makeChain(n));
-        mrClipBSP* bsp = chain.p;
+    auto deep = [&]
+    {
+        // A chain of planes x = n - i facing +x: open in front, node i + 1 behind, and
+        // behind the last plane open too. (No query index: the plain walk is exercised.)
+        std::vector<mrPlane> planes;
+        std::vector<mrClipNode> nodes;
+        for (int i = 0; i < n; ++i)
+        {
+            planes.push_back(mrPlane(1, 0, 0, (float)(n - i)));
+            nodes.push_back(mrClipNode{i, {-1, i + 1 < n ? i + 1 : -1}});
+        }
+        ClipPtr bsp = mtest::clipTree(planes, nodes);
+        bsp->m_mins = V(0, -1, -1);
+        bsp->m_maxs = V((float)n + 1, 1, 1);
         ASSERT_FALSE(bsp->hasQueryIndex());
+        // Starting behind every plane, the trace's near parts nest once per node.
         mrTrace t;
         EXPECT_EQ(bsp->checkCollision(V(0.5f, 0, 0), V(300000, 0, 0), t), 1);
         EXPECT_EQ(t.m_fraction, 1.0f);
@@ -537,42 +404,43 @@ TEST(DeepTree, TraceThroughTwoHundredThousandNestedCrossings)
         // Saved and read back, the chain validates and answers the same (the loaded
         // copy answers through its query index).
         bsp->refreshPBlock(nullptr);
-        BSPHolder loaded(loadOne(saveOne(bsp)));
-        ASSERT_NE(loaded.p, nullptr);
-        EXPECT_TRUE(loaded.p->hasQueryIndex());
+        ClipPtr loaded = mtest::loadClip(mtest::saveBuffer({bsp.get()}));
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_TRUE(loaded->hasQueryIndex());
         mrTrace u;
-        EXPECT_EQ(loaded.p->checkCollision(V(0.5f, 0, 0), V(300000, 0, 0), u), 0);
+        EXPECT_EQ(loaded->checkCollision(V(0.5f, 0, 0), V(300000, 0, 0), u), 0);
         EXPECT_EQ(hashTrace(0, 0, u), hashTrace(0, 0, t));
-    });
+    };
+    mtest::onSmallStack(512 * 1024, deep);
 }
 
 TEST(DeepTree, ClosedMeshChainGoesThroughEveryStage)
 {
     // A closed sphere is a chain: each splitter leaves every other face behind it.
-    onSmallStack([&] {
-        srMeshModel mesh;
-        mtest::addSphere(mesh, V(0, 0, 0), 100, 5);
-        V offset(0, 0, 0);
-        srMatrix3T<float> matrix;
+    auto deep = [&]
+    {
+        Case c;
+        mtest::addSphere(c.mesh, V(0, 0, 0), 100, 5);
         mrClipBSPGen gen;
-        BSPHolder bsp(gen.importMeshModel(&mesh, offset, matrix));
-        ASSERT_NE(bsp.p, nullptr);
-        EXPECT_GT(bsp.p->m_numnodes, 7000u);
+        ClipPtr bsp = c.import(gen);
+        ASSERT_NE(bsp, nullptr);
+        EXPECT_GT(bsp->m_numnodes, 7000u);
         // Node i + 1 is the back child of node i all the way down.
         uint32_t depth = 0;
-        for (int node = 0; node >= 0; node = bsp.p->m_nodes[node].child[1])
+        for (int node = 0; node >= 0; node = bsp->m_nodes[node].child[1])
             ++depth;
-        EXPECT_EQ(depth, bsp.p->m_numnodes);
+        EXPECT_EQ(depth, bsp->m_numnodes);
 
-        BSPHolder loaded(loadOne(saveOne(bsp.p)));
-        ASSERT_NE(loaded.p, nullptr);
-        EXPECT_EQ(loaded.p->pointInfo(0, V(0, 0, 0)), -2);
-        EXPECT_EQ(loaded.p->pointInfo(0, V(0, 0, 101)), -1);
+        ClipPtr loaded = mtest::loadClip(mtest::saveBuffer({bsp.get()}));
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_EQ(loaded->pointInfo(0, V(0, 0, 0)), -2);
+        EXPECT_EQ(loaded->pointInfo(0, V(0, 0, 101)), -1);
         mrTrace t;
-        EXPECT_EQ(loaded.p->checkCollision(V(-150, 1, 2), V(150, 1, 2), t), 0);
+        EXPECT_EQ(loaded->checkCollision(V(-150, 1, 2), V(150, 1, 2), t), 0);
         EXPECT_NEAR(t.m_endPos.x, -100.0f, 0.1f);
-        EXPECT_EQ(queryDigest(*loaded.p, 200), queryDigest(*bsp.p, 200));
-    });
+        EXPECT_EQ(queryDigest(*loaded, 200), queryDigest(*bsp, 200));
+    };
+    mtest::onSmallStack(512 * 1024, deep);
 }
 
 } // namespace

@@ -6,16 +6,13 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include "platform/dx/srOutput.h"
 #include "platform/geom/mrMaterial.h"
 #include "portals/mrBSPPortalizer.h"
 #include "solid/mrBSPTree.h"
@@ -27,98 +24,6 @@ namespace
 {
 typedef srVector3T<float> V;
 
-// ---------------------------------------------------------------------------------------
-// Meshes
-
-void addQuad(srMeshModel& mesh, V a, V b, V c, V d)
-{
-    int i = (int)mesh.addVertex(a);
-    mesh.addVertex(b);
-    mesh.addVertex(c);
-    mesh.addVertex(d);
-    mesh.addPolygon(i, i + 1, i + 2);
-    mesh.addPolygon(i, i + 2, i + 3);
-}
-
-// Rectangle on plane `axis` = at over [u0,u1] x [v0,v1] of the next two axes (cyclic),
-// facing +axis (sign > 0) or -axis.
-void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign)
-{
-    int ua = (axis + 1) % 3, va = (axis + 2) % 3;
-    auto P = [&](float u, float v)
-    {
-        V p;
-        p[axis] = at;
-        p[ua] = u;
-        p[va] = v;
-        return p;
-    };
-    if (sign > 0)
-        addQuad(mesh, P(u0, v0), P(u1, v0), P(u1, v1), P(u0, v1));
-    else
-        addQuad(mesh, P(u0, v0), P(u0, v1), P(u1, v1), P(u1, v0));
-}
-
-// A hollow level on a grid of 32-unit cells: one room of pseudo-random size per 8 x 8
-// slot, every room joined to its neighbours by corridors two cells high, each wall tiled
-// with one quad per cell face and facing into the open space.
-void addGridLevel(srMeshModel& mesh, int nx, int ny, uint32_t seed)
-{
-    const int X = nx * 8, Y = ny * 8, Z = 5;
-    const float cell = 32.0f;
-    std::vector<char> open((size_t)X * Y * Z, 0);
-    auto at = [&](int x, int y, int z) -> char
-    {
-        if (x < 0 || y < 0 || z < 0 || x >= X || y >= Y || z >= Z)
-            return 0;
-        return open[((size_t)z * Y + y) * X + x];
-    };
-    auto carve = [&](int x0, int x1, int y0, int y1, int z0, int z1)
-    {
-        for (int z = z0; z <= z1; ++z)
-            for (int y = y0; y <= y1; ++y)
-                for (int x = x0; x <= x1; ++x)
-                    open[((size_t)z * Y + y) * X + x] = 1;
-    };
-    auto next = [&seed](int range)
-    {
-        seed = seed * 1664525u + 1013904223u;
-        return (int)((seed >> 16) % (uint32_t)range);
-    };
-    for (int j = 0; j < ny; ++j)
-        for (int i = 0; i < nx; ++i)
-        {
-            int cx = i * 8 + 4, cy = j * 8 + 4;
-            int x0 = cx - 1 - next(3), x1 = cx + 1 + next(3);
-            int y0 = cy - 1 - next(3), y1 = cy + 1 + next(3);
-            carve(x0, x1, y0, y1, 0, 2 + next(2));
-            if (i + 1 < nx)
-                carve(cx, cx + 8, cy, cy, 0, 1);
-            if (j + 1 < ny)
-                carve(cx, cx, cy, cy + 8, 0, 1);
-        }
-    for (int z = 0; z < Z; ++z)
-        for (int y = 0; y < Y; ++y)
-            for (int x = 0; x < X; ++x)
-            {
-                if (!at(x, y, z))
-                    continue;
-                const int c[3] = {x, y, z};
-                for (int axis = 0; axis < 3; ++axis)
-                    for (int dir = -1; dir <= 1; dir += 2)
-                    {
-                        int n[3] = {x, y, z};
-                        n[axis] += dir;
-                        if (at(n[0], n[1], n[2]))
-                            continue;
-                        int ua = (axis + 1) % 3, va = (axis + 2) % 3;
-                        float plane = (float)(c[axis] + (dir > 0 ? 1 : 0)) * cell;
-                        addRect(mesh, axis, plane, c[ua] * cell, (c[ua] + 1) * cell, c[va] * cell, (c[va] + 1) * cell,
-                                -dir);
-                    }
-            }
-}
-
 // The two-room level plus what the plane table and the generator must take as it comes:
 // collinear and coincident triangles, a two-sided sheet (coplanar, opposite facing), a
 // near-coplanar triangle within the plane tolerance and one just beyond it, a duplicate,
@@ -126,45 +31,44 @@ void addGridLevel(srMeshModel& mesh, int nx, int ny, uint32_t seed)
 void addAwkwardLevel(srMeshModel& mesh)
 {
     mtest::addTwoRoomLevel(mesh);
-    auto tri = [&](V a, V b, V c)
-    {
-        int i = (int)mesh.addVertex(a);
-        mesh.addVertex(b);
-        mesh.addVertex(c);
-        mesh.addPolygon(i, i + 1, i + 2);
-    };
-    tri(V(10, 10, 10), V(20, 10, 10), V(30, 10, 10)); // collinear
-    tri(V(40, 40, 40), V(40, 40, 40), V(40, 40, 40)); // one point
-    addRect(mesh, 2, 20, 8, 24, 8, 24, +1);           // sheet, up
-    addRect(mesh, 2, 20, 8, 24, 8, 24, -1);           // sheet, down
-    tri(V(30, 8, 20.005f), V(40, 8, 20.005f), V(40, 16, 20.005f));
-    tri(V(30, 20, 20.02f), V(40, 20, 20.02f), V(40, 28, 20.02f));
-    tri(V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // tilted, in room B
-    tri(V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // and again
-    tri(V(100, 30, 10), V(110, 30, 10), V(110, 30, 10)); // two points coincide, in the corridor
-    mtest::addSphere(mesh, V(40, 44, 36), 10.0f, 2);     // tilted planes that cut the walls' planes
+    mtest::addTriangle(mesh, V(10, 10, 10), V(20, 10, 10), V(30, 10, 10)); // collinear
+    mtest::addTriangle(mesh, V(40, 40, 40), V(40, 40, 40), V(40, 40, 40)); // one point
+    mtest::addRect(mesh, 2, 20, 8, 24, 8, 24, +1);                         // sheet, up
+    mtest::addRect(mesh, 2, 20, 8, 24, 8, 24, -1);                         // sheet, down
+    mtest::addTriangle(mesh, V(30, 8, 20.005f), V(40, 8, 20.005f), V(40, 16, 20.005f));
+    mtest::addTriangle(mesh, V(30, 20, 20.02f), V(40, 20, 20.02f), V(40, 28, 20.02f));
+    mtest::addTriangle(mesh, V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // tilted, in room B
+    mtest::addTriangle(mesh, V(140, 10, 5), V(170, 12, 30), V(150, 50, 20));  // and again
+    mtest::addTriangle(mesh, V(100, 30, 10), V(110, 30, 10), V(110, 30, 10)); // two points coincide, in the corridor
+    mtest::addSphere(mesh, V(40, 44, 36), 10.0f, 2); // tilted planes that cut the walls' planes
 }
 
 void buildMesh(int which, srMeshModel& mesh)
 {
-    switch (which)
-    {
-    case 0:
+    if (which == 0)
         mtest::addTwoRoomLevel(mesh);
-        break;
-    case 1:
-        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, 2);
-        break;
-    case 4:
-        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, 3);
-        break;
-    case 2:
-        addGridLevel(mesh, 3, 3, 0x4D424350u);
-        break;
-    default:
+    else if (which == 1 || which == 4)
+        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, which == 1 ? 2 : 3);
+    else if (which == 2)
+        mtest::addGridLevel(mesh, 3, 3, 0x4D424350u);
+    else
         addAwkwardLevel(mesh);
-        break;
+}
+
+// Every node of a tree with its depth (1 at the head), front subtree first, without
+// recursion.
+std::vector<std::pair<mrBSPNode*, int>> walk(mrBSPNode* head)
+{
+    std::vector<std::pair<mrBSPNode*, int>> out, stack = {{head, 1}};
+    while (!stack.empty())
+    {
+        auto [n, d] = stack.back();
+        stack.pop_back();
+        out.push_back({n, d});
+        if (n->m_plane)
+            stack.insert(stack.end(), {{n->m_children[1], d + 1}, {n->m_children[0], d + 1}});
     }
+    return out;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -182,6 +86,19 @@ struct Outcome
     size_t reports; // assertion reports along the way
 };
 
+// An outcome as written in the table below; compared whole, so a failure shows both rows.
+std::string row(const Outcome& o)
+{
+    char text[400];
+    std::snprintf(text, sizeof text,
+                  "{0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64
+                  "ull, {%d, %d, %d, %d, %d, %d}, %u, %u, %d, %d, %d, %d, %zu}",
+                  o.prt, o.planes, o.tree, o.mesh, o.counters[0], o.counters[1], o.counters[2], o.counters[3],
+                  o.counters[4], o.counters[5], o.numPlanes, o.numSurfaces, o.visleafs, o.visportals, o.polycount,
+                  o.degenerate, o.reports);
+    return text;
+}
+
 // Collects bytes for hashing.
 struct Bytes
 {
@@ -189,110 +106,70 @@ struct Bytes
     template <class T> void add(const T& v) { s.append(reinterpret_cast<const char*>(&v), sizeof(v)); }
 };
 
-// bounds: 1 computes every surface's bounds as the pipeline expects; 0 leaves them as
-// constructed, so partition selection scores against empty boxes and the generator may
-// not trust them for anything.
-Outcome runPipeline(srMeshModel& mesh, int midSplit, int bounds = 1)
+// bounds false leaves every surface's bounds as constructed, so partition selection
+// scores against empty boxes and the generator may not trust them for anything.
+Outcome runPipeline(srMeshModel& mesh, int midSplit, bool bounds)
 {
     Outcome out{};
     mtest::AssertRecorder rec;
     mtest::LogCapture log;
-    mtest::TempDir dir;
-
-    mrBSPSurfaceBuilder builder;
-    mrBSPSurface* list = builder.buildSurfaces(&mesh);
-    for (mrBSPSurface* s = list; s && bounds; s = s->m_next)
-        s->calcBounds();
-    out.numPlanes = builder.m_numplanes;
-    out.numSurfaces = builder.m_numsurfaces;
-    std::map<const mrPlane*, int32_t> planeIndex;
-    Bytes planes;
-    for (uint32_t i = 0; i < builder.m_numplanes; ++i)
     {
-        const mrPlane* p = builder.m_planes[i];
-        planeIndex[p] = (int32_t)i;
-        planes.add(p->m_normal.x), planes.add(p->m_normal.y), planes.add(p->m_normal.z), planes.add(p->m_dist);
-    }
-    out.planes = mtest::fnv1a(planes.s);
-
-    mrSolidBSP bsp;
-    mrBSPNode* head = bsp.generate(list, midSplit);
-    const int32_t counters[6] = {bsp.m_numSplitNodes, bsp.m_numLeafFaces,  bsp.m_numNodeFaces,
-                                 bsp.m_numSolidLeafs, bsp.m_numEmptyLeafs, bsp.m_numLinkedFaces};
-    std::memcpy(out.counters, counters, sizeof(counters));
-
-    // The head box: the vertices the triangles use, from the first one on.
-    const srVector3i* tris = mesh.getPolyVertex();
-    const V* verts = mesh.getVertexLoc();
-    for (long i = 0; i < mesh.m_numpolys; ++i)
-        for (int c = 0; c < 3; ++c)
+        mtest::VisRun run(mesh, midSplit, bounds);
+        out.numPlanes = run.builder.m_numplanes;
+        out.numSurfaces = run.builder.m_numsurfaces;
+        std::map<const mrPlane*, int32_t> planeIndex;
+        Bytes planes;
+        for (uint32_t i = 0; i < out.numPlanes; ++i)
         {
-            const V& v = verts[tris[i][c]];
-            if (i == 0 && c == 0)
-                head->m_mins = head->m_maxs = v;
-            for (int k = 0; k < 3; ++k)
+            const mrPlane* p = run.builder.m_planes[i];
+            planeIndex[p] = (int32_t)i;
+            planes.add(p->m_normal.x), planes.add(p->m_normal.y), planes.add(p->m_normal.z), planes.add(p->m_dist);
+        }
+        out.planes = mtest::fnv1a(planes.s);
+        const mrSolidBSP& b = run.bsp;
+        const int32_t counters[6] = {b.m_numSplitNodes, b.m_numLeafFaces,  b.m_numNodeFaces,
+                                     b.m_numSolidLeafs, b.m_numEmptyLeafs, b.m_numLinkedFaces};
+        std::copy(counters, counters + 6, out.counters);
+
+        run.portalizer.portalize(run.head);
+        out.degenerate = run.portalizer.m_num_degenerate;
+        out.prt = mtest::fnv1a(run.portalFile());
+        out.visleafs = mrBSPPortalizer::m_num_visleafs;
+        out.visportals = mrBSPPortalizer::m_num_visportals;
+        run.withPortalMesh(
+            [&](srMeshModel& portalMesh)
             {
-                if (v[k] < head->m_mins[k])
-                    head->m_mins[k] = v[k];
-                if (v[k] > head->m_maxs[k])
-                    head->m_maxs[k] = v[k];
-            }
-        }
+                out.polycount = mrBSPPortalizer::m_polycount;
+                std::map<const srMaterialIFace*, int32_t> slot;
+                for (uint32_t i = 0; i < 256; ++i)
+                    slot[mrBSPPortalizer::m_materials[i]] = (int32_t)i;
+                Bytes m;
+                for (const V& v : portalMesh.m_verts)
+                    m.add(v.x), m.add(v.y), m.add(v.z);
+                for (const srVector3i& t : portalMesh.m_polyVerts)
+                    m.add(t.x), m.add(t.y), m.add(t.z);
+                for (const srMaterialIFace* mat : portalMesh.m_polyMaterials)
+                    m.add(slot.count(mat) ? slot[mat] : -1);
+                out.mesh = mtest::fnv1a(m.s);
+            });
 
-    mrBSPPortalizer pz;
-    pz.portalize(head);
-    out.degenerate = pz.m_num_degenerate;
-
-    const std::string path = dir.file("test.prt");
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(mrBSPPortalizer::writePortalfile(head, path.c_str()));
-    testing::internal::GetCapturedStdout();
-    out.prt = mtest::fnv1a(mtest::readFile(path));
-    out.visleafs = mrBSPPortalizer::m_num_visleafs;
-    out.visportals = mrBSPPortalizer::m_num_visportals;
-
-    srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
-    out.polycount = mrBSPPortalizer::m_polycount;
-    std::map<const srMaterialIFace*, int32_t> slot;
-    for (uint32_t i = 0; i < 256; ++i)
-        slot[mrBSPPortalizer::m_materials[i]] = (int32_t)i;
-    Bytes m;
-    for (const V& v : portalMesh->m_verts)
-        m.add(v.x), m.add(v.y), m.add(v.z);
-    for (const srVector3i& t : portalMesh->m_polyVerts)
-        m.add(t.x), m.add(t.y), m.add(t.z);
-    for (const srMaterialIFace* mat : portalMesh->m_polyMaterials)
-        m.add(slot.count(mat) ? slot[mat] : -1);
-    out.mesh = mtest::fnv1a(m.s);
-    delete portalMesh;
-    for (uint32_t i = 0; i < 256; ++i)
-        delete mrBSPPortalizer::m_materials[i];
-
-    // The tree, walked front first with an explicit stack.
-    Bytes t;
-    std::vector<const mrBSPNode*> stack = {head};
-    while (!stack.empty())
-    {
-        const mrBSPNode* n = stack.back();
-        stack.pop_back();
-        t.add(n->m_leafnum);
-        if (n->m_plane)
+        Bytes t;
+        for (const auto& nd : walk(run.head))
         {
-            t.add(planeIndex.count(n->m_plane) ? planeIndex[n->m_plane] : -1);
-            stack.push_back(n->m_children[1]);
-            stack.push_back(n->m_children[0]);
-            continue;
+            const mrBSPNode* n = nd.first;
+            t.add(n->m_leafnum);
+            if (n->m_plane)
+            {
+                t.add(planeIndex.count(n->m_plane) ? planeIndex[n->m_plane] : -1);
+                continue;
+            }
+            t.add(n->m_contents);
+            for (mrBSPFace** f = n->m_markfaces; f && *f; ++f)
+                t.add((*f)->m_polyIndex);
+            t.add((int32_t)-7); // end of the leaf's faces
         }
-        t.add(n->m_contents);
-        for (mrBSPFace** f = n->m_markfaces; f && *f; ++f)
-            t.add((*f)->m_polyIndex);
-        t.add((int32_t)-7); // end of the leaf's faces
+        out.tree = mtest::fnv1a(t.s);
     }
-    out.tree = mtest::fnv1a(t.s);
-
-    pz.releasePortals(head);
-    mrBSPTree::release(head);
-    builder.releasePlanes();
     out.reports = rec.reports().size();
     return out;
 }
@@ -346,15 +223,6 @@ const Pinned kPinned[] = {
 };
 // clang-format on
 
-void printRow(const char* name, int mesh, int midSplit, int bounds, const Outcome& o)
-{
-    std::printf("    {\"%s\", %d, %d, %d, {0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64 "ull, 0x%016" PRIx64
-                "ull, {%d, %d, %d, %d, %d, %d}, %u, %u, %d, %d, %d, %d, %zu}},\n",
-                name, mesh, midSplit, bounds, o.prt, o.planes, o.tree, o.mesh, o.counters[0], o.counters[1],
-                o.counters[2], o.counters[3], o.counters[4], o.counters[5], o.numPlanes, o.numSurfaces, o.visleafs,
-                o.visportals, o.polycount, o.degenerate, o.reports);
-}
-
 class PinnedResults : public ::testing::TestWithParam<Pinned>
 {
 };
@@ -364,24 +232,10 @@ TEST_P(PinnedResults, EveryResultMatchesItsConstant)
     const Pinned& p = GetParam();
     srMeshModel mesh;
     buildMesh(p.mesh, mesh);
-    const Outcome o = runPipeline(mesh, p.midSplit, p.bounds);
+    const Outcome o = runPipeline(mesh, p.midSplit, p.bounds != 0);
     if (std::getenv("MERIDBSP_PRINT_PINS"))
-        printRow(p.name, p.mesh, p.midSplit, p.bounds, o);
-    const Outcome& e = p.expect;
-    EXPECT_EQ(o.prt, e.prt) << "test.prt bytes";
-    EXPECT_EQ(o.planes, e.planes) << "plane table";
-    EXPECT_EQ(o.tree, e.tree) << "tree";
-    EXPECT_EQ(o.mesh, e.mesh) << "portal mesh";
-    const char* names[6] = {"split nodes", "leaf faces", "node faces", "solid leafs", "empty leafs", "linked faces"};
-    for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(o.counters[i], e.counters[i]) << names[i];
-    EXPECT_EQ(o.numPlanes, e.numPlanes);
-    EXPECT_EQ(o.numSurfaces, e.numSurfaces);
-    EXPECT_EQ(o.visleafs, e.visleafs);
-    EXPECT_EQ(o.visportals, e.visportals);
-    EXPECT_EQ(o.polycount, e.polycount);
-    EXPECT_EQ(o.degenerate, e.degenerate);
-    EXPECT_EQ(o.reports, e.reports);
+        std::printf("    {\"%s\", %d, %d, %d,\n     %s},\n", p.name, p.mesh, p.midSplit, p.bounds, row(o).c_str());
+    EXPECT_EQ(row(o), row(p.expect));
 }
 
 INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, PinnedResults, ::testing::ValuesIn(kPinned),
@@ -401,73 +255,47 @@ std::vector<mrBSPPortal*> listOf(mrBSPNode* node)
 TEST(PortalRelease, FreeingASubtreeKeepsEveryOtherListInOrder)
 {
     srMeshModel mesh;
-    addGridLevel(mesh, 2, 2, 99);
+    mtest::addGridLevel(mesh, 2, 2, 99);
     mtest::LogCapture log;
-    mrBSPSurfaceBuilder builder;
-    mrBSPSurface* list = builder.buildSurfaces(&mesh);
-    for (mrBSPSurface* s = list; s; s = s->m_next)
-        s->calcBounds();
-    mrSolidBSP bsp;
-    mrBSPNode* head = bsp.generate(list, 1);
-    head->m_mins = V(0, 0, 0);
-    head->m_maxs = V(512, 512, 160);
-    mrBSPPortalizer pz;
-    pz.portalize(head);
+    mtest::VisRun run(mesh, 1);
+    run.head->m_mins = V(0, 0, 0);
+    run.head->m_maxs = V(512, 512, 160);
+    run.portalizer.portalize(run.head);
 
     // Nodes of the front subtree, and every list outside it as it should be afterwards.
     std::set<mrBSPNode*> inside;
-    std::vector<mrBSPNode*> all, stack = {head};
-    while (!stack.empty())
-    {
-        mrBSPNode* n = stack.back();
-        stack.pop_back();
-        all.push_back(n);
-        if (n->m_plane)
-            stack.insert(stack.end(), {n->m_children[0], n->m_children[1]});
-    }
-    stack = {head->m_children[0]};
-    while (!stack.empty())
-    {
-        mrBSPNode* n = stack.back();
-        stack.pop_back();
-        inside.insert(n);
-        if (n->m_plane)
-            stack.insert(stack.end(), {n->m_children[0], n->m_children[1]});
-    }
-    all.push_back(&pz.m_outsideNode);
+    for (const auto& nd : walk(run.head->m_children[0]))
+        inside.insert(nd.first);
+    std::vector<mrBSPNode*> all = {&run.portalizer.m_outsideNode};
+    for (const auto& nd : walk(run.head))
+        all.push_back(nd.first);
     std::map<mrBSPNode*, std::vector<mrBSPPortal*>> expected;
     size_t kept = 0, dropped = 0;
     for (mrBSPNode* n : all)
-    {
-        if (inside.count(n))
-            continue;
-        for (mrBSPPortal* p : listOf(n))
+        for (mrBSPPortal* p : inside.count(n) ? std::vector<mrBSPPortal*>() : listOf(n))
         {
             bool goes = inside.count(p->m_nodes[0]) || inside.count(p->m_nodes[1]);
             (goes ? dropped : kept)++;
             if (!goes)
                 expected[n].push_back(p);
         }
-    }
     ASSERT_GT(kept, 0u);
     ASSERT_GT(dropped, 0u);
 
     // The six outer planes, which the portals do not own, released at the end.
     std::set<mrPlane*> outerPlanes;
-    for (mrBSPPortal* p : listOf(&pz.m_outsideNode))
+    for (mrBSPPortal* p : listOf(&run.portalizer.m_outsideNode))
         outerPlanes.insert(p->m_plane);
 
-    mrBSPPortalizer::freeAllPortals(head->m_children[0]);
+    mrBSPPortalizer::freeAllPortals(run.head->m_children[0]);
     for (mrBSPNode* n : all)
         EXPECT_EQ(listOf(n), inside.count(n) ? std::vector<mrBSPPortal*>() : expected[n]);
 
-    mrBSPPortalizer::freeAllPortals(head);
+    mrBSPPortalizer::freeAllPortals(run.head);
     for (mrBSPNode* n : all)
         EXPECT_EQ(n->m_portals, nullptr);
     for (mrPlane* p : outerPlanes)
         delete p;
-    mrBSPTree::release(head);
-    builder.releasePlanes();
 }
 
 // ---------------------------------------------------------------------------------------
@@ -512,21 +340,13 @@ TEST(ChoosePlane, FasterChoiceMatchesTheListWalkOnRandomLists)
                     return V(p.x + u * (b.x - a.x) + v * (c.x - a.x), p.y + u * (b.y - a.y) + v * (c.y - a.y),
                              p.z + u * (b.z - a.z) + v * (c.z - a.z));
                 };
-                mrBSPFace* face = new mrBSPFace;
-                face->m_plane = plane;
-                face->m_winding->addPoint(at(a));
-                face->m_winding->addPoint(at(b));
-                face->m_winding->addPoint(at(c));
-                face->m_original = face;
+                mrBSPFace* face = mtest::makeFace(plane, {at(a), at(b), at(c)});
                 face->m_next = s->m_faces;
                 s->m_faces = face;
             }
             s->calcBounds();
             for (int k = 0; k < 3; ++k)
-            {
-                mins[k] = std::min(mins[k], s->m_mins[k]);
-                maxs[k] = std::max(maxs[k], s->m_maxs[k]);
-            }
+                mins[k] = std::min(mins[k], s->m_mins[k]), maxs[k] = std::max(maxs[k], s->m_maxs[k]);
             if (!surfaces.empty())
                 surfaces.back()->m_next = s;
             surfaces.push_back(s);
@@ -570,10 +390,8 @@ void addCrowdedPlanes(srMeshModel& mesh)
         ux /= ul, uy /= ul, uz /= ul;
         double vx = ny * uz - nz * uy, vy = nz * ux - nx * uz, vz = nx * uy - ny * ux;
         V o((float)(nx * d), (float)(ny * d), (float)(nz * d));
-        int i = (int)mesh.addVertex(o);
-        mesh.addVertex(V((float)(o.x + 8 * ux), (float)(o.y + 8 * uy), (float)(o.z + 8 * uz)));
-        mesh.addVertex(V((float)(o.x + 8 * vx), (float)(o.y + 8 * vy), (float)(o.z + 8 * vz)));
-        mesh.addPolygon(i, i + 1, i + 2);
+        mtest::addTriangle(mesh, o, V((float)(o.x + 8 * ux), (float)(o.y + 8 * uy), (float)(o.z + 8 * uz)),
+                           V((float)(o.x + 8 * vx), (float)(o.y + 8 * vy), (float)(o.z + 8 * vz)));
     };
     const double angles[] = {0.0, 0.002, 0.00445, 0.004472, 0.0045, 0.007};
     const double offsets[] = {0.0, 0.005, 0.0099, 0.01, 0.0101, 0.03};
@@ -633,77 +451,7 @@ TEST(PlaneTable, IndexedBuildGivesTheNumbersOfTheLinearSearch)
 }
 
 // ---------------------------------------------------------------------------------------
-// Deep trees
-
-// n parallel quads facing +x at x = 1 ... n, so wide across y and z that every mid-split
-// score exceeds the starting best: each node takes the first candidate of its list, and
-// since the child lists come out reversed, the tree becomes a chain about n levels deep.
-void addSlabs(srMeshModel& mesh, int n)
-{
-    for (int i = 1; i <= n; ++i)
-        addRect(mesh, 0, (float)i, -6000, 6000, -6000, 6000, +1);
-}
-
-struct DeepRun
-{
-    srMeshModel* mesh;
-    int32_t splitNodes = 0, emptyLeafs = 0, solidLeafs = 0, leafFaces = 0;
-    int32_t visleafs = 0, visportals = 0, polycount = 0;
-    int depth = 0;
-    size_t prtLines = 0, reports = 0;
-};
-
-void* runDeep(void* arg)
-{
-    DeepRun& r = *static_cast<DeepRun*>(arg);
-    mtest::AssertRecorder rec;
-    mtest::LogCapture log;
-    mtest::TempDir dir;
-    mrBSPSurfaceBuilder builder;
-    mrBSPSurface* list = builder.buildSurfaces(r.mesh);
-    for (mrBSPSurface* s = list; s; s = s->m_next)
-        s->calcBounds();
-    mrSolidBSP bsp;
-    mrBSPNode* head = bsp.generate(list, 1);
-    head->m_mins = V(1, -6000, -6000);
-    head->m_maxs = V((float)r.mesh->m_numpolys / 2, 6000, 6000);
-    r.splitNodes = bsp.m_numSplitNodes;
-    r.emptyLeafs = bsp.m_numEmptyLeafs;
-    r.solidLeafs = bsp.m_numSolidLeafs;
-    r.leafFaces = bsp.m_numLeafFaces;
-
-    std::vector<std::pair<const mrBSPNode*, int>> stack = {{head, 1}};
-    while (!stack.empty())
-    {
-        auto [n, d] = stack.back();
-        stack.pop_back();
-        r.depth = std::max(r.depth, d);
-        if (n->m_plane)
-            for (const mrBSPNode* c : n->m_children)
-                stack.push_back({c, d + 1});
-    }
-
-    mrBSPPortalizer pz;
-    pz.portalize(head);
-    const std::string path = dir.file("test.prt");
-    testing::internal::CaptureStdout();
-    mrBSPPortalizer::writePortalfile(head, path.c_str());
-    testing::internal::GetCapturedStdout();
-    const std::string prt = mtest::readFile(path);
-    r.prtLines = (size_t)std::count(prt.begin(), prt.end(), '\n');
-    r.visleafs = mrBSPPortalizer::m_num_visleafs;
-    r.visportals = mrBSPPortalizer::m_num_visportals;
-    srMeshModel* out = mrBSPPortalizer::createMeshModel(head);
-    r.polycount = mrBSPPortalizer::m_polycount;
-    delete out;
-    for (uint32_t i = 0; i < 256; ++i)
-        delete mrBSPPortalizer::m_materials[i];
-    pz.releasePortals(head);
-    mrBSPTree::release(head);
-    builder.releasePlanes();
-    r.reports = rec.reports().size();
-    return nullptr;
-}
+// Generation
 
 // A surface without faces whose bounds lie in front of the splitter: dividing it finds no
 // face in front, so it goes behind (and is reported), whatever its bounds say.
@@ -711,15 +459,9 @@ TEST(Generation, AFacelessSurfaceGoesBehindWhateverItsBounds)
 {
     mrPlane wall(1, 0, 0, 5), tilted;
     tilted.make(V(20, 0, 5), V(30, 0, 5.1f), V(20, 10, 5.2f));
-    mrBSPFace* face = new mrBSPFace;
-    face->m_plane = &wall;
-    face->m_winding->addPoint(V(5, 0, 0));
-    face->m_winding->addPoint(V(5, 10, 0));
-    face->m_winding->addPoint(V(5, 0, 10));
-    face->m_original = face;
     mrBSPSurface* first = new mrBSPSurface;
     first->m_plane = &wall;
-    first->m_faces = face;
+    first->m_faces = mtest::makeFace(&wall, {V(5, 0, 0), V(5, 10, 0), V(5, 0, 10)});
     first->calcBounds();
     mrBSPSurface* bare = new mrBSPSurface;
     bare->m_plane = &tilted;
@@ -750,45 +492,50 @@ TEST(Generation, ANonFinitePlaneIsUsedOnceAndEnds)
         mesh.m_verts[0] = V(NAN, -8, -8);
         mtest::AssertRecorder rec;
         mtest::LogCapture log;
-        mrBSPSurfaceBuilder builder;
-        mrBSPSurface* list = builder.buildSurfaces(&mesh);
-        for (mrBSPSurface* s = list; s; s = s->m_next)
-            s->calcBounds();
-        mrSolidBSP bsp;
-        mrBSPNode* head = bsp.generate(list, midSplit);
-        EXPECT_LE(bsp.m_numSplitNodes, (int32_t)builder.m_numplanes);
-        EXPECT_EQ(bsp.m_numLeafFaces, 12);
-        mrBSPTree::release(head);
-        builder.releasePlanes();
+        mtest::VisRun run(mesh, midSplit);
+        EXPECT_LE(run.bsp.m_numSplitNodes, (int32_t)run.builder.m_numplanes);
+        EXPECT_EQ(run.bsp.m_numLeafFaces, 12);
     }
 }
 
+// ---------------------------------------------------------------------------------------
+// Deep trees
+
+// n parallel quads facing +x at x = 1 ... n, so wide across y and z that every mid-split
+// score exceeds the starting best: each node takes the first candidate of its list, and
+// since the child lists come out reversed, the tree becomes a chain about n levels deep.
 TEST(DeepTree, ThousandsOfNestedSlabsRunOnASmallStack)
 {
     const int n = 2000;
     srMeshModel mesh;
-    addSlabs(mesh, n);
-    DeepRun r;
-    r.mesh = &mesh;
+    for (int i = 1; i <= n; ++i)
+        mtest::addRect(mesh, 0, (float)i, -6000, 6000, -6000, 6000, +1);
+    auto deep = [&]
+    {
+        mtest::AssertRecorder rec;
+        mtest::LogCapture log;
+        {
+            mtest::VisRun run(mesh, 1);
+            int depth = 0;
+            for (const auto& nd : walk(run.head))
+                depth = std::max(depth, nd.second);
+            EXPECT_GE(depth, n);
+            EXPECT_EQ(run.bsp.m_numSplitNodes, n);
+            EXPECT_EQ(run.bsp.m_numEmptyLeafs, n);
+            EXPECT_EQ(run.bsp.m_numSolidLeafs, 1);
+            EXPECT_EQ(run.bsp.m_numLeafFaces, 2 * n);
+            run.portalizer.portalize(run.head);
+            const std::string prt = run.portalFile();
+            EXPECT_EQ(std::count(prt.begin(), prt.end(), '\n'), 3 + n - 1);
+            EXPECT_EQ(mrBSPPortalizer::m_num_visleafs, n);
+            EXPECT_EQ(mrBSPPortalizer::m_num_visportals, n - 1); // one between each pair of neighbouring slabs
+            // Every slab's four sides face the outside.
+            run.withPortalMesh([&](srMeshModel&) { EXPECT_GT(mrBSPPortalizer::m_polycount, 4 * n); });
+        }
+        EXPECT_EQ(rec.reports().size(), 0u);
+    };
     // 128 KB: a walk that recursed once per level would need far more.
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 128 * 1024);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attr, &runDeep, &r), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-
-    EXPECT_GE(r.depth, n);
-    EXPECT_EQ(r.splitNodes, n);
-    EXPECT_EQ(r.emptyLeafs, n);
-    EXPECT_EQ(r.solidLeafs, 1);
-    EXPECT_EQ(r.leafFaces, 2 * n);
-    EXPECT_EQ(r.visleafs, n);
-    EXPECT_EQ(r.visportals, n - 1); // one between each pair of neighbouring slabs
-    EXPECT_EQ(r.prtLines, (size_t)(3 + n - 1));
-    EXPECT_GT(r.polycount, 4 * n); // every slab's four sides face the outside
-    EXPECT_EQ(r.reports, 0u);
+    mtest::onSmallStack(128 * 1024, deep);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 // Windings: the base polygon of a plane, clipping and dividing, and the plane of a winding.
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -35,14 +36,19 @@ const Points kSquare = {V(0, 0, 0), V(10, 0, 0), V(10, 10, 0), V(0, 10, 0)};
 // Normal (1, 2, 3) / sqrt(14) as floats, distance 7.5.
 const mrPlane kSkew(0x1.11aceep-2f, 0x1.11aceep-1f, 0x1.9a8366p-1f, 7.5f);
 
-// What a clip or a divide hands back: the winding itself, nothing, or new points.
-enum Result
+// The plane of a winding with these points, starting from a plane that is not all zero.
+mrPlane planeOf(const Points& pts)
 {
-    SAME,
-    NONE,
-    NEW
-};
-void expectResult(mrWinding* got, mrWinding* in, Result result, const Points& pts)
+    mrWinding* w = makeWinding(pts);
+    mrPlane got(1, 1, 1, 1);
+    w->getPlane(got);
+    delete w;
+    return got;
+}
+
+// What a clip or a divide hands back: the winding itself, nothing, or new points.
+constexpr int SAME = 0, NONE = 1, NEW = 2;
+void expectResult(mrWinding* got, mrWinding* in, int result, const Points& pts)
 {
     if (result == NEW)
     {
@@ -67,11 +73,10 @@ TEST(WindingBase, CornersArePinnedAndReplaceEarlierPoints)
           V(-0x1.ed5c22p+15f, -0x1.5e1314p+15f, 0x1.8de8ccp+15f), V(0x1.ed6426p+15f, -0x1.f5e1e2p+15f, 0x1.54652ap+14f),
           V(0x1.ed6426p+15f, 0x1.5e231cp+15f, -0x1.8dd0bep+15f)}},
     };
-    for (const auto& c : cases)
+    for (auto c : cases)
     {
         mrWinding* w = makeWinding({V(1, 2, 3), V(4, 5, 6), V(7, 8, 9), V(1, 1, 1), V(2, 2, 2)});
-        mrPlane plane = c.first;
-        w->baseFromPlane(plane);
+        w->baseFromPlane(c.first);
         EXPECT_EQ(points(w), c.second);
         delete w;
     }
@@ -91,115 +96,66 @@ TEST(WindingPlane, BaseWindingGivesBackItsPlaneAndPointOrderSetsTheNormal)
         EXPECT_GT(dot, 0.99999) << plane.m_normal.x << " " << plane.m_normal.y << " " << plane.m_normal.z;
         if (plane.m_normal.z == -1) // axial: exactly
         {
-            EXPECT_EQ(got.m_normal, plane.m_normal);
-            EXPECT_EQ(got.m_dist, plane.m_dist);
+            EXPECT_EQ(std::tie(got.m_normal, got.m_dist), std::tie(plane.m_normal, plane.m_dist));
         }
     }
-    mrWinding* w = makeWinding({V(0, 0, 0), V(0, 10, 0), V(10, 10, 0)}); // clockwise from +z
-    mrPlane got;
-    w->getPlane(got);
-    EXPECT_EQ(got.m_normal, V(0, 0, -1));
-    delete w;
-    // Fewer than three points: no plane.
-    mrWinding* two = makeWinding({V(0, 0, 0), V(1, 0, 0)});
-    got = mrPlane(1, 1, 1, 1);
-    two->getPlane(got);
-    EXPECT_EQ(got.m_normal, V(0, 0, 0));
-    EXPECT_EQ(got.m_dist, 0.0f);
-    delete two;
-}
-
-TEST(WindingCopy, CopiesCountAndPoints)
-{
-    mrWinding* w = makeWinding(kSquare);
-    mrWinding copy(*w);
-    mrWinding assigned(4);
-    assigned = *w;
-    w->m_points[0] = V(99, 99, 99);
-    EXPECT_EQ(points(&copy), kSquare);
-    EXPECT_EQ(points(&assigned), kSquare);
-    delete w;
+    // Clockwise from +z; then fewer than three points: no plane.
+    EXPECT_EQ(planeOf({V(0, 0, 0), V(0, 10, 0), V(10, 10, 0)}).m_normal, V(0, 0, -1));
+    mrPlane none = planeOf({V(0, 0, 0), V(1, 0, 0)});
+    EXPECT_EQ(std::tie(none.m_normal, none.m_dist), std::make_tuple(V(0, 0, 0), 0.0f));
 }
 
 TEST(WindingClip, KeepsTheFrontPartInOrder)
 {
-    struct Case
+    int row = 0;
+    auto check = [&](const Points& in, mrPlane plane, int keep, int result, const Points& out)
     {
-        Points in;
-        mrPlane plane;
-        int keep;
-        Result result;
-        Points out;
-    } cases[] = {
-        {kSquare, mrPlane(0, 0, 1, 0.005f), 1, SAME, {}}, // on the plane, kept
-        {kSquare, mrPlane(0, 0, 1, 0), 0, NONE, {}},      // on the plane, not kept
-        {kSquare, mrPlane(0, 0, 1, -5), 1, SAME, {}},     // wholly in front
-        {kSquare, mrPlane(0, 0, 1, 5), 1, NONE, {}},      // wholly behind: released
-        // x = 4.99 is 0.01 from the plane x = 5 (on it), the rest behind: nothing in front.
-        {{V(4.99f, 0, 0), V(0, 0, 0), V(0, 10, 0)}, mrPlane(1, 0, 0, 5), 1, NONE, {}},
-        {kSquare, mrPlane(1, 0, 0, 4), 1, NEW, {V(4, 0, 0), V(10, 0, 0), V(10, 10, 0), V(4, 10, 0)}},
-        // Exactly axial normals: the crossing coordinate is dist (or -dist) as given.
-        {{V(0, 0, 0), V(1, 0, 0), V(1, 1, 0)},
-         mrPlane(-1, 0, 0, -0.3f),
-         1,
-         NEW,
-         {V(0, 0, 0), V(0.3f, 0, 0), V(0.3f, 0.3f, 0)}},
-        // With the distances rounded to float first, the crossing on the first edge would
-        // land on x = 8 exactly; kept in double it lands one float step below.
-        {{V(42, 64, 0), V(-75, -53, 0), V(-75, 64, 0)},
-         mrPlane(0.6f, 0.8f, 0, 28.8f),
-         1,
-         NEW,
-         {V(42, 64, 0), V(0x1.fffffcp+2f, 30, 0), V(-0x1.2aaaacp+5f, 64, 0)}},
-        {{}, mrPlane(1, 0, 0, 0), 1, SAME, {}}, // an empty winding stays
-    };
-    for (Case& c : cases)
-    {
-        SCOPED_TRACE(&c - cases);
-        mrWinding* w = makeWinding(c.in);
-        mrWinding* got = mrWinding::clip(w, &c.plane, c.keep);
-        EXPECT_EQ(c.result == SAME ? points(w) : c.in, c.in);
-        expectResult(got, w, c.result, c.out);
-        if (c.result == SAME)
+        SCOPED_TRACE(row++);
+        mrWinding* w = makeWinding(in);
+        mrWinding* got = mrWinding::clip(w, &plane, keep);
+        EXPECT_EQ(result == SAME ? points(w) : in, in);
+        expectResult(got, w, result, out);
+        if (result == SAME)
             delete w;
-    }
+    };
+    check(kSquare, mrPlane(0, 0, 1, 0.005f), 1, SAME, {}); // on the plane, kept
+    check(kSquare, mrPlane(0, 0, 1, 0), 0, NONE, {});      // on the plane, not kept
+    check(kSquare, mrPlane(0, 0, 1, -5), 1, SAME, {});     // wholly in front
+    check(kSquare, mrPlane(0, 0, 1, 5), 1, NONE, {});      // wholly behind: released
+    // x = 4.99 is 0.01 from the plane x = 5 (on it), the rest behind: nothing in front.
+    check({V(4.99f, 0, 0), V(0, 0, 0), V(0, 10, 0)}, mrPlane(1, 0, 0, 5), 1, NONE, {});
+    check(kSquare, mrPlane(1, 0, 0, 4), 1, NEW, {V(4, 0, 0), V(10, 0, 0), V(10, 10, 0), V(4, 10, 0)});
+    // Exactly axial normals: the crossing coordinate is dist (or -dist) as given.
+    check({V(0, 0, 0), V(1, 0, 0), V(1, 1, 0)}, mrPlane(-1, 0, 0, -0.3f), 1, NEW,
+          {V(0, 0, 0), V(0.3f, 0, 0), V(0.3f, 0.3f, 0)});
+    // With the distances rounded to float first, the crossing on the first edge would
+    // land on x = 8 exactly; kept in double it lands one float step below.
+    check({V(42, 64, 0), V(-75, -53, 0), V(-75, 64, 0)}, mrPlane(0.6f, 0.8f, 0, 28.8f), 1, NEW,
+          {V(42, 64, 0), V(0x1.fffffcp+2f, 30, 0), V(-0x1.2aaaacp+5f, 64, 0)});
+    check({}, mrPlane(1, 0, 0, 0), 1, SAME, {}); // an empty winding stays
 }
 
 TEST(WindingDivide, GivesTheWindingItselfOrTwoNewPartsSharingCrossings)
 {
-    struct Case
+    int row = 0;
+    auto check =
+        [&](const Points& in, mrPlane plane, int front, int back, const Points& frontPts, const Points& backPts)
     {
-        Points in;
-        mrPlane plane;
-        Result front, back;
-        Points frontPts, backPts;
-    } cases[] = {
-        {kSquare, mrPlane(0, 0, -1, 0), SAME, NONE, {}, {}}, // on the plane: front
-        {kSquare, mrPlane(1, 0, 0, 20), NONE, SAME, {}, {}},
-        {kSquare, mrPlane(1, 0, 0, 0), SAME, NONE, {}, {}}, // one corner on the plane, the rest in front
-        {kSquare,
-         mrPlane(0, 1, 0, 5),
-         NEW,
-         NEW,
-         {V(10, 5, 0), V(10, 10, 0), V(0, 10, 0), V(0, 5, 0)},
-         {V(0, 0, 0), V(10, 0, 0), V(10, 5, 0), V(0, 5, 0)}},
-        // The apex on the plane belongs to both parts.
-        {{V(0, 10, 0), V(-5, 0, 0), V(5, 0, 0)},
-         mrPlane(1, 0, 0, 0),
-         NEW,
-         NEW,
-         {V(0, 10, 0), V(0, 0, 0), V(5, 0, 0)},
-         {V(0, 10, 0), V(-5, 0, 0), V(0, 0, 0)}},
-    };
-    for (Case& c : cases)
-    {
-        SCOPED_TRACE(&c - cases);
-        mrWinding* w = makeWinding(c.in);
-        mrWinding *front = w, *back = w;
-        mrWinding::divide(w, &c.plane, &front, &back);
-        expectResult(front, w, c.front, c.frontPts);
-        expectResult(back, w, c.back, c.backPts);
-        EXPECT_EQ(points(w), c.in); // left to the caller, untouched
+        SCOPED_TRACE(row++);
+        mrWinding* w = makeWinding(in);
+        mrWinding *f = w, *b = w;
+        mrWinding::divide(w, &plane, &f, &b);
+        expectResult(f, w, front, frontPts);
+        expectResult(b, w, back, backPts);
+        EXPECT_EQ(points(w), in); // left to the caller, untouched
         delete w;
-    }
+    };
+    check(kSquare, mrPlane(0, 0, -1, 0), SAME, NONE, {}, {}); // on the plane: front
+    check(kSquare, mrPlane(1, 0, 0, 20), NONE, SAME, {}, {});
+    check(kSquare, mrPlane(1, 0, 0, 0), SAME, NONE, {}, {}); // one corner on the plane, the rest in front
+    check(kSquare, mrPlane(0, 1, 0, 5), NEW, NEW, {V(10, 5, 0), V(10, 10, 0), V(0, 10, 0), V(0, 5, 0)},
+          {V(0, 0, 0), V(10, 0, 0), V(10, 5, 0), V(0, 5, 0)});
+    // The apex on the plane belongs to both parts.
+    check({V(0, 10, 0), V(-5, 0, 0), V(5, 0, 0)}, mrPlane(1, 0, 0, 0), NEW, NEW, {V(0, 10, 0), V(0, 0, 0), V(5, 0, 0)},
+          {V(0, 10, 0), V(-5, 0, 0), V(0, 0, 0)});
 }

@@ -1,5 +1,7 @@
 // The growable array, BSP faces with their split, and surface bounds.
 #include <initializer_list>
+#include <memory>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,6 +22,20 @@ std::vector<V> points(const mrBSPFace* f)
     for (int i = 0; i < f->m_winding->m_numpoints; ++i)
         out.push_back(f->m_winding->m_points[(uint32_t)i]);
     return out;
+}
+
+mrBSPFace* withPoints(mrPlane* plane, const std::vector<V>& pts)
+{
+    mrBSPFace* f = makeFace(plane, {});
+    for (const V& p : pts)
+        f->m_winding->addPoint(p);
+    return f;
+}
+
+void deleteAll(std::initializer_list<mrBSPFace*> faces)
+{
+    for (mrBSPFace* f : faces)
+        delete f;
 }
 
 // A face whose winding has been taken away.
@@ -45,23 +61,21 @@ public:
 
 TEST(DynamicArray, IndexingAtOrPastTheEndGrowsToSizePlusIndexPlusEight)
 {
-    struct Case
-    {
-        uint32_t size, index, grown;
-    } cases[] = {{0, 0, 8}, {0, 5, 13}, {8, 7, 8}, {8, 8, 24}, {10, 100, 118}};
-    for (const Case& c : cases)
+    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {
+        {0, 0, 8}, {0, 5, 13}, {8, 7, 8}, {8, 8, 24}, {10, 100, 118}};
+    for (auto [size, index, grown] : cases)
     {
         mrDynamicArray<int> a;
-        a.resize(c.size);
-        for (uint32_t i = 0; i < c.size; ++i)
+        a.resize(size);
+        for (uint32_t i = 0; i < size; ++i)
             a[i] = (int)i * 3;
         int* block = a.m_data;
-        a[c.index] = 42;
-        EXPECT_EQ(a.m_size, c.grown) << c.size << " " << c.index;
-        EXPECT_TRUE(c.grown != c.size || a.m_data == block) << "no reallocation without growth";
-        for (uint32_t i = 0; i < c.size; ++i)
-            EXPECT_EQ(a[i], i == c.index ? 42 : (int)i * 3);
-        EXPECT_EQ(a[c.index], 42);
+        a[index] = 42;
+        EXPECT_EQ(a.m_size, grown) << size << " " << index;
+        EXPECT_TRUE(grown != size || a.m_data == block) << "no reallocation without growth";
+        for (uint32_t i = 0; i < size; ++i)
+            EXPECT_EQ(a[i], i == index ? 42 : (int)i * 3);
+        EXPECT_EQ(a[index], 42);
     }
 
     mrDynamicArray<float> seq;
@@ -87,20 +101,16 @@ TEST(DynamicArray, ResizeCopyAndSelfAssignment)
     a.resize(5);
     EXPECT_EQ(a.m_data, block);
     mrDynamicArray<int> copy(a);
-    EXPECT_EQ(copy.m_size, 5u);
+    EXPECT_EQ(std::make_tuple(copy.m_size, copy[4]), std::make_tuple(5u, 9));
     EXPECT_NE(copy.m_data, a.m_data);
-    EXPECT_EQ(copy[4], 9);
     mrDynamicArray<int>& self = a;
     a = self;
-    EXPECT_EQ(a.m_data, block);
-    EXPECT_EQ(a[4], 9);
+    EXPECT_EQ(std::make_tuple(a.m_data, a[4]), std::make_tuple(block, 9));
     a.resize(0);
-    EXPECT_EQ(a.m_data, nullptr);
-    EXPECT_EQ(a.m_size, 0u);
+    EXPECT_EQ(std::make_tuple(a.m_data, a.m_size), std::make_tuple((int*)nullptr, 0u));
     mrDynamicArray<int> empty, target(copy);
     target = empty;
-    EXPECT_EQ(target.m_data, nullptr);
-    EXPECT_EQ(target.m_size, 0u);
+    EXPECT_EQ(std::make_tuple(target.m_data, target.m_size), std::make_tuple((int*)nullptr, 0u));
 }
 
 // ---------------------------------------------------------------- face records
@@ -117,17 +127,13 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
     mrBSPFace other;
     src->m_next = &other;
 
-    mrBSPFace dst;
+    mrBSPFace dst; // not listed, not linked
     mrWinding* ownWinding = dst.m_winding;
-    dst.m_next = nullptr;
     dst = *src;
     EXPECT_EQ(dst.m_winding, ownWinding);
     EXPECT_EQ(points(&dst), points(src));
-    EXPECT_EQ(dst.m_plane, &plane);
-    EXPECT_EQ(dst.m_original, src);
-    EXPECT_EQ(dst.m_contents, 3);
-    EXPECT_EQ(dst.m_backContents, 4);
-    EXPECT_EQ(dst.m_polyIndex, 7);
+    EXPECT_EQ(std::make_tuple(dst.m_plane, dst.m_original, dst.m_contents, dst.m_backContents, dst.m_polyIndex),
+              std::make_tuple(&plane, src, 3, 4, 7));
     EXPECT_EQ(dst.m_next, nullptr);
     EXPECT_EQ(dst.m_linked + dst.m_reserved, 0);
     // A change to the source's points does not reach the copy.
@@ -139,8 +145,7 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
         mrBSPFace copy(*src);
         EXPECT_NE(copy.m_winding, src->m_winding);
         EXPECT_EQ(points(&copy), points(src));
-        EXPECT_EQ(copy.m_linked, 1);
-        EXPECT_EQ(copy.m_original, src);
+        EXPECT_EQ(std::make_tuple(copy.m_linked, copy.m_original), std::make_tuple(1, src));
     }
     EXPECT_EQ(src->m_winding->m_numpoints, 3);
     delete src;
@@ -151,27 +156,21 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
 TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchanged)
 {
     mrPlane split(0, 0, 1, 0);
-    struct Case
-    {
-        std::vector<V> points;
-        bool front;
-    } cases[] = {
+    const std::pair<std::vector<V>, bool> cases[] = {
         {{V(0, 0, 1), V(1, 0, 1), V(0, 1, 2)}, true},
         {{V(0, 0, -1), V(1, 0, -1), V(0, 1, -2)}, false},
         {{V(0, 0, 0.005f), V(1, 0, -0.005f), V(0, 1, 0)}, false}, // in the plane: back
         {{V(0, 0, 0.01f), V(1, 0, 0), V(0, 1, 0)}, false},        // exactly 0.01 is on the plane
         {{V(0, 0, 0.0100001f), V(1, 0, 0), V(0, 1, 0)}, true},    // just above is in front
     };
-    for (const Case& c : cases)
+    for (const auto& [pts, toFront] : cases)
     {
-        mrBSPFace* f = makeFace(&split, {});
-        for (const V& p : c.points)
-            f->m_winding->addPoint(p);
+        mrBSPFace* f = withPoints(&split, pts);
         mrBSPFace *front = f, *back = f;
         mrBSPFace::splitFace(f, &split, &front, &back);
-        EXPECT_EQ(front, c.front ? f : nullptr) << &c - cases;
-        EXPECT_EQ(back, c.front ? nullptr : f) << &c - cases;
-        EXPECT_EQ(points(f), c.points);
+        EXPECT_EQ(front, toFront ? f : nullptr) << pts[0].z;
+        EXPECT_EQ(back, toFront ? nullptr : f) << pts[0].z;
+        EXPECT_EQ(points(f), pts);
         delete f;
     }
 }
@@ -190,12 +189,9 @@ TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
     EXPECT_EQ(points(front), (std::vector<V>{V(1, 0, 0), V(4, 0, 0), V(4, 4, 0), V(1, 4, 0)}));
     for (mrBSPFace* piece : {front, back})
     {
-        EXPECT_EQ(piece->m_plane, &facePlane);
-        EXPECT_EQ(piece->m_original, sq);
-        EXPECT_EQ(piece->m_backContents, 1);
-        EXPECT_EQ(piece->m_polyIndex, 12);
-        EXPECT_EQ(piece->m_next, nullptr);
-        EXPECT_EQ(piece->m_linked, 0);
+        EXPECT_EQ(std::make_tuple(piece->m_plane, piece->m_original, piece->m_backContents, piece->m_polyIndex,
+                                  piece->m_next, piece->m_linked),
+                  std::make_tuple(&facePlane, sq, 1, 12, (mrBSPFace*)nullptr, 0));
         delete piece;
     }
     delete sq;
@@ -205,9 +201,7 @@ TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
     ASSERT_TRUE(front && back);
     EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(2, -1, 0), V(2, 0, 0)}));
     EXPECT_EQ(points(front), (std::vector<V>{V(0, 0, 0), V(2, 0, 0), V(2, 1, 0)}));
-    delete front;
-    delete back;
-    delete tri;
+    deleteAll({front, back, tri});
 }
 
 TEST(SplitFace, CrossingsAreSnappedOnAxialPlanesAndInterpolatedInFloatOtherwise)
@@ -223,11 +217,8 @@ TEST(SplitFace, CrossingsAreSnappedOnAxialPlanesAndInterpolatedInFloatOtherwise)
         ASSERT_TRUE(front && back);
         std::vector<V> first = points(sign > 0 ? back : front); // the piece holding point 0
         ASSERT_EQ(first.size(), 3u);
-        EXPECT_EQ(first[1].x, 1.7f);
-        EXPECT_EQ(first[2].x, 1.7f);
-        delete front;
-        delete back;
-        delete tri;
+        EXPECT_EQ(std::make_tuple(first[1].x, first[2].x), std::make_tuple(1.7f, 1.7f));
+        deleteAll({front, back, tri});
     }
 
     mrPlane split(0.6f, 0.8f, 0, 1.3f);
@@ -239,9 +230,7 @@ TEST(SplitFace, CrossingsAreSnappedOnAxialPlanesAndInterpolatedInFloatOtherwise)
     // Distances kept in double would give (1.24240971, 0.693192601, -0.384010404).
     EXPECT_EQ(points(front)[1], V(1.242409586906433f, 0.6931924819946289f, -0.3840104937553406f));
     EXPECT_EQ(points(back)[0], points(front)[1]);
-    delete front;
-    delete back;
-    delete tri;
+    deleteAll({front, back, tri});
 }
 
 TEST(SplitFace, OriginalSurvivesItsCutAPieceDoesNot)
@@ -270,11 +259,8 @@ TEST(SplitFace, OriginalSurvivesItsCutAPieceDoesNot)
     mrBSPFace *front2, *back2;
     mrBSPFace::splitFace(piece, &split2, &front2, &back2);
     EXPECT_TRUE(pieceGone);
-    EXPECT_EQ(front2->m_original, original);
-    EXPECT_EQ(back2->m_original, original);
-    delete front2;
-    delete back2;
-    delete original;
+    EXPECT_EQ(std::make_tuple(front2->m_original, back2->m_original), std::make_tuple(original, original));
+    deleteAll({front2, back2, original});
     EXPECT_TRUE(originalGone);
 }
 
@@ -301,36 +287,25 @@ TEST(SplitFace, MissingOrReleasedWindingIsReportedAndGoesBackWhole)
 TEST(SurfaceBounds, BoxEnclosesEveryPointOfEveryFace)
 {
     mrPlane plane(0, 0, 1, 0);
-    struct Case
-    {
-        std::vector<std::vector<V>> faces;
-        V mins, maxs;
-    } cases[] = {
+    const std::tuple<std::vector<std::vector<V>>, V, V> cases[] = {
         {{{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}}, V(0, 0, 0), V(4, 2, 0)},
         {{{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}, {V(-3, 5, 1)}}, V(-3, 0, 0), V(4, 5, 1)},
         {{{V(-3, 5, 1)}}, V(-3, 5, 1), V(-3, 5, 1)}, // one point sets minimum and maximum
         // Points beyond the starting values.
         {{{V(-200000, 150000, 0), V(300000, -250000, 0), V(0, 0, 0)}}, V(-200000, -250000, 0), V(300000, 150000, 0)},
     };
-    for (const Case& c : cases)
+    for (const auto& [faces, mins, maxs] : cases)
     {
-        mrBSPSurface s;
-        mrBSPFace** tail = &s.m_faces;
-        for (const std::vector<V>& pts : c.faces)
+        mrBSPSurface s; // does not own its faces
+        std::vector<std::unique_ptr<mrBSPFace>> owned;
+        for (const std::vector<V>& pts : faces)
         {
-            *tail = makeFace(&plane, {});
-            for (const V& p : pts)
-                (*tail)->m_winding->addPoint(p);
-            tail = &(*tail)->m_next;
+            owned.emplace_back(withPoints(&plane, pts));
+            owned.back()->m_next = s.m_faces;
+            s.m_faces = owned.back().get();
         }
         s.calcBounds();
-        EXPECT_EQ(s.m_mins, c.mins) << &c - cases;
-        EXPECT_EQ(s.m_maxs, c.maxs) << &c - cases;
-        for (mrBSPFace *f = s.m_faces, *next; f; f = next)
-        {
-            next = f->m_next;
-            delete f;
-        }
+        EXPECT_EQ(std::make_pair(s.m_mins, s.m_maxs), std::make_pair(mins, maxs)) << faces[0][0].x;
     }
 }
 
@@ -340,8 +315,9 @@ TEST(SurfaceBounds, MissingFacesAndWindingsAreReported)
     mrBSPSurface none;
     none.calcBounds();
     rec.expect({{"0", "mrBSPSurface", 0, "mrBSPSurface::calcBounds: surface without a face"}});
-    EXPECT_EQ(none.m_mins, V(99999, 99999, 99999)) << "the inverted box stays";
-    EXPECT_EQ(none.m_maxs, V(-99999, -99999, -99999));
+    EXPECT_EQ(std::make_pair(none.m_mins, none.m_maxs),
+              std::make_pair(V(99999, 99999, 99999), V(-99999, -99999, -99999)))
+        << "the inverted box stays";
 
     // A face without a winding is skipped.
     rec.clear();
@@ -353,8 +329,6 @@ TEST(SurfaceBounds, MissingFacesAndWindingsAreReported)
     s.m_faces = bare;
     s.calcBounds();
     EXPECT_EQ(rec.count("w"), 1u);
-    EXPECT_EQ(s.m_mins, V(1, 1, 0));
-    EXPECT_EQ(s.m_maxs, V(2, 3, 0));
-    delete bare;
-    delete tri;
+    EXPECT_EQ(std::make_pair(s.m_mins, s.m_maxs), std::make_pair(V(1, 1, 0), V(2, 3, 0)));
+    deleteAll({bare, tri});
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <string>
 #include <tuple>
@@ -17,58 +18,43 @@
 #include "portals/mrBSPPortal.h"
 #include "portals/mrBSPPortalizer.h"
 #include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
 #include "support/TestSupport.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace
 {
 typedef srVector3T<float> V;
 typedef std::vector<V> Points;
+typedef std::vector<mrBSPPortal*> Portals;
 
 // Nodes and planes made by hand, released with the holder.
-class HandTree
+struct HandTree
 {
-public:
-    ~HandTree()
+    std::vector<std::unique_ptr<mrBSPNode>> nodes;
+    std::vector<std::unique_ptr<mrPlane>> planes;
+    mrBSPNode* leaf(int contents, V mins = V(), V maxs = V())
     {
-        for (mrBSPNode* n : m_nodes)
-            delete n;
-        for (mrPlane* p : m_planes)
-            delete p;
-    }
-    mrBSPNode* leaf(int contents)
-    {
-        m_nodes.push_back(new mrBSPNode);
-        m_nodes.back()->m_contents = contents;
-        return m_nodes.back();
+        nodes.emplace_back(new mrBSPNode);
+        nodes.back()->m_contents = contents;
+        nodes.back()->m_mins = mins;
+        nodes.back()->m_maxs = maxs;
+        return nodes.back().get();
     }
     // A decision node on the plane x = dist (or the given normal), with the box of head
     // trees: (-64, -64, -64) to (64, 64, 64).
     mrBSPNode* split(mrBSPNode* front, mrBSPNode* back, float dist = 0, V normal = V(1, 0, 0))
     {
-        m_planes.push_back(new mrPlane(normal.x, normal.y, normal.z, dist));
-        mrBSPNode* n = leaf(0);
-        n->m_plane = m_planes.back();
+        planes.emplace_back(new mrPlane(normal.x, normal.y, normal.z, dist));
+        mrBSPNode* n = leaf(0, V(-64, -64, -64), V(64, 64, 64));
+        n->m_plane = planes.back().get();
         n->m_children[0] = front;
         n->m_children[1] = back;
-        setBox(n, V(-64, -64, -64), V(64, 64, 64));
         return n;
     }
-    static void setBox(mrBSPNode* n, V mins, V maxs)
-    {
-        n->m_mins = mins;
-        n->m_maxs = maxs;
-    }
-
-private:
-    std::vector<mrBSPNode*> m_nodes;
-    std::vector<mrPlane*> m_planes;
 };
 
-std::vector<mrBSPPortal*> portalsOf(const mrBSPNode* node)
+Portals portalsOf(const mrBSPNode* node)
 {
-    std::vector<mrBSPPortal*> out;
+    Portals out;
     for (mrBSPPortal* p = node->m_portals; p && (p->m_nodes[0] == node || p->m_nodes[1] == node);
          p = p->m_next[p->m_nodes[0] == node ? 0 : 1])
         out.push_back(p);
@@ -83,41 +69,27 @@ Points pointsOf(const mrWinding* w)
     return out;
 }
 
-mrWinding* winding(const Points& pts)
-{
-    mrWinding* w = new mrWinding(4);
-    for (const V& p : pts)
-        w->addPoint(p);
-    return w;
-}
-
 // Box of a winding's points.
-void bounds(const mrWinding* w, V& lo, V& hi)
+std::pair<V, V> bounds(const mrWinding* w)
 {
-    lo = V(1e30f, 1e30f, 1e30f);
-    hi = V(-1e30f, -1e30f, -1e30f);
+    V lo(1e30f, 1e30f, 1e30f), hi(-1e30f, -1e30f, -1e30f);
     for (const V& p : pointsOf(w))
         for (int k = 0; k < 3; ++k)
         {
             lo[k] = std::min(lo[k], p[k]);
             hi[k] = std::max(hi[k], p[k]);
         }
+    return {lo, hi};
 }
 
-mrBSPPortal* addPortal(mrBSPPortalizer& pz, mrPlane* plane, mrBSPNode* front, mrBSPNode* back, const Points& pts)
+void addPortal(mrBSPPortalizer& pz, mrPlane* plane, mrBSPNode* front, mrBSPNode* back, const Points& pts)
 {
     mrBSPPortal* p = new mrBSPPortal;
     p->m_plane = plane;
-    p->m_winding = winding(pts);
+    p->m_winding = new mrWinding(4);
+    for (const V& v : pts)
+        p->m_winding->addPoint(v);
     pz.addPortalToNodes(p, front, back);
-    return p;
-}
-
-// Portalizes quietly.
-void portalize(mrBSPPortalizer& pz, mrBSPNode* head)
-{
-    mtest::LogCapture log;
-    pz.portalize(head);
 }
 
 // Writes the portal file of head into a fresh directory and returns its text; the
@@ -138,52 +110,58 @@ std::string portalFileOf(mrBSPNode* head, std::string* log = nullptr)
 // ---------------------------------------------------------------------------------------
 // Outer portals
 
-TEST(HeadnodePortals, SingleLeafGetsSixBoxFacesJoiningTheOutside)
+TEST(SingleLeaf, GetsSixBoxFacesJoiningTheOutsideAndWritesItsPortalFileInTheCurrentDirectory)
 {
-    HandTree t;
-    mrBSPNode* head = t.leaf(0);
-    HandTree::setBox(head, V(0, 0, 0), V(64, 64, 64));
-    mrBSPPortalizer pz;
-    mtest::LogCapture log;
-    pz.portalize(head);
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{"----- Portalize ----", "Creating headnode portals: {0,0,0}{64,64,64}",
-                                        "Number of degenerate portals 0"}));
-    EXPECT_EQ(pz.m_num_degenerate, 0);
-    EXPECT_EQ(pz.m_outsideNode.m_contents, 1);
-
-    // Created in the order 0, 3, 1, 4, 2, 5 and pushed at the head: the list runs backwards.
-    std::vector<mrBSPPortal*> list = portalsOf(head);
-    ASSERT_EQ(list.size(), 6u);
-    EXPECT_EQ(portalsOf(&pz.m_outsideNode), list);
-    const V normals[6] = {V(0, 0, -1), V(0, 0, 1), V(0, -1, 0), V(0, 1, 0), V(-1, 0, 0), V(1, 0, 0)};
-    const float dists[6] = {-88, -24, -88, -24, -88, -24};
-    for (size_t i = 0; i < 6; ++i)
+    for (int contents = 0; contents < 2; ++contents)
     {
-        mrBSPPortal* p = list[i];
-        EXPECT_EQ(p->m_nodes[0], head);
-        EXPECT_EQ(p->m_nodes[1], &pz.m_outsideNode);
-        EXPECT_EQ(p->m_plane->m_normal, normals[i]) << i;
-        EXPECT_EQ(p->m_plane->m_dist, dists[i]) << i;
-        // A square of side 112 on the widened box face.
-        ASSERT_EQ(p->m_winding->m_numpoints, 4);
-        V lo, hi;
-        bounds(p->m_winding, lo, hi);
-        for (int k = 0; k < 3; ++k)
+        SCOPED_TRACE(contents);
+        HandTree t;
+        mrBSPNode* head = t.leaf(contents, V(0, 0, 0), V(64, 64, 64));
+        mrBSPPortalizer pz;
+        mtest::LogCapture log;
+        pz.portalize(head);
+        EXPECT_EQ(log.text(), "----- Portalize ----\nCreating headnode portals: {0,0,0}{64,64,64}\n"
+                              "Number of degenerate portals 0\n");
+        EXPECT_EQ(std::make_tuple(pz.m_num_degenerate, pz.m_outsideNode.m_contents), std::make_tuple(0, 1));
+        // Created in the order 0, 3, 1, 4, 2, 5 and pushed at the head: the list runs backwards.
+        Portals list = portalsOf(head);
+        ASSERT_EQ(list.size(), 6u);
+        EXPECT_EQ(portalsOf(&pz.m_outsideNode), list);
+        const V normals[6] = {V(0, 0, -1), V(0, 0, 1), V(0, -1, 0), V(0, 1, 0), V(-1, 0, 0), V(1, 0, 0)};
+        const float dists[6] = {-88, -24, -88, -24, -88, -24};
+        for (size_t i = 0; i < 6; ++i)
         {
-            EXPECT_EQ(lo[k], normals[i][k] != 0 ? hi[k] : -24.0f) << i << k;
-            EXPECT_EQ(hi[k], normals[i][k] != 0 ? lo[k] : 88.0f) << i << k;
+            mrBSPPortal* p = list[i];
+            EXPECT_EQ(std::make_tuple(p->m_nodes[0], p->m_nodes[1], p->m_plane->m_normal, p->m_plane->m_dist),
+                      std::make_tuple(head, &pz.m_outsideNode, normals[i], dists[i]))
+                << i;
+            // A square of side 112 on the widened box face.
+            ASSERT_EQ(p->m_winding->m_numpoints, 4);
+            V lo(-24, -24, -24), hi(88, 88, 88);
+            for (int k = 0; k < 3; ++k)
+                if (normals[i][k] != 0)
+                    lo[k] = hi[k] = normals[i][k] * dists[i];
+            EXPECT_EQ(bounds(p->m_winding), std::make_pair(lo, hi)) << i;
         }
+
+        mtest::TempDir dir;
+        log.clear();
+        std::string out;
+        mtest::inDirectory(dir.path(), [&] { out = mtest::stdoutOf([&] { mrBSPPortalizer::writePortalfile(head); }); });
+        EXPECT_EQ(out, "writing test.prt\n");
+        EXPECT_EQ(head->m_leafnum, contents ? -1 : 0);
+        EXPECT_EQ(mtest::readFile(dir.file("test.prt")), contents ? "PRT\n0\n0\n" : "PRT\n1\n0\n");
+        EXPECT_FALSE(std::filesystem::exists(dir.file("test.prt.tmp")));
+        EXPECT_NE(log.text().find(contents ? "Writing 0 visleafs 0 visportals\n" : "Writing 1 visleafs 0 visportals\n"),
+                  std::string::npos);
+        pz.releasePortals(head);
+        EXPECT_EQ(std::make_tuple(head->m_portals, pz.m_outsideNode.m_portals), std::make_tuple(nullptr, nullptr));
     }
-    pz.releasePortals(head);
-    EXPECT_EQ(head->m_portals, nullptr);
-    EXPECT_EQ(pz.m_outsideNode.m_portals, nullptr);
 }
 
-TEST(HeadnodePortals, LogLineUsesDefaultFloatFormat)
+TEST(HeadnodePortals, LogLineUsesDefaultFloatFormatAndAnInvertedBoxLosesEveryWinding)
 {
     HandTree t;
-    mrBSPNode* head = t.leaf(1);
     mrBSPPortalizer pz;
     mtest::AssertRecorder rec;
     const std::tuple<V, V, const char*> cases[] = {
@@ -192,89 +170,106 @@ TEST(HeadnodePortals, LogLineUsesDefaultFloatFormat)
     };
     for (const auto& c : cases)
     {
-        HandTree::setBox(head, std::get<0>(c), std::get<1>(c));
+        mrBSPNode* head = t.leaf(1, std::get<0>(c), std::get<1>(c));
         mtest::LogCapture log;
         pz.makeHeadnodePortals(head);
         EXPECT_EQ(log.text(), std::get<2>(c));
         pz.releasePortals(head);
     }
     EXPECT_TRUE(rec.reports().empty());
-}
 
-TEST(HeadnodePortals, InvertedBoxReportsLostWindings)
-{
-    HandTree t;
-    mrBSPNode* head = t.leaf(0);
-    HandTree::setBox(head, V(100, 100, 100), V(-100, -100, -100));
-    mrBSPPortalizer pz;
+    mrBSPNode* head = t.leaf(0, V(100, 100, 100), V(-100, -100, -100));
     mtest::LogCapture log;
-    mtest::AssertRecorder rec;
     pz.makeHeadnodePortals(head);
     // Every outer portal is clipped away by a plane of the far side before its last plane.
     ASSERT_EQ(rec.count("portals[i]->m_winding"), 6u);
     for (const mtest::AssertReport& r : rec.reports())
         EXPECT_TRUE(r.source == "mrBSPPortalizer" && !r.hasMessage) << r.source << ": " << r.message;
-
     // Portals without windings make no polygon but are reported by the mesh builder.
     rec.clear();
     srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
     EXPECT_EQ(rec.count("w->m_numpoints>=3"), 6u);
     EXPECT_EQ(mesh->m_numpolys, 0);
-    delete mesh;
-    for (uint32_t i = 0; i < 256; ++i)
-        delete mrBSPPortalizer::m_materials[i];
+    mtest::VisRun::releasePortalMesh(mesh);
     pz.releasePortals(head);
 }
 
 // ---------------------------------------------------------------------------------------
 // Node portals
 
-TEST(NodePortals, OneSplitMakesTheCrossSectionAndHandsOuterPortalsDown)
+// One split of the head box on x = 0; the back leaf is open or solid.
+TEST(OneSplit, CrossSectionJoinsTheLeavesOuterPortalsGoDownAndOpenLeavesAreWrittenAndMeshed)
 {
-    HandTree t;
-    mrBSPNode *front = t.leaf(0), *back = t.leaf(0);
-    mrBSPNode* head = t.split(front, back);
-    mrBSPPortalizer pz;
-    portalize(pz, head);
-    EXPECT_EQ(head->m_portals, nullptr);
-    std::vector<mrBSPPortal*> f = portalsOf(front), b = portalsOf(back);
-    ASSERT_EQ(f.size(), 6u);
-    ASSERT_EQ(b.size(), 6u);
-    EXPECT_EQ(portalsOf(&pz.m_outsideNode).size(), 10u);
-    // The node portal is the cross-section of the widened box joining both leaves.
-    auto node = std::find_if(f.begin(), f.end(), [&](mrBSPPortal* p) { return p->m_plane == head->m_plane; });
-    ASSERT_NE(node, f.end());
-    EXPECT_EQ((*node)->m_nodes[0], front);
-    EXPECT_EQ((*node)->m_nodes[1], back);
-    EXPECT_EQ(pointsOf((*node)->m_winding), (Points{V(0, 88, 88), V(0, -88, 88), V(0, -88, -88), V(0, 88, -88)}));
-    for (mrBSPNode* leaf : {front, back})
-        for (mrBSPPortal* p : portalsOf(leaf))
-        {
-            if (p->m_plane == head->m_plane)
-                continue;
-            // Orientation survives: the leaf takes the front slot the head had.
-            EXPECT_EQ(p->m_nodes[0], leaf);
-            EXPECT_EQ(p->m_nodes[1], &pz.m_outsideNode);
-            V lo, hi;
-            bounds(p->m_winding, lo, hi);
-            EXPECT_TRUE(leaf == front ? lo.x >= 0 : hi.x <= 0);
-            EXPECT_TRUE(p->m_plane->m_normal.x != 0 || hi.x - lo.x == 88.0f); // a half of a split face
-        }
-    // The high x face goes whole to the front leaf, the low x face to the back leaf.
-    EXPECT_EQ(f[0]->m_plane->m_normal, V(-1, 0, 0));
-    EXPECT_EQ(b[0]->m_plane->m_normal, V(1, 0, 0));
+    for (int backContents = 0; backContents < 2; ++backContents)
+    {
+        SCOPED_TRACE(backContents);
+        HandTree t;
+        mrBSPNode *front = t.leaf(0), *back = t.leaf(backContents);
+        mrBSPNode* head = t.split(front, back);
+        mrBSPPortalizer pz;
+        mtest::LogCapture quiet;
+        pz.portalize(head);
+        EXPECT_EQ(head->m_portals, nullptr);
+        Portals f = portalsOf(front), b = portalsOf(back);
+        ASSERT_EQ(std::make_tuple(f.size(), b.size(), portalsOf(&pz.m_outsideNode).size()),
+                  std::make_tuple(6u, 6u, 10u));
+        // The node portal is the cross-section of the widened box joining both leaves.
+        auto node = std::find_if(f.begin(), f.end(), [&](mrBSPPortal* p) { return p->m_plane == head->m_plane; });
+        ASSERT_NE(node, f.end());
+        EXPECT_EQ(std::make_pair((*node)->m_nodes[0], (*node)->m_nodes[1]), std::make_pair(front, back));
+        EXPECT_EQ(pointsOf((*node)->m_winding), (Points{V(0, 88, 88), V(0, -88, 88), V(0, -88, -88), V(0, 88, -88)}));
+        for (mrBSPNode* leaf : {front, back})
+            for (mrBSPPortal* p : portalsOf(leaf))
+            {
+                if (p->m_plane == head->m_plane)
+                    continue;
+                // Orientation survives: the leaf takes the front slot the head had.
+                EXPECT_EQ(std::make_pair(p->m_nodes[0], p->m_nodes[1]), std::make_pair(leaf, &pz.m_outsideNode));
+                auto [lo, hi] = bounds(p->m_winding);
+                EXPECT_TRUE(leaf == front ? lo.x >= 0 : hi.x <= 0);
+                EXPECT_TRUE(p->m_plane->m_normal.x != 0 || hi.x - lo.x == 88.0f); // a half of a split face
+            }
+        // The high x face goes whole to the front leaf, the low x face to the back leaf.
+        EXPECT_EQ(std::make_pair(f[0]->m_plane->m_normal, b[0]->m_plane->m_normal),
+                  std::make_pair(V(-1, 0, 0), V(1, 0, 0)));
 
-    // freeAllPortals empties every list; a second call has nothing left to free.
-    std::set<mrPlane*> outer;
-    for (mrBSPPortal* p : portalsOf(&pz.m_outsideNode))
-        outer.insert(p->m_plane);
-    ASSERT_EQ(outer.size(), 6u);
-    mrBSPPortalizer::freeAllPortals(head);
-    for (mrBSPNode* n : {head, front, back, &pz.m_outsideNode})
-        EXPECT_EQ(n->m_portals, nullptr);
-    mrBSPPortalizer::freeAllPortals(head);
-    for (mrPlane* p : outer) // the outer planes are the caller's
-        delete p;
+        // Only open leaves are numbered and joined by a portal line.
+        std::string log;
+        const std::string file = portalFileOf(head, &log);
+        EXPECT_EQ(std::make_pair(front->m_leafnum, back->m_leafnum), std::make_pair(0, backContents ? -1 : 1));
+        EXPECT_EQ(file,
+                  backContents ? "PRT\n1\n0\n" : "PRT\n2\n1\n4 0 1 (0 88 88 ) (0 -88 88 ) (0 -88 -88 ) (0 88 -88 ) \n");
+        EXPECT_EQ(log, backContents ? "Writing 1 visleafs 0 visportals\n" : "Writing 2 visleafs 1 visportals\n");
+        EXPECT_EQ(portalFileOf(head), file) << "the counters are reset for every file";
+
+        // Open front, solid back: every portal of the front leaf makes a polygon, its points backwards.
+        if (backContents)
+        {
+            srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
+            EXPECT_EQ(std::make_tuple(mrBSPPortalizer::m_polycount, mesh->m_numpolys), std::make_tuple(6, 12));
+            EXPECT_EQ(mesh->m_outlineSizes, std::vector<int>(6, 4));
+            for (size_t i = 0; i < 6; ++i)
+            {
+                Points pts = pointsOf(f[i]->m_winding);
+                EXPECT_EQ(Points(mesh->m_verts.begin() + 4 * i, mesh->m_verts.begin() + 4 * i + 4),
+                          Points(pts.rbegin(), pts.rend()))
+                    << i;
+            }
+            mtest::VisRun::releasePortalMesh(mesh);
+        }
+
+        // freeAllPortals empties every list; a second call has nothing left to free.
+        std::set<mrPlane*> outer;
+        for (mrBSPPortal* p : portalsOf(&pz.m_outsideNode))
+            outer.insert(p->m_plane);
+        ASSERT_EQ(outer.size(), 6u);
+        mrBSPPortalizer::freeAllPortals(head);
+        for (mrBSPNode* n : {head, front, back, &pz.m_outsideNode})
+            EXPECT_EQ(n->m_portals, nullptr);
+        mrBSPPortalizer::freeAllPortals(head);
+        for (mrPlane* p : outer) // the outer planes are the caller's
+            delete p;
+    }
 }
 
 TEST(NodePortals, ClippedAwayNodePortalCountsAsDegenerate)
@@ -293,33 +288,26 @@ TEST(NodePortals, ClippedAwayNodePortalCountsAsDegenerate)
     pz.releasePortals(head);
 }
 
-TEST(PortalLinks, RemovingFromTheBackNodeClearsOnlyThatSlot)
-{
-    HandTree t;
-    mrBSPNode *a = t.leaf(0), *b = t.leaf(0);
-    mrBSPPortalizer pz;
-    mrBSPPortal p1, p2;
-    pz.addPortalToNodes(&p1, a, b);
-    pz.addPortalToNodes(&p2, a, b);
-    EXPECT_EQ(portalsOf(a), (std::vector<mrBSPPortal*>{&p2, &p1}));
-    mrBSPPortalizer::removePortalFromNode(&p1, b);
-    EXPECT_EQ(p1.m_nodes[0], a);
-    EXPECT_EQ(p1.m_nodes[1], nullptr);
-    EXPECT_EQ(portalsOf(b), std::vector<mrBSPPortal*>{&p2});
-    EXPECT_EQ(portalsOf(a), (std::vector<mrBSPPortal*>{&p2, &p1}));
-    mrBSPPortalizer::removePortalFromNode(&p1, a);
-    mrBSPPortalizer::removePortalFromNode(&p2, a);
-    mrBSPPortalizer::removePortalFromNode(&p2, b);
-    EXPECT_EQ(a->m_portals, nullptr);
-    EXPECT_EQ(b->m_portals, nullptr);
-}
-
-TEST(PortalLinks, BrokenListsAndMislinkedPortalsAreReported)
+TEST(PortalLinks, RemovingFromTheBackNodeClearsOnlyThatSlotAndBrokenListsAreReported)
 {
     HandTree t;
     mrBSPNode *a = t.leaf(0), *b = t.leaf(0), *c = t.leaf(0);
     mrBSPPortalizer pz;
     mtest::AssertRecorder rec;
+    mrBSPPortal p1, p2;
+    pz.addPortalToNodes(&p1, a, b);
+    pz.addPortalToNodes(&p2, a, b);
+    EXPECT_EQ(portalsOf(a), (Portals{&p2, &p1}));
+    mrBSPPortalizer::removePortalFromNode(&p1, b);
+    EXPECT_EQ(std::make_tuple(p1.m_nodes[0], p1.m_nodes[1]), std::make_tuple(a, nullptr));
+    EXPECT_EQ(portalsOf(b), Portals{&p2});
+    EXPECT_EQ(portalsOf(a), (Portals{&p2, &p1}));
+    mrBSPPortalizer::removePortalFromNode(&p1, a);
+    mrBSPPortalizer::removePortalFromNode(&p2, a);
+    mrBSPPortalizer::removePortalFromNode(&p2, b);
+    EXPECT_EQ(std::make_tuple(a->m_portals, b->m_portals), std::make_tuple(nullptr, nullptr));
+
+    // Broken lists: reported, and the portal is linked all the same.
     mrBSPPortal p, q;
     mrBSPPortalizer::removePortalFromNode(&p, a);
     pz.addPortalToNodes(&q, b, c);
@@ -364,13 +352,12 @@ TEST(PortalFile, WriteFloatRules)
         mrBSPPortalizer::writeFloat(f, c.first);
         rewind(f);
         char buf[64] = {0};
-        size_t n = fread(buf, 1, sizeof buf - 1, f);
+        EXPECT_EQ(std::string(buf, fread(buf, 1, sizeof buf - 1, f)), c.second) << c.first;
         fclose(f);
-        EXPECT_EQ(std::string(buf, n), c.second) << c.first;
     }
 }
 
-TEST(PortalFile, LeavesAreNumberedFrontFirstSkippingSolid)
+TEST(PortalFile, LeavesAreNumberedFrontFirstSkippingSolidAndAWindingFacingAwaySwapsNumbersNotPoints)
 {
     HandTree t;
     mrBSPNode *frontLeaf = t.leaf(0), *solidLeaf = t.leaf(1), *backLeaf = t.leaf(0);
@@ -379,67 +366,13 @@ TEST(PortalFile, LeavesAreNumberedFrontFirstSkippingSolid)
     mrBSPPortalizer::m_num_visleafs = 7;
     mrBSPPortalizer::m_num_visportals = 7;
     EXPECT_EQ(portalFileOf(head), "PRT\n2\n0\n");
-    EXPECT_EQ(head->m_leafnum, -99);
-    EXPECT_EQ(inner->m_leafnum, -99);
-    EXPECT_EQ(frontLeaf->m_leafnum, 0);
-    EXPECT_EQ(solidLeaf->m_leafnum, -1);
-    EXPECT_EQ(backLeaf->m_leafnum, 1);
-    EXPECT_EQ(mrBSPPortalizer::m_num_visleafs, 2);
-    EXPECT_EQ(mrBSPPortalizer::m_num_visportals, 0);
-}
-
-TEST(PortalFile, SingleSolidLeafWritesEmptyFileInCurrentDirectory)
-{
-    HandTree t;
-    mrBSPNode* head = t.leaf(1);
-    HandTree::setBox(head, V(0, 0, 0), V(64, 64, 64));
-    mrBSPPortalizer pz;
-    portalize(pz, head);
-    mtest::TempDir dir;
-    mtest::LogCapture log;
-    std::string out;
-    mtest::inDirectory(dir.path(), [&] { out = mtest::stdoutOf([&] { mrBSPPortalizer::writePortalfile(head); }); });
-    EXPECT_EQ(out, "writing test.prt\n");
-    EXPECT_EQ(head->m_leafnum, -1);
-    EXPECT_EQ(mtest::readFile(dir.file("test.prt")), "PRT\n0\n0\n");
-    EXPECT_FALSE(std::filesystem::exists(dir.file("test.prt.tmp")));
-    EXPECT_NE(log.text().find("Writing 0 visleafs 0 visportals\n"), std::string::npos);
-    pz.releasePortals(head);
-}
-
-TEST(PortalFile, OneSplitWritesAPortalLineOnlyBetweenOpenLeaves)
-{
-    for (int backContents = 0; backContents < 2; ++backContents)
-    {
-        HandTree t;
-        mrBSPNode *front = t.leaf(0), *back = t.leaf(backContents);
-        mrBSPNode* head = t.split(front, back);
-        mrBSPPortalizer pz;
-        portalize(pz, head);
-        std::string log;
-        const std::string first = portalFileOf(head, &log);
-        EXPECT_EQ(front->m_leafnum, 0);
-        EXPECT_EQ(back->m_leafnum, backContents ? -1 : 1);
-        if (backContents)
-            EXPECT_EQ(first, "PRT\n1\n0\n");
-        else
-        {
-            EXPECT_EQ(first, "PRT\n2\n1\n4 0 1 (0 88 88 ) (0 -88 88 ) (0 -88 -88 ) (0 88 -88 ) \n");
-            EXPECT_EQ(log, "Writing 2 visleafs 1 visportals\n");
-        }
-        EXPECT_EQ(portalFileOf(head), first) << "the counters are reset for every file";
-        pz.releasePortals(head);
-    }
-}
-
-TEST(PortalFile, WindingFacingAwaySwapsLeafNumbersNotPoints)
-{
-    HandTree t;
-    mrBSPNode *a = t.leaf(0), *b = t.leaf(0);
-    mrBSPNode* head = t.split(a, b);
-    mrBSPPortalizer pz;
+    EXPECT_EQ(
+        (std::vector<int>{head->m_leafnum, inner->m_leafnum, frontLeaf->m_leafnum, solidLeaf->m_leafnum,
+                          backLeaf->m_leafnum, mrBSPPortalizer::m_num_visleafs, mrBSPPortalizer::m_num_visportals}),
+        (std::vector<int>{-99, -99, 0, -1, 1, 2, 0}));
     // Clockwise seen from +x: the winding's own plane faces -x.
-    addPortal(pz, head->m_plane, a, b, {V(0, 0, 0), V(0, 0, 2.5f), V(0, 128, 2.5f), V(0, 128, 0)});
+    mrBSPPortalizer pz;
+    addPortal(pz, head->m_plane, frontLeaf, backLeaf, {V(0, 0, 0), V(0, 0, 2.5f), V(0, 128, 2.5f), V(0, 128, 0)});
     EXPECT_EQ(portalFileOf(head), "PRT\n2\n1\n4 1 0 (0 0 0 ) (0 0 2.500000 ) (0 128 2.500000 ) (0 128 0 ) \n");
     mrBSPPortalizer::freeAllPortals(head);
 }
@@ -465,30 +398,9 @@ TEST(PortalFile, FailuresAreReportedAndLeaveNoFile)
 // ---------------------------------------------------------------------------------------
 // Leaf mesh
 
-class LeafMesh : public ::testing::Test
+TEST(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
 {
-protected:
-    void TearDown() override
-    {
-        // The module never frees its materials; tests do, through the table.
-        for (mrMaterial* m : std::set<mrMaterial*>(created.begin(), created.end()))
-            delete m;
-        for (uint32_t i = 0; i < 256; ++i)
-            mrBSPPortalizer::m_materials[i] = nullptr;
-    }
-    srMeshModel* make(mrBSPNode* head)
-    {
-        srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
-        for (uint32_t i = 0; i < 256; ++i)
-            created.push_back(mrBSPPortalizer::m_materials[i]);
-        return mesh;
-    }
-    std::vector<mrMaterial*> created;
     HandTree t;
-};
-
-TEST_F(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
-{
     mrBSPNode *open = t.leaf(0), *otherOpen = t.leaf(0), *solid = t.leaf(1);
     mrBSPPortalizer pz;
     mrPlane plane(0, 0, 1, 0);
@@ -499,10 +411,10 @@ TEST_F(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
     addPortal(pz, &plane, open, solid, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
 
     mtest::LogCapture log;
-    srMeshModel* mesh = make(open);
+    srMeshModel* mesh = mrBSPPortalizer::createMeshModel(open);
     EXPECT_EQ(log.text(), " mrBSPPortalizer::createMeshModel -> polys:\n2\n");
-    EXPECT_EQ(mrBSPPortalizer::m_polycount, 2);
-    EXPECT_EQ(mrBSPPortalizer::m_materialCounter, 3u); // three owned portals, one skipped
+    // Three owned portals count a material each; the one facing open space is skipped.
+    EXPECT_EQ(std::make_pair(mrBSPPortalizer::m_polycount, mrBSPPortalizer::m_materialCounter), std::make_pair(2, 3u));
     EXPECT_STREQ(mesh->getName(), "portalizer created mesh");
     EXPECT_EQ(mesh->m_outlineSizes, (std::vector<int>{3, 4}));
     // Points in reverse winding order.
@@ -511,7 +423,6 @@ TEST_F(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
     ASSERT_EQ(mesh->m_numpolys, 3);
     mrMaterial** table = mrBSPPortalizer::m_materials.m_data;
     EXPECT_EQ(mesh->m_polyMaterials, (std::vector<srMaterialIFace*>{table[0], table[2], table[2]}));
-    delete mesh;
 
     // The counter wraps at 256; a fresh call starts again at 0.
     mrBSPPortalizer::m_materialCounter = 255;
@@ -519,69 +430,44 @@ TEST_F(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
     mrBSPPortalizer::createLeafPolys_r(open, modeler);
     ASSERT_EQ(modeler.numPolygons(), 2u);
     for (int i = 0; i < 2; ++i)
-    {
-        const srModeler::Polygon& poly = modeler.polygon(i);
-        for (int k = 0; k < poly.numVertices(); ++k)
-            EXPECT_EQ(poly[k].m_material, table[i ? 1 : 255]);
-    }
+        for (int k = 0; k < modeler.polygon(i).numVertices(); ++k)
+            EXPECT_EQ(modeler.polygon(i)[k].m_material, table[i ? 1 : 255]);
     EXPECT_EQ(mrBSPPortalizer::m_materialCounter, 2u);
+    mtest::VisRun::releasePortalMesh(mesh);
     mrBSPPortalizer::freeAllPortals(open);
     mrBSPPortalizer::freeAllPortals(otherOpen);
 }
 
-TEST_F(LeafMesh, MaterialsAreRandomHundredthsDrawnRedGreenBlueAndFreshEachCall)
+TEST(LeafMesh, MaterialsAreRandomHundredthsDrawnRedGreenBlueAndFreshEachCall)
 {
+    HandTree t;
     mrBSPNode* head = t.leaf(1);
     srand(7);
     mtest::LogCapture log;
-    srMeshModel* mesh = make(head);
+    srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
     EXPECT_EQ(log.text(), " mrBSPPortalizer::createMeshModel -> polys:\n0\n");
     EXPECT_EQ(mesh->m_numpolys, 0);
-    delete mesh;
+    mesh->release();
+    std::vector<mrMaterial*> first(mrBSPPortalizer::m_materials.m_data, mrBSPPortalizer::m_materials.m_data + 256);
     srand(7);
     for (uint32_t i = 0; i < 256; ++i)
     {
-        mrMaterial* m = mrBSPPortalizer::m_materials[i];
-        float r = (float)(rand() % 100) * 0.01f;
-        float g = (float)(rand() % 100) * 0.01f;
-        float b = (float)(rand() % 100) * 0.01f;
-        const float expected[4] = {r, g, b, 1.0f};
+        const float expected[4] = {(float)(rand() % 100) * 0.01f, (float)(rand() % 100) * 0.01f,
+                                   (float)(rand() % 100) * 0.01f, 1.0f}; // drawn in this order
         for (int k = 0; k < 4; ++k)
-        {
-            EXPECT_EQ(m->m_color0[k], expected[k]) << i;
-            EXPECT_EQ(m->m_color1[k], expected[k]) << i;
-        }
-        EXPECT_EQ(m->m_flags, 1u);
+            EXPECT_EQ(std::make_pair(first[i]->m_color0[k], first[i]->m_color1[k]),
+                      std::make_pair(expected[k], expected[k]))
+                << i;
+        EXPECT_EQ(first[i]->m_flags, 1u);
     }
     // A second call makes 256 new materials: 512 in all, the table holding the second 256.
-    delete make(head);
-    EXPECT_EQ(std::set<mrMaterial*>(created.begin(), created.end()).size(), 512u);
-    EXPECT_TRUE(std::equal(created.begin() + 256, created.end(), mrBSPPortalizer::m_materials.m_data));
-}
-
-TEST_F(LeafMesh, OpenFrontSolidBackGivesNodePortalAndOuterFragments)
-{
-    mrBSPNode *f = t.leaf(0), *b = t.leaf(1);
-    mrBSPNode* head = t.split(f, b);
-    mrBSPPortalizer pz;
-    mtest::LogCapture log;
-    pz.portalize(head);
-    srMeshModel* mesh = make(head);
-    EXPECT_EQ(mrBSPPortalizer::m_polycount, 6);
-    EXPECT_EQ(mesh->m_outlineSizes, std::vector<int>(6, 4));
-    EXPECT_EQ(mesh->m_numpolys, 12);
-    // Each polygon runs through its portal's points backwards.
-    std::vector<mrBSPPortal*> list = portalsOf(f);
-    ASSERT_EQ(list.size(), 6u);
-    for (size_t i = 0; i < 6; ++i)
-    {
-        Points pts = pointsOf(list[i]->m_winding);
-        EXPECT_EQ(Points(mesh->m_verts.begin() + 4 * i, mesh->m_verts.begin() + 4 * i + 4),
-                  Points(pts.rbegin(), pts.rend()))
-            << i;
-    }
-    delete mesh;
-    pz.releasePortals(head);
+    mesh = mrBSPPortalizer::createMeshModel(head);
+    std::set<mrMaterial*> all(first.begin(), first.end());
+    all.insert(mrBSPPortalizer::m_materials.m_data, mrBSPPortalizer::m_materials.m_data + 256);
+    EXPECT_EQ(all.size(), 512u);
+    for (mrMaterial* m : first)
+        m->release();
+    mtest::VisRun::releasePortalMesh(mesh);
 }
 
 TEST(Modeler, ConvertFansPolygonsAndKeepsOutlines)
@@ -602,12 +488,10 @@ TEST(Modeler, ConvertFansPolygonsAndKeepsOutlines)
     modeler.addPolygon(poly);
     srMeshModel mesh(0, 0), plain(0, 0);
     modeler.convert(mesh, 1);
-    EXPECT_EQ(mesh.m_numpolys, 3);
-    EXPECT_EQ(mesh.getNumVerts(), 7);
+    EXPECT_EQ(std::make_pair(mesh.m_numpolys, mesh.getNumVerts()), std::make_pair(3L, 7L));
     EXPECT_EQ(mesh.m_outlineSizes, (std::vector<int>{5, 2}));
-    EXPECT_EQ(mesh.m_polyVerts[2].x, 0);
-    EXPECT_EQ(mesh.m_polyVerts[2].y, 3);
-    EXPECT_EQ(mesh.m_polyVerts[2].z, 4);
+    EXPECT_EQ(std::make_tuple(mesh.m_polyVerts[2].x, mesh.m_polyVerts[2].y, mesh.m_polyVerts[2].z),
+              std::make_tuple(0, 3, 4));
     EXPECT_EQ(mesh.m_polyMaterials, std::vector<srMaterialIFace*>(3, &m1));
     modeler.convert(plain, 0);
     EXPECT_TRUE(plain.m_outlineSizes.empty());
@@ -639,100 +523,65 @@ void addBackToBackRooms(srMeshModel& mesh)
 }
 
 // Whether every point lies within 0.01 of the plane through the first three.
-bool planar(const std::vector<std::vector<double>>& pts)
+bool planar(const std::vector<std::vector<double>>& p)
 {
-    if (pts.size() < 3)
+    if (p.size() < 3)
         return false;
-    double e1[3], e2[3];
+    auto d = [&](size_t i, int k) { return p[i][k] - p[0][k]; };
+    double n[3];
     for (int k = 0; k < 3; ++k)
-    {
-        e1[k] = pts[1][k] - pts[0][k];
-        e2[k] = pts[2][k] - pts[0][k];
-    }
-    double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
+        n[k] = d(1, (k + 1) % 3) * d(2, (k + 2) % 3) - d(1, (k + 2) % 3) * d(2, (k + 1) % 3);
     double len = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-    for (const std::vector<double>& p : pts)
-        if (len == 0 ||
-            std::fabs((p[0] - pts[0][0]) * n[0] + (p[1] - pts[0][1]) * n[1] + (p[2] - pts[0][2]) * n[2]) > 0.01 * len)
+    for (size_t i = 0; i < p.size(); ++i)
+        if (len == 0 || std::fabs(d(i, 0) * n[0] + d(i, 1) * n[1] + d(i, 2) * n[2]) > 0.01 * len)
             return false;
     return true;
+}
+
+// Counts a tree's leaves, and the portals the leaf mesh turns into polygons (owned by an
+// open leaf, facing other contents).
+void countLeaves(const mrBSPNode* n, int& open, int& solid, int& meshPortals)
+{
+    if (n->m_plane)
+    {
+        countLeaves(n->m_children[0], open, solid, meshPortals);
+        countLeaves(n->m_children[1], open, solid, meshPortals);
+    }
+    else if (n->m_contents == 1)
+        ++solid;
+    else
+    {
+        ++open;
+        for (mrBSPPortal* p : portalsOf(n))
+            meshPortals += p->m_nodes[0] == n && p->m_nodes[1]->m_contents != n->m_contents;
+    }
 }
 } // namespace
 
 // Levels: 0 two rooms and a corridor, 1 rooms back to back; modes: 0 normal, 1 mid-split.
 class TwoRoomLevel : public ::testing::TestWithParam<std::tuple<int, int>>
 {
-protected:
-    void SetUp() override
-    {
-        if (std::get<0>(GetParam()) == 0)
-            mtest::addTwoRoomLevel(mesh);
-        else
-            addBackToBackRooms(mesh);
-        mtest::LogCapture log;
-        mrBSPSurface* list = builder.buildSurfaces(&mesh);
-        for (mrBSPSurface* s = list; s; s = s->m_next)
-            s->calcBounds();
-        mrSolidBSP bsp;
-        head = bsp.generate(list, std::get<1>(GetParam()));
-        ASSERT_NE(head, nullptr);
-        // The head box: the vertices the triangles use.
-        const srVector3i* tris = mesh.getPolyVertex();
-        const V* verts = mesh.getVertexLoc();
-        head->m_mins = head->m_maxs = verts[tris[0].x];
-        for (long i = 0; i < mesh.m_numpolys; ++i)
-            for (int index : {tris[i].x, tris[i].y, tris[i].z})
-                for (int k = 0; k < 3; ++k)
-                {
-                    head->m_mins[k] = std::min(head->m_mins[k], verts[index][k]);
-                    head->m_maxs[k] = std::max(head->m_maxs[k], verts[index][k]);
-                }
-        pz.portalize(head);
-        // Leaves, and the portals the leaf mesh turns into polygons (owned by an open
-        // leaf, facing other contents).
-        std::vector<const mrBSPNode*> stack = {head};
-        while (!stack.empty())
-        {
-            const mrBSPNode* n = stack.back();
-            stack.pop_back();
-            if (n->m_plane)
-                stack.insert(stack.end(), {n->m_children[0], n->m_children[1]});
-            else if (n->m_contents == 1)
-                ++solidLeaves;
-            else
-            {
-                ++openLeaves;
-                for (mrBSPPortal* p : portalsOf(n))
-                    meshPortals += p->m_nodes[0] == n && p->m_nodes[1]->m_contents != n->m_contents;
-            }
-        }
-    }
-    void TearDown() override
-    {
-        if (head)
-        {
-            pz.releasePortals(head);
-            mrBSPTree::release(head);
-        }
-        builder.releasePlanes();
-    }
-    srMeshModel mesh;
-    mrBSPSurfaceBuilder builder;
-    mrBSPPortalizer pz;
-    mrBSPNode* head = nullptr;
-    int openLeaves = 0, solidLeaves = 0, meshPortals = 0;
 };
 
-TEST_P(TwoRoomLevel, PortalFileJoinsEveryOpenLeaf)
+TEST_P(TwoRoomLevel, PortalFileJoinsEveryOpenLeafAndTheMeshHasAPolygonPerOpenToSolidPortal)
 {
+    srMeshModel mesh;
+    if (std::get<0>(GetParam()) == 0)
+        mtest::addTwoRoomLevel(mesh);
+    else
+        addBackToBackRooms(mesh);
+    mtest::LogCapture log;
+    mtest::VisRun run(mesh, std::get<1>(GetParam()));
+    run.portalizer.portalize(run.head);
+    int openLeaves = 0, solidLeaves = 0, meshPortals = 0;
+    countLeaves(run.head, openLeaves, solidLeaves, meshPortals);
     EXPECT_GT(openLeaves, 1);
     EXPECT_GT(solidLeaves, 0);
-    std::string first = portalFileOf(head);
-    EXPECT_EQ(portalFileOf(head), first);
+    std::string first = portalFileOf(run.head);
+    EXPECT_EQ(portalFileOf(run.head), first);
     mtest::PortalFile prt = mtest::parsePortalFile(first);
-    EXPECT_EQ(prt.tag, "PRT");
-    EXPECT_EQ(prt.leafs, openLeaves);
-    EXPECT_EQ(prt.count, (int)prt.lines.size());
+    EXPECT_EQ(std::make_tuple(prt.tag, prt.leafs, prt.count),
+              std::make_tuple("PRT", openLeaves, (int)prt.lines.size()));
     EXPECT_GT(prt.count, 0);
     for (const mtest::PortalFile::Line& l : prt.lines)
     {
@@ -742,18 +591,10 @@ TEST_P(TwoRoomLevel, PortalFileJoinsEveryOpenLeaf)
         EXPECT_NE(l.leaf[0], l.leaf[1]);
     }
     EXPECT_EQ(mtest::connectedLeafGroups(prt), 1u) << "open leaves split into unconnected groups";
-}
 
-TEST_P(TwoRoomLevel, MeshHasAPolygonPerOpenToSolidPortal)
-{
-    mtest::LogCapture log;
-    srMeshModel* out = mrBSPPortalizer::createMeshModel(head);
     EXPECT_GT(meshPortals, 0);
+    run.withPortalMesh([&](srMeshModel& out) { EXPECT_EQ((int)out.m_outlineSizes.size(), meshPortals); });
     EXPECT_EQ(mrBSPPortalizer::m_polycount, meshPortals);
-    EXPECT_EQ((int)out->m_outlineSizes.size(), meshPortals);
-    delete out;
-    for (uint32_t i = 0; i < 256; ++i)
-        delete mrBSPPortalizer::m_materials[i];
 }
 
 INSTANTIATE_TEST_SUITE_P(LevelsAndPartitionModes, TwoRoomLevel,

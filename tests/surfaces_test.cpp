@@ -1,5 +1,7 @@
 // The surface builder: the plane table, and faces grouped into surfaces.
 #include <cmath>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,21 +14,26 @@
 namespace
 {
 typedef srVector3T<float> V;
+typedef std::vector<int> Ints;
 using mtest::addTriangle;
 
+// A plane's normal and distance, to compare both at once.
+std::tuple<V, float> nd(const mrPlane* p) { return std::make_tuple(p->m_normal, p->m_dist); }
+
 // The polygon indices of a surface's faces, in list order.
-std::vector<int> polys(const mrBSPSurface* s)
+Ints polys(const mrBSPSurface* s)
 {
-    std::vector<int> out;
+    Ints out;
     for (const mrBSPFace* f = s->m_faces; f; f = f->m_next)
         out.push_back(f->m_polyIndex);
     return out;
 }
 
-// Builds the surfaces of mesh, checks every surface has faces and returns them.
-std::vector<mrBSPSurface*> build(mrBSPSurfaceBuilder& b, srMeshModel& mesh)
+// Builds the surfaces of mesh, checks every surface has faces and returns them; the
+// progress lines go to *log when given.
+std::vector<mrBSPSurface*> build(mrBSPSurfaceBuilder& b, srMeshModel& mesh, std::string* log = nullptr)
 {
-    mtest::LogCapture log;
+    mtest::LogCapture capture;
     std::vector<mrBSPSurface*> out;
     for (mrBSPSurface* s = b.buildSurfaces(&mesh); s; s = s->m_next)
     {
@@ -34,6 +41,8 @@ std::vector<mrBSPSurface*> build(mrBSPSurfaceBuilder& b, srMeshModel& mesh)
         out.push_back(s);
     }
     EXPECT_EQ(out.size(), b.m_numsurfaces);
+    if (log)
+        *log = capture.text();
     return out;
 }
 
@@ -74,32 +83,77 @@ TEST(PlaneTable, MatchesWithinTheDistanceAndNormalTolerances)
     EXPECT_EQ(fresh.findPlane(a, c, d), 1);
     fresh.releasePlanes();
     ASSERT_EQ(b.m_numplanes, 4u);
-    EXPECT_EQ(b.m_planes[0]->m_normal, V(0, 0, 1));
-    EXPECT_EQ(b.m_planes[0]->m_dist, 5.0f);
-    EXPECT_EQ(b.m_planes[2]->m_normal, V(0, 0, -1));
-    EXPECT_EQ(b.m_planes[2]->m_dist, -5.0f);
+    EXPECT_EQ(nd(b.m_planes[0]), std::make_tuple(V(0, 0, 1), 5.0f));
+    EXPECT_EQ(nd(b.m_planes[2]), std::make_tuple(V(0, 0, -1), -5.0f));
     b.releasePlanes();
 }
 
-TEST(PlaneTable, ClosedBoxGivesSixPlanesInFirstUseOrder)
+TEST(PlaneTable, DegenerateTrianglesEachGetTheAllZeroPlaneAndTheirOwnSurface)
+{
+    srMeshModel mesh;
+    addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    addTriangle(mesh, V(0, 0, 0), V(1, 1, 1), V(2, 2, 2));
+    addTriangle(mesh, V(3, 3, 3), V(3, 3, 3), V(3, 3, 3));
+    addTriangle(mesh, V(5, 5, 0), V(6, 5, 0), V(5, 6, 0));
+    mrBSPSurfaceBuilder b;
+    std::vector<mrBSPSurface*> list = build(b, mesh);
+    ASSERT_EQ(b.m_numplanes, 3u);
+    for (uint32_t i = 1; i < 3; ++i)
+        EXPECT_EQ(nd(b.m_planes[i]), std::make_tuple(V(0, 0, 0), 0.0f));
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(polys(list[0]), (Ints{3, 0}));
+    EXPECT_EQ(polys(list[1]), Ints{1});
+    EXPECT_EQ(polys(list[2]), Ints{2});
+    releaseAll(b, list);
+}
+
+// ---------------------------------------------------------------- faces and surfaces
+
+TEST(BuildSurfaces, EmptyMeshGivesNoSurfacesOneTriangleOneFace)
 {
     mtest::LogCapture log;
     srMeshModel mesh;
+    mrBSPSurfaceBuilder b;
+    EXPECT_EQ(b.buildSurfaces(&mesh), nullptr);
+    EXPECT_EQ(b.m_numsurfaces, 0u);
+    EXPECT_EQ(log.text(), "Importing mesh with 0 polys...\nGenerated 0 planes\n");
+
+    addTriangle(mesh, V(0, 0, 0), V(4, 0, 0), V(0, 2, 0));
+    std::vector<mrBSPSurface*> list = build(b, mesh);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(std::make_tuple(list[0]->m_plane, list[0]->m_onNode), std::make_tuple(b.m_planes[0], 0));
+    mrBSPFace* f = list[0]->m_faces;
+    std::vector<V> pts(f->m_winding->m_points.m_data, f->m_winding->m_points.m_data + f->m_winding->m_numpoints);
+    EXPECT_EQ(pts, (std::vector<V>{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}));
+    EXPECT_EQ(std::make_tuple(f->m_next, f->m_plane, f->m_polyIndex, f->m_original, f->m_mesh),
+              std::make_tuple((mrBSPFace*)nullptr, b.m_planes[0], 0, f, &mesh));
+    EXPECT_EQ(std::make_tuple(f->m_contents, f->m_backContents), std::make_tuple(0, 1));
+    releaseAll(b, list);
+}
+
+TEST(BuildSurfaces, ClosedBoxGivesSixPlanesInFirstUseOrderAndASurfacePerPlaneFacesInReverse)
+{
+    srMeshModel mesh;
     mtest::addBox(mesh, V(0, 0, 0), V(10, 20, 30), true);
     mrBSPSurfaceBuilder b;
-    b.m_mesh = &mesh;
-    b.generatePlanes();
-    EXPECT_EQ(log.text(), "Importing mesh with 12 polys...\nGenerated 6 planes\n");
+    std::string log;
+    std::vector<mrBSPSurface*> list = build(b, mesh, &log);
+    EXPECT_EQ(log, "Importing mesh with 12 polys...\nGenerated 6 planes\n");
     ASSERT_EQ(b.m_numplanes, 6u);
+    ASSERT_EQ(list.size(), 6u);
     const V normals[6] = {V(1, 0, 0), V(-1, 0, 0), V(0, 1, 0), V(0, -1, 0), V(0, 0, 1), V(0, 0, -1)};
     const float dists[6] = {10, 0, 20, 0, 30, 0};
     for (uint32_t i = 0; i < 6; ++i)
     {
-        EXPECT_EQ(b.m_planes[i]->m_normal, normals[i]) << i;
-        EXPECT_EQ(b.m_planes[i]->m_dist, dists[i]) << i;
+        EXPECT_EQ(nd(b.m_planes[i]), std::make_tuple(normals[i], dists[i])) << i;
+        EXPECT_EQ(b.m_polyPlanes[2 * i], (int32_t)i);
+        EXPECT_EQ(b.m_polyPlanes[2 * i + 1], (int32_t)i);
+        EXPECT_EQ(list[i]->m_plane, b.m_planes[i]);
+        EXPECT_EQ(polys(list[i]), (Ints{2 * (int)i + 1, 2 * (int)i})); // highest polygon first
+        for (mrBSPFace* f = list[i]->m_faces; f; f = f->m_next)
+            EXPECT_EQ(f->m_plane, list[i]->m_plane);
     }
-    for (uint32_t k = 0; k < 12; ++k)
-        EXPECT_EQ(b.m_polyPlanes[k], (int32_t)(k / 2));
+    mrBSPTree::releaseSurfaces(list[0]);
 
     // A second run numbers from zero again; the earlier planes are untouched apart from
     // entry 0 of the table.
@@ -117,102 +171,25 @@ TEST(PlaneTable, ClosedBoxGivesSixPlanesInFirstUseOrder)
         delete p;
 }
 
-TEST(PlaneTable, DegenerateTrianglesEachGetTheAllZeroPlaneAndTheirOwnSurface)
-{
-    srMeshModel mesh;
-    addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-    addTriangle(mesh, V(0, 0, 0), V(1, 1, 1), V(2, 2, 2));
-    addTriangle(mesh, V(3, 3, 3), V(3, 3, 3), V(3, 3, 3));
-    addTriangle(mesh, V(5, 5, 0), V(6, 5, 0), V(5, 6, 0));
-    mrBSPSurfaceBuilder b;
-    std::vector<mrBSPSurface*> list = build(b, mesh);
-    ASSERT_EQ(b.m_numplanes, 3u);
-    for (uint32_t i = 1; i < 3; ++i)
-    {
-        EXPECT_EQ(b.m_planes[i]->m_normal, V(0, 0, 0));
-        EXPECT_EQ(b.m_planes[i]->m_dist, 0.0f);
-    }
-    ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(polys(list[0]), (std::vector<int>{3, 0}));
-    EXPECT_EQ(polys(list[1]), std::vector<int>{1});
-    EXPECT_EQ(polys(list[2]), std::vector<int>{2});
-    releaseAll(b, list);
-}
-
-// ---------------------------------------------------------------- faces and surfaces
-
-TEST(BuildSurfaces, OneTriangle)
-{
-    srMeshModel mesh;
-    addTriangle(mesh, V(0, 0, 0), V(4, 0, 0), V(0, 2, 0));
-    mrBSPSurfaceBuilder b;
-    std::vector<mrBSPSurface*> list = build(b, mesh);
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0]->m_plane, b.m_planes[0]);
-    EXPECT_EQ(list[0]->m_onNode, 0);
-    mrBSPFace* f = list[0]->m_faces;
-    EXPECT_EQ(f->m_next, nullptr);
-    ASSERT_EQ(f->m_winding->m_numpoints, 3);
-    EXPECT_EQ(f->m_winding->m_points[0], V(0, 0, 0));
-    EXPECT_EQ(f->m_winding->m_points[1], V(4, 0, 0));
-    EXPECT_EQ(f->m_winding->m_points[2], V(0, 2, 0));
-    EXPECT_EQ(f->m_plane, b.m_planes[0]);
-    EXPECT_EQ(f->m_polyIndex, 0);
-    EXPECT_EQ(f->m_original, f);
-    EXPECT_EQ(f->m_contents, 0);
-    EXPECT_EQ(f->m_backContents, 1);
-    EXPECT_EQ(f->m_mesh, &mesh);
-    releaseAll(b, list);
-}
-
-TEST(BuildSurfaces, FacesOfOnePlaneComeInReversePolygonOrderSurfacesInPlaneOrder)
-{
-    srMeshModel mesh;
-    mtest::addBox(mesh, V(-1, -2, -3), V(1, 2, 3), true);
-    mrBSPSurfaceBuilder b;
-    std::vector<mrBSPSurface*> list = build(b, mesh);
-    ASSERT_EQ(list.size(), 6u);
-    for (uint32_t i = 0; i < 6; ++i)
-    {
-        EXPECT_EQ(list[i]->m_plane, b.m_planes[i]);
-        EXPECT_EQ(polys(list[i]), (std::vector<int>{2 * (int)i + 1, 2 * (int)i})); // highest polygon first
-        for (mrBSPFace* f = list[i]->m_faces; f; f = f->m_next)
-            EXPECT_EQ(f->m_plane, list[i]->m_plane);
-    }
-    releaseAll(b, list);
-}
-
 TEST(BuildSurfaces, TexturesPerPolygonOrFromTheMesh)
 {
     srTexture* meshTex = new srTexture("mesh");
     srTexture* polyTex = new srTexture("poly");
-    {
-        srMeshModel mesh;
-        addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-        addTriangle(mesh, V(0, 0, 1), V(1, 0, 1), V(0, 1, 1));
-        mesh.setTexture(meshTex);
-        mrBSPSurfaceBuilder b;
-        std::vector<mrBSPSurface*> list = build(b, mesh);
-        for (mrBSPSurface* s : list)
-            EXPECT_EQ(s->m_faces->m_texture, meshTex);
-        releaseAll(b, list);
-        mesh.setPolyTexture(1, polyTex);
-        list = build(b, mesh);
-        ASSERT_EQ(list.size(), 2u);
-        EXPECT_EQ(list[0]->m_faces->m_texture, nullptr); // polygon 0 has no texture of its own
-        EXPECT_EQ(list[1]->m_faces->m_texture, polyTex);
-        releaseAll(b, list);
-    }
+    srMeshModel mesh; // holds the last references once ours are released
+    addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    addTriangle(mesh, V(0, 0, 1), V(1, 0, 1), V(0, 1, 1));
+    mesh.setTexture(meshTex);
     meshTex->release();
-    polyTex->release();
-}
-
-TEST(BuildSurfaces, EmptyMeshGivesNoSurfaces)
-{
-    mtest::LogCapture log;
-    srMeshModel mesh;
     mrBSPSurfaceBuilder b;
-    EXPECT_EQ(b.buildSurfaces(&mesh), nullptr);
-    EXPECT_EQ(b.m_numsurfaces, 0u);
-    EXPECT_EQ(log.text(), "Importing mesh with 0 polys...\nGenerated 0 planes\n");
+    std::vector<mrBSPSurface*> list = build(b, mesh);
+    for (mrBSPSurface* s : list)
+        EXPECT_EQ(s->m_faces->m_texture, meshTex);
+    releaseAll(b, list);
+    mesh.setPolyTexture(1, polyTex);
+    polyTex->release();
+    list = build(b, mesh);
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0]->m_faces->m_texture, nullptr); // polygon 0 has no texture of its own
+    EXPECT_EQ(list[1]->m_faces->m_texture, polyTex);
+    releaseAll(b, list);
 }

@@ -11,7 +11,11 @@
 
 #include <unistd.h>
 
+#include "io/mrClipBSPIOHandler.h"
+#include "platform/core/mrCore.h"
 #include "platform/dx/srOutput.h"
+#include "platform/geom/mrMaterial.h"
+#include "solid/mrBSPTree.h"
 
 namespace mtest
 {
@@ -255,6 +259,153 @@ void addTwoRoomLevel(srMeshModel& mesh)
     addRect(mesh, 2, 32, 64, 128, 16, 48, -1);
     addRect(mesh, 1, 16, 0, 32, 64, 128, +1);
     addRect(mesh, 1, 48, 0, 32, 64, 128, -1);
+}
+
+void addTorus(srMeshModel& mesh, float major, float minor, int nu, int nv)
+{
+    const double kTwoPi = 6.283185307179586;
+    int base = (int)mesh.getNumVerts();
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j)
+        {
+            double u = kTwoPi * i / nu, v = kTwoPi * j / nv;
+            double r = major + minor * std::cos(v);
+            mesh.addVertex(V((float)(r * std::cos(u)), (float)(r * std::sin(u)), (float)(minor * std::sin(v))));
+        }
+    auto at = [&](int i, int j) { return base + (i % nu) * nv + (j % nv); };
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j)
+        {
+            mesh.addPolygon(at(i, j), at(i + 1, j), at(i + 1, j + 1));
+            mesh.addPolygon(at(i, j), at(i + 1, j + 1), at(i, j + 1));
+        }
+}
+
+void addGridLevel(srMeshModel& mesh, int nx, int ny, uint32_t seed)
+{
+    const int X = nx * 8, Y = ny * 8, Z = 5;
+    const float cell = 32.0f;
+    std::vector<char> open((size_t)X * Y * Z, 0);
+    auto at = [&](int x, int y, int z) -> char
+    { return x < 0 || y < 0 || z < 0 || x >= X || y >= Y || z >= Z ? 0 : open[((size_t)z * Y + y) * X + x]; };
+    auto carve = [&](int x0, int x1, int y0, int y1, int z0, int z1)
+    {
+        for (int z = z0; z <= z1; ++z)
+            for (int y = y0; y <= y1; ++y)
+                for (int x = x0; x <= x1; ++x)
+                    open[((size_t)z * Y + y) * X + x] = 1;
+    };
+    auto next = [&seed](int range)
+    {
+        seed = seed * 1664525u + 1013904223u;
+        return (int)((seed >> 16) % (uint32_t)range);
+    };
+    for (int j = 0; j < ny; ++j)
+        for (int i = 0; i < nx; ++i)
+        {
+            int cx = i * 8 + 4, cy = j * 8 + 4;
+            int x0 = cx - 1 - next(3), x1 = cx + 1 + next(3);
+            int y0 = cy - 1 - next(3), y1 = cy + 1 + next(3);
+            carve(x0, x1, y0, y1, 0, 2 + next(2));
+            if (i + 1 < nx)
+                carve(cx, cx + 8, cy, cy, 0, 1);
+            if (j + 1 < ny)
+                carve(cx, cx, cy, cy + 8, 0, 1);
+        }
+    for (int z = 0; z < Z; ++z)
+        for (int y = 0; y < Y; ++y)
+            for (int x = 0; x < X; ++x)
+            {
+                if (!at(x, y, z))
+                    continue;
+                const int c[3] = {x, y, z};
+                for (int axis = 0; axis < 3; ++axis)
+                    for (int dir = -1; dir <= 1; dir += 2)
+                    {
+                        int n[3] = {x, y, z};
+                        n[axis] += dir;
+                        if (at(n[0], n[1], n[2]))
+                            continue;
+                        int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+                        float plane = (float)(c[axis] + (dir > 0 ? 1 : 0)) * cell;
+                        addRect(mesh, axis, plane, c[ua] * cell, (c[ua] + 1) * cell, c[va] * cell, (c[va] + 1) * cell,
+                                -dir);
+                    }
+            }
+}
+
+mrIOManager& clipIO()
+{
+    mrCore::initialize();
+    mrIOManager* io = mrCore::instance().getIOManager();
+    if (!io->getHandler(0x60000))
+        io->registerHandler(new mrClipBSPIOHandler);
+    return *io;
+}
+
+std::vector<unsigned char> saveBuffer(const std::vector<srClass*>& objects)
+{
+    std::vector<unsigned char> out;
+    std::string error;
+    EXPECT_TRUE(clipIO().saveBuffer(objects, out, &error)) << error;
+    return out;
+}
+
+ClipPtr loadClip(const std::vector<unsigned char>& bytes, const std::string& name)
+{
+    std::vector<srClass*> objects;
+    std::string error;
+    EXPECT_TRUE(clipIO().loadBuffer(bytes, objects, &error, name)) << error;
+    if (objects.size() == 1)
+        return ClipPtr(dynamic_cast<mrClipBSP*>(objects[0]));
+    for (srClass* o : objects)
+        o->release();
+    return nullptr;
+}
+
+VisRun::VisRun(srMeshModel& mesh, int midSplit, bool bounds)
+{
+    mrBSPSurface* list = builder.buildSurfaces(&mesh);
+    for (mrBSPSurface* s = list; s && bounds; s = s->m_next)
+        s->calcBounds();
+    head = bsp.generate(list, midSplit);
+    EXPECT_NE(head, nullptr);
+    if (!head)
+        return;
+    mesh.usedVertexBounds(head->m_mins, head->m_maxs);
+}
+
+VisRun::~VisRun()
+{
+    portalizer.releasePortals(head);
+    mrBSPTree::release(head);
+    builder.releasePlanes();
+}
+
+std::string VisRun::portalFile()
+{
+    TempDir dir;
+    const std::string path = dir.file("test.prt");
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(mrBSPPortalizer::writePortalfile(head, path.c_str()));
+    testing::internal::GetCapturedStdout();
+    return readFile(path);
+}
+
+void VisRun::releasePortalMesh(srMeshModel* mesh)
+{
+    EXPECT_NE(mesh, nullptr);
+    if (mesh)
+        mesh->release();
+    // The library never releases the portal materials; the table holds the last
+    // references once the mesh is gone.
+    mrDynamicArray<mrMaterial*>& table = mrBSPPortalizer::m_materials;
+    for (uint32_t i = 0; i < table.size(); ++i)
+        if (table.at(i))
+        {
+            table.at(i)->release();
+            table[i] = nullptr;
+        }
 }
 
 namespace

@@ -7,11 +7,16 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "clip/mrClipBSP.h"
 #include "geometry/mrBSPFace.h"
+#include "platform/core/mrIOManager.h"
 #include "platform/dx/srAssert.h"
 #include "platform/dx/srMeshModel.h"
+#include "portals/mrBSPPortalizer.h"
+#include "solid/mrSolidBSP.h"
+#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace mtest
 {
@@ -87,6 +92,14 @@ void addSphere(srMeshModel& mesh, srVector3T<float> centre, float radius, int le
 // Two inward-facing box rooms joined by an inward-facing corridor along x (a hollow level).
 void addTwoRoomLevel(srMeshModel& mesh);
 
+// A closed, outward-facing torus around the z axis (concave, so splitters cut faces): nu
+// steps around the axis, nv around the tube.
+void addTorus(srMeshModel& mesh, float major, float minor, int nu, int nv);
+// A hollow level on a grid of 32-unit cells: one room of pseudo-random size per 8 x 8 cell
+// slot, joined to its neighbours by corridors two cells high, every wall tiled with one
+// quad per cell face and facing into the open space.
+void addGridLevel(srMeshModel& mesh, int nx, int ny, uint32_t seed);
+
 // An axis-aligned rectangle on plane `axis` = at, spanning [u0,u1] x [v0,v1] on the next two
 // axes (cyclic), as two triangles facing +axis (sign > 0) or -axis.
 void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign);
@@ -112,6 +125,64 @@ ClipPtr clipTree(const std::vector<mrPlane>& planes, const std::vector<mrClipNod
 // (a 4-byte header, here `reserved`, then normal x, y, z and distance), little-endian.
 std::vector<unsigned char> nodeRecords(const std::vector<mrClipNode>& nodes);
 std::vector<unsigned char> planeRecords(const std::vector<mrPlane>& planes, uint32_t reserved = 0);
+
+// The core's IO manager with the clip BSP handler registered (both set up on first use).
+mrIOManager& clipIO();
+// The objects saved into a chunk buffer (expected to succeed).
+std::vector<unsigned char> saveBuffer(const std::vector<srClass*>& objects);
+// The one clip BSP a chunk buffer holds (expected to load), else null; `name` stands for
+// the file in messages.
+ClipPtr loadClip(const std::vector<unsigned char>& bytes, const std::string& name = "buffer");
+
+// The visibility pipeline on a mesh up to the tree: surfaces (with their bounds unless
+// `bounds` is false), the tree, and the head box around the vertices the triangles use.
+// Portalizing is left to the caller, who may change the box first; portals, tree and
+// planes are released at the end.
+struct VisRun
+{
+    VisRun(srMeshModel& mesh, int midSplit, bool bounds = true);
+    ~VisRun();
+    VisRun(const VisRun&) = delete;
+    VisRun& operator=(const VisRun&) = delete;
+    // The bytes of the portal file, written into a temporary directory (its log line
+    // swallowed).
+    std::string portalFile();
+    // Passes the portal mesh to f, then releases it and the material table.
+    template <class F> void withPortalMesh(F f)
+    {
+        srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
+        if (mesh)
+            f(*mesh);
+        releasePortalMesh(mesh);
+    }
+    static void releasePortalMesh(srMeshModel* mesh);
+
+    mrBSPSurfaceBuilder builder;
+    mrSolidBSP bsp;
+    mrBSPNode* head = nullptr;
+    mrBSPPortalizer portalizer;
+};
+
+// Runs f on a thread with a stack of `bytes`: a walk that recursed once per tree level
+// would overflow it long before the bottom of a deep tree.
+template <class F> void onSmallStack(size_t bytes, F f)
+{
+    struct Call
+    {
+        static void* run(void* arg)
+        {
+            (*static_cast<F*>(arg))();
+            return nullptr;
+        }
+    };
+    pthread_attr_t attr;
+    ASSERT_EQ(pthread_attr_init(&attr), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attr, bytes), 0);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attr, &Call::run, &f), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+}
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
