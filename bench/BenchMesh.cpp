@@ -161,7 +161,8 @@ BenchMesh* BenchMesh::level(const std::string& name, int nx, int ny, int nz, uin
     BenchMesh* out = new BenchMesh(name, "level", ORIENT_INWARD);
     srMeshModel* m = out->m_mesh;
     std::unordered_map<uint64_t, int> corner;
-    auto vertex = [&](int x, int y, int z) {
+    auto vertex = [&](int x, int y, int z)
+    {
         const uint64_t key = ((uint64_t)x << 42) | ((uint64_t)y << 21) | (uint64_t)z;
         auto it = corner.find(key);
         if (it != corner.end())

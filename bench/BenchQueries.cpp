@@ -12,7 +12,8 @@ BenchQueries::BenchQueries(const srVector3T<float>& mins, const srVector3T<float
         hi[a] = (double)maxs[a] + 0.05 * extent;
     }
     BenchRandom rnd(seed);
-    auto draw = [&]() {
+    auto draw = [&]()
+    {
         srVector3T<float> p;
         for (int a = 0; a < 3; ++a)
             p[a] = (float)(lo[a] + rnd.unit() * (hi[a] - lo[a]));

@@ -1,9 +1,10 @@
 #include "BenchSuite.h"
 
 #include <algorithm>
-#include <ctime>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -257,7 +258,8 @@ mrClipBSP* BenchSuite::clip(Entry& e)
         // Building takes as long as clip_build; refuse where that was predicted far over
         // the limit, rather than stall every query benchmark of the mesh.
         const auto it = m_times.find("clip_build|" + e.mesh->kind());
-        if (it != m_times.end() && predictFrom(it->second, (double)e.mesh->numTriangles(), 2.0) > m_options.buildMaxSeconds)
+        if (it != m_times.end() &&
+            predictFrom(it->second, (double)e.mesh->numTriangles(), 2.0) > m_options.buildMaxSeconds)
             return nullptr;
         mrClipBSPGen gen;
         srVector3T<float> offset(0.0f, 0.0f, 0.0f);

@@ -24,11 +24,11 @@ class BenchSuite
 public:
     struct Options
     {
-        size_t queries = 100000;     // points and segments per mesh
+        size_t queries = 100000;        // points and segments per mesh
         double maxSeconds = 60.0;       // skip a vis build or query pass expected to take longer (CPU s)
         double buildMaxSeconds = 600.0; // the same for the clip BSP build and the peers' builds
-        bool tiny = false;           // smoke run: one iteration of everything
-        std::string portalDir;       // where the vis benchmarks write their portal file
+        bool tiny = false;              // smoke run: one iteration of everything
+        std::string portalDir;          // where the vis benchmarks write their portal file
     };
 
     explicit BenchSuite(const Options& options);

@@ -29,8 +29,8 @@ btTriangleIndexVertexArray* PeerBullet::wrap(BenchMesh& mesh)
     const std::vector<float>& v = mesh.flatVertices();
     const std::vector<uint32_t>& idx = mesh.flatIndices();
     return new btTriangleIndexVertexArray((int)(idx.size() / 3), (int*)const_cast<uint32_t*>(idx.data()),
-                                          3 * (int)sizeof(int), (int)(v.size() / 3),
-                                          const_cast<btScalar*>(v.data()), 3 * (int)sizeof(float));
+                                          3 * (int)sizeof(int), (int)(v.size() / 3), const_cast<btScalar*>(v.data()),
+                                          3 * (int)sizeof(float));
 }
 
 btBvhTriangleMeshShape* PeerBullet::buildShape(btTriangleIndexVertexArray* triangles)

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+
 #include <pmmintrin.h>
 #include <xmmintrin.h>
 

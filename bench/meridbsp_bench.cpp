@@ -17,12 +17,12 @@
 #include <cstring>
 #include <memory>
 #include <ostream>
-#include <pthread.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <unistd.h>
 
 #include "BenchMesh.h"
 #include "BenchSuite.h"

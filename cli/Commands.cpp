@@ -491,20 +491,19 @@ int Commands::point(const FileArgs& args)
 
 int Commands::trace(const FileArgs& args)
 {
-    return answerQueries(args, 6,
-                         "trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from stdin",
-                         [](const mrClipBSP& clip, const float* v)
-                         {
-                             mrTrace t;
-                             // The queries leave the plane as they find it when nothing stops the trace.
-                             t.m_planeNormal = srVector3T<float>(0, 0, 0);
-                             t.m_planeDist = 0;
-                             int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]),
-                                                           srVector3T<float>(v[3], v[4], v[5]), t);
-                             std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(),
-                                         vec3(t.m_endPos).c_str(), t.m_startSolid, t.m_allSolid, t.m_inOpen,
-                                         vec3(t.m_planeNormal).c_str(), Tool::g9(t.m_planeDist).c_str());
-                         });
+    return answerQueries(
+        args, 6, "trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from stdin",
+        [](const mrClipBSP& clip, const float* v)
+        {
+            mrTrace t;
+            // The queries leave the plane as they find it when nothing stops the trace.
+            t.m_planeNormal = srVector3T<float>(0, 0, 0);
+            t.m_planeDist = 0;
+            int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]), srVector3T<float>(v[3], v[4], v[5]), t);
+            std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(), vec3(t.m_endPos).c_str(),
+                        t.m_startSolid, t.m_allSolid, t.m_inOpen, vec3(t.m_planeNormal).c_str(),
+                        Tool::g9(t.m_planeDist).c_str());
+        });
 }
 
 int Commands::slice(const SliceArgs& args)

@@ -124,7 +124,8 @@ bool checkHeader(const char* data, size_t size, std::string& error)
     // OFF: one vertex per line, then one face per line ("n i0 i1 ..."); the counts line
     // must not promise more lines than follow.
     size_t pos = 0;
-    auto nextLine = [&](std::string& line) {
+    auto nextLine = [&](std::string& line)
+    {
         while (pos < size)
         {
             size_t end = pos;

@@ -14,10 +14,7 @@ public:
     size_t remaining() const { return m_size - m_pos; }
     bool empty() const { return m_pos >= m_size; }
 
-    uint8_t byte()
-    {
-        return m_pos < m_size ? m_data[m_pos++] : 0;
-    }
+    uint8_t byte() { return m_pos < m_size ? m_data[m_pos++] : 0; }
     uint32_t u32()
     {
         uint32_t v = 0;
@@ -47,8 +44,8 @@ public:
     // A plane normal component: mostly -1, 0 or 1 and a few simple fractions.
     float normalComponent()
     {
-        static const float kValues[] = {0.0f, 1.0f, -1.0f, 0.0f, 0.5f, -0.5f, 0.70710677f, -0.70710677f,
-                                        0.6f, 0.8f, -0.6f, -0.8f, 0.57735026f, -0.57735026f, 0.0f, 1.0f};
+        static const float kValues[] = {0.0f, 1.0f, -1.0f, 0.0f,  0.5f,        -0.5f,        0.70710677f, -0.70710677f,
+                                        0.6f, 0.8f, -0.6f, -0.8f, 0.57735026f, -0.57735026f, 0.0f,        1.0f};
         uint8_t b = byte();
         if (b < 240)
             return kValues[b % 16];

@@ -1,12 +1,12 @@
 #include "FuzzSupport.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
+
+#include <unistd.h>
 
 #include "FuzzInput.h"
 #include "clip/mrClipBSP.h"
@@ -44,10 +44,7 @@ void removeScratch()
     ::rmdir(g_scratch.c_str());
 }
 
-bool sameBits(const srVector3T<float>& a, const srVector3T<float>& b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
+bool sameBits(const srVector3T<float>& a, const srVector3T<float>& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Values whose signed distances cannot overflow: the checks that compare answers need
 // finite distances (a NaN distance sends pointInfo to the back child, as "not >= 0",

@@ -2,8 +2,8 @@
 // holding fuzz_chunk_load/, fuzz_clip_query/ and fuzz_mesh_import/). The seeds are small
 // valid inputs that reach deep into each target; the fuzzers mutate them from there.
 
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -171,9 +171,10 @@ void meshSeeds(const std::string& dir)
     writeSeed(dir, "cube.obj", textSeed(0, cube));
     writeSeed(dir, "cube-mid.obj", textSeed(4, cube));
     writeSeed(dir, "room.obj",
-              textSeed(0, "o room\nv -4 -4 -4\nv 4 -4 -4\nv -4 4 -4\nv 4 4 -4\nv -4 -4 4\nv 4 -4 4\nv -4 4 4\nv 4 4 4\n"
-                          "usemtl wall\nf 2 6 8 4\nf 1 3 7 5\nf 3 4 8 7\nf 1 5 6 2\nusemtl floor\nf 5 7 8 6\nf 1 2 4 3\n"
-                          "o pillar\nv -1 -1 -4\nv 1 -1 -4\nv 0 1 -4\nv 0 0 4\nf 9 10 12\nf 10 11 12\nf 11 9 12\n"));
+              textSeed(0,
+                       "o room\nv -4 -4 -4\nv 4 -4 -4\nv -4 4 -4\nv 4 4 -4\nv -4 -4 4\nv 4 -4 4\nv -4 4 4\nv 4 4 4\n"
+                       "usemtl wall\nf 2 6 8 4\nf 1 3 7 5\nf 3 4 8 7\nf 1 5 6 2\nusemtl floor\nf 5 7 8 6\nf 1 2 4 3\n"
+                       "o pillar\nv -1 -1 -4\nv 1 -1 -4\nv 0 1 -4\nv 0 0 4\nf 9 10 12\nf 10 11 12\nf 11 9 12\n"));
     writeSeed(dir, "odd.obj",
               textSeed(0, "v 0 0 0\nv 1 0 0\nv 2 0 0\nv 0 1 0\nv 1 1 0\nf 1 2 3\nf 1 2 4\nf 1 2 4\nf 1 4 2\n"
                           "f -5 -4 -1\nf 1 2 5 4\nvn 0 0 1\nvt 0 0\nf 1/1/1 2/1/1 5/1/1\n"));

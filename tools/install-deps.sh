@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing. Quiet when all are there.
 set -euo pipefail
-pkgs=(build-essential cmake clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
+pkgs=(build-essential cmake clang clang-format libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
       libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev)
 [ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev python3)
 missing=()

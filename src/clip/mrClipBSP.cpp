@@ -666,10 +666,7 @@ class IndexWalk
 {
 public:
     explicit IndexWalk(const mrClipQueryIndex& index) : m_index(index), m_nodes(index.nodes()) {}
-    float distance(int node, const srVector3T<float>& p) const
-    {
-        return mrClipQueryIndex::distance(m_nodes[node], p);
-    }
+    float distance(int node, const srVector3T<float>& p) const { return mrClipQueryIndex::distance(m_nodes[node], p); }
     bool inChain(int node) const { return m_nodes[node].run >= 0; }
     int child(int node, int k) const { return m_nodes[node].child[k]; }
     void plane(int node, srVector3T<float>& normal, float& dist) const

@@ -216,9 +216,9 @@ int mrClipQueryIndex::buildCones(std::vector<Member>& members, size_t begin, siz
             axis = k;
     const size_t mid = begin + (end - begin) / 2;
     std::nth_element(members.begin() + (std::ptrdiff_t)begin, members.begin() + (std::ptrdiff_t)mid,
-                     members.begin() + (std::ptrdiff_t)end, [axis](const Member& a, const Member& b) {
-                         return a.unit[axis] < b.unit[axis] || (a.unit[axis] == b.unit[axis] && a.node < b.node);
-                     });
+                     members.begin() + (std::ptrdiff_t)end,
+                     [axis](const Member& a, const Member& b)
+                     { return a.unit[axis] < b.unit[axis] || (a.unit[axis] == b.unit[axis] && a.node < b.node); });
     m_cones[index] = c;
     const int left = buildCones(members, begin, mid);
     const int right = buildCones(members, mid, end);
@@ -296,10 +296,8 @@ int mrClipQueryIndex::firstLeaving(const Run& run, int start, const srVector3T<f
     }
     if (run.root >= 0)
     {
-        const double v1[3] = {(double)p1.x - run.centre[0], (double)p1.y - run.centre[1],
-                              (double)p1.z - run.centre[2]};
-        const double v2[3] = {(double)p2.x - run.centre[0], (double)p2.y - run.centre[1],
-                              (double)p2.z - run.centre[2]};
+        const double v1[3] = {(double)p1.x - run.centre[0], (double)p1.y - run.centre[1], (double)p1.z - run.centre[2]};
+        const double v2[3] = {(double)p2.x - run.centre[0], (double)p2.y - run.centre[1], (double)p2.z - run.centre[2]};
         const double r1 = std::sqrt(v1[0] * v1[0] + v1[1] * v1[1] + v1[2] * v1[2]);
         const double r2 = std::sqrt(v2[0] * v2[0] + v2[1] * v2[1] + v2[2] * v2[2]);
         const double m1 = std::max(std::fabs((double)p1.x), std::max(std::fabs((double)p1.y), std::fabs((double)p1.z)));

@@ -167,8 +167,8 @@ inline int facing(const srVector4T<float>& plane, const srVector4T<float>& m)
 }
 
 // Point distances and sides; the first point's entry is repeated after the last.
-inline void classify(const srVector3T<float>* points, int n, const srVector4T<float>& plane, double* dists,
-                     int* sides, int* counts)
+inline void classify(const srVector3T<float>* points, int n, const srVector4T<float>& plane, double* dists, int* sides,
+                     int* counts)
 {
     counts[0] = counts[1] = counts[2] = 0;
     for (int i = 0; i < n; ++i)
@@ -193,7 +193,10 @@ inline void classify(const srVector3T<float>* points, int n, const srVector4T<fl
     }
 }
 
-inline int clampedPoints(const mrFace* face) { return std::min(std::max(face->m_numpoints, 0), (int)mrFace::MAX_POINTS); }
+inline int clampedPoints(const mrFace* face)
+{
+    return std::min(std::max(face->m_numpoints, 0), (int)mrFace::MAX_POINTS);
+}
 } // namespace
 
 class mrClipBSPGen::Partitioner
@@ -648,7 +651,7 @@ mrClipBSPGen::Partitioner::e_verdict mrClipBSPGen::Partitioner::verdict(const Bo
 }
 
 mrClipBSPGen::Partitioner::e_fate mrClipBSPGen::Partitioner::fateOf(const Record& r,
-                                                                     const srVector4T<float>& plane) const
+                                                                    const srVector4T<float>& plane) const
 {
     // splitFace's decisions, without acting on them.
     const int f = facing(plane, r.plane);
@@ -671,9 +674,8 @@ mrClipBSPGen::Partitioner::e_fate mrClipBSPGen::Partitioner::fateOf(const Record
     return CUT;
 }
 
-mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::cutRecord(const Record& r,
-                                                                       const srVector4T<float>& plane, List& other,
-                                                                       bool keepBack)
+mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::cutRecord(const Record& r, const srVector4T<float>& plane,
+                                                                       List& other, bool keepBack)
 {
     mrFace* face = m_faceOf[r.id];
     double dists[mrFace::MAX_POINTS + 1];
@@ -703,8 +705,7 @@ mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::cutRecord(const Rec
     return keepBack ? back : front;
 }
 
-void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const Splitter& sp, List& front,
-                                            List& back)
+void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const Splitter& sp, List& front, List& back)
 {
     // The block's box decides most blocks whole. Otherwise each group's box, or failing
     // that each face, gives the faces' fates.
@@ -1070,8 +1071,8 @@ int mrClipBSPGen::classifyPoints(const mrFace* face, const srVector4T<float>& pl
     return n;
 }
 
-void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists,
-                           const int* sides, int n, mrFace** front, mrFace** back)
+void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists, const int* sides,
+                           int n, mrFace** front, mrFace** back)
 {
     mrFace* b = new mrFace();
     mrFace* f = new mrFace();

@@ -9,7 +9,10 @@
 class mrFace
 {
 public:
-    enum { MAX_POINTS = 64 };
+    enum
+    {
+        MAX_POINTS = 64
+    };
 
     int m_numpoints = 0;
     srVector3T<float> m_points[MAX_POINTS];

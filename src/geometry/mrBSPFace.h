@@ -17,17 +17,17 @@ public:
     // Points closer to a plane than this count as lying on it.
     static constexpr double SIDE_EPSILON = 0.01;
 
-    mrBSPFace* m_next;          // next face of whichever list holds this one
-    mrPlane* m_plane;           // shared table plane, never freed here
-    mrWinding* m_winding;       // owned
-    srTextureIFace* m_texture;  // not owned
-    int32_t m_contents;         // 0 for faces made from a mesh
-    int32_t m_backContents;     // 1 for faces made from a mesh; carried along only
-    mrBSPFace* m_original;      // the mesh face this one descends from
+    mrBSPFace* m_next;         // next face of whichever list holds this one
+    mrPlane* m_plane;          // shared table plane, never freed here
+    mrWinding* m_winding;      // owned
+    srTextureIFace* m_texture; // not owned
+    int32_t m_contents;        // 0 for faces made from a mesh
+    int32_t m_backContents;    // 1 for faces made from a mesh; carried along only
+    mrBSPFace* m_original;     // the mesh face this one descends from
     int32_t m_reserved;
-    int32_t m_linked;           // set on an original once a piece of it reaches a leaf
-    mrMeshModel* m_mesh;        // not owned
-    int32_t m_polyIndex;        // source polygon in m_mesh
+    int32_t m_linked;    // set on an original once a piece of it reaches a leaf
+    mrMeshModel* m_mesh; // not owned
+    int32_t m_polyIndex; // source polygon in m_mesh
 
     // An empty face with room for four points. Contents, mesh and polygon index are
     // cleared as well so that no field is ever read uninitialised.

@@ -18,7 +18,7 @@ public:
     mrBSPFace* m_faces;       // face list through mrBSPFace::m_next
     srVector3T<float> m_mins; // set by calcBounds
     srVector3T<float> m_maxs;
-    int32_t m_onNode;         // 1 once a node lies on this plane: no longer a candidate
+    int32_t m_onNode; // 1 once a node lies on this plane: no longer a candidate
 
     // Next, reserved word and bounds are cleared as well, so nothing is ever read
     // uninitialised.

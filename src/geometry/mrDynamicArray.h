@@ -5,8 +5,7 @@
 // The module's growable array. It does not know how many elements are in use (its
 // owners count them); indexing at or past the end grows it to size + index + 8
 // elements, a linear rule callers rely on. New elements are zeroed.
-template <class T>
-class mrDynamicArray
+template <class T> class mrDynamicArray
 {
 public:
     T* m_data;

@@ -37,9 +37,9 @@ struct ExpectedField
 };
 
 const ExpectedField kFields[] = {
-    {F_CONTENTS, "Contents", mrParamBlock::FIELD_DWORD},   {F_MINS, "Mins", mrParamBlock::FIELD_VECTOR3},
-    {F_MAXS, "Maxs", mrParamBlock::FIELD_VECTOR3},         {F_NUMNODES, "NumNodes", mrParamBlock::FIELD_DWORD},
-    {F_NODES, "Nodes", mrParamBlock::FIELD_BYTEARRAY},     {F_NUMPLANES, "NumPlanes", mrParamBlock::FIELD_DWORD},
+    {F_CONTENTS, "Contents", mrParamBlock::FIELD_DWORD}, {F_MINS, "Mins", mrParamBlock::FIELD_VECTOR3},
+    {F_MAXS, "Maxs", mrParamBlock::FIELD_VECTOR3},       {F_NUMNODES, "NumNodes", mrParamBlock::FIELD_DWORD},
+    {F_NODES, "Nodes", mrParamBlock::FIELD_BYTEARRAY},   {F_NUMPLANES, "NumPlanes", mrParamBlock::FIELD_DWORD},
     {F_PLANES, "Planes", mrParamBlock::FIELD_BYTEARRAY},
 };
 
@@ -71,8 +71,8 @@ std::string checkFieldKinds(mrParamBlock& block)
         const mrParamBlock::Field* f = block.findField(e.id);
         if (!f)
             return fieldLabel(e.id, e.name) + " is missing";
-        bool ok = f->m_kind == e.kind || (e.kind == mrParamBlock::FIELD_BYTEARRAY &&
-                                          f->m_kind == mrParamBlock::FIELD_BYTEARRAYPTR);
+        bool ok = f->m_kind == e.kind ||
+                  (e.kind == mrParamBlock::FIELD_BYTEARRAY && f->m_kind == mrParamBlock::FIELD_BYTEARRAYPTR);
         if (!ok)
             return fieldLabel(e.id, e.name) + " has kind " + std::to_string((int)f->m_kind) + ", expected " +
                    kindName(e.kind);
@@ -153,8 +153,8 @@ srClass* mrClipBSPIOHandler::importObject(mrChunkIFStream& stream, mrIOEntry& en
         {
             mrClipBSP::freePlanes(planes);
             mrClipBSP::freeNodes(nodes);
-            entry.m_error = "out of memory for " + std::to_string(numnodes) + " nodes and " +
-                            std::to_string(numplanes) + " planes";
+            entry.m_error =
+                "out of memory for " + std::to_string(numnodes) + " nodes and " + std::to_string(numplanes) + " planes";
             return sound;
         }
         sound->m_numnodes = (uint32_t)numnodes;

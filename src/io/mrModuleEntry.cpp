@@ -35,8 +35,7 @@ void detach()
 }
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int MeridBSPEntry(void* module, unsigned long reason,
-                                                                    void* reserved)
+extern "C" __attribute__((visibility("default"))) int MeridBSPEntry(void* module, unsigned long reason, void* reserved)
 {
     (void)module;
     (void)reserved;

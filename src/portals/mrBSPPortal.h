@@ -9,10 +9,10 @@ class mrBSPNode;
 class mrBSPPortal
 {
 public:
-    mrPlane* m_plane;        // not owned: a node's plane, or an outer plane of the portalizer
-    mrBSPNode* m_nodes[2];   // [0] the node in front of m_plane, [1] the node behind it
-    mrBSPPortal* m_next[2];  // next portal in the list of m_nodes[0] / m_nodes[1]
-    mrWinding* m_winding;    // owned, but released by whoever deletes the portal
+    mrPlane* m_plane;       // not owned: a node's plane, or an outer plane of the portalizer
+    mrBSPNode* m_nodes[2];  // [0] the node in front of m_plane, [1] the node behind it
+    mrBSPPortal* m_next[2]; // next portal in the list of m_nodes[0] / m_nodes[1]
+    mrWinding* m_winding;   // owned, but released by whoever deletes the portal
 
     mrBSPPortal();
     mrBSPPortal(const mrBSPPortal&) = default;

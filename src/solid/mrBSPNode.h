@@ -19,10 +19,10 @@ public:
     mrPlane* m_plane;
     mrBSPNode* m_children[2]; // [0] front (the side the normal points to), [1] back
     mrBSPFace* m_faces;
-    int32_t m_contents;        // leaves: 0 empty, 1 solid
-    mrBSPFace** m_markfaces;   // leaves: null-terminated, from malloc
+    int32_t m_contents;      // leaves: 0 empty, 1 solid
+    mrBSPFace** m_markfaces; // leaves: null-terminated, from malloc
     mrBSPPortal* m_portals;
-    int32_t m_leafnum;         // -99 decision node, -1 solid leaf, 0.. numbered leaves
+    int32_t m_leafnum; // -99 decision node, -1 solid leaf, 0.. numbered leaves
     int32_t m_reserved;
 
     // Box, faces, contents and numbers are cleared too, so a new node never holds garbage.

@@ -13,15 +13,15 @@
 class mrSolidBSP
 {
 public:
-    int32_t m_midSplit;        // nonzero: choose planes by box division alone
-    int32_t m_numSplitNodes;   // decision nodes made
-    int32_t m_numLeafFaces;    // face fragments linked into leaves
-    int32_t m_numNodeFaces;    // faces copied by linkNodeFaces
-    int32_t m_numSolidLeafs;   // leaves without faces
-    int32_t m_numEmptyLeafs;   // leaves with faces
-    int32_t m_numLinkedFaces;  // distinct originals referenced by leaves
-    int32_t m_reserved0;       // not used by the generator
-    int32_t m_reserved1;       // set to 1 by generate
+    int32_t m_midSplit;       // nonzero: choose planes by box division alone
+    int32_t m_numSplitNodes;  // decision nodes made
+    int32_t m_numLeafFaces;   // face fragments linked into leaves
+    int32_t m_numNodeFaces;   // faces copied by linkNodeFaces
+    int32_t m_numSolidLeafs;  // leaves without faces
+    int32_t m_numEmptyLeafs;  // leaves with faces
+    int32_t m_numLinkedFaces; // distinct originals referenced by leaves
+    int32_t m_reserved0;      // not used by the generator
+    int32_t m_reserved1;      // set to 1 by generate
 
     // Every field starts at zero so that a fresh generator never holds garbage.
     mrSolidBSP()
@@ -35,8 +35,7 @@ public:
 
     // Partition selection.
     mrBSPSurface* selectPartition(mrBSPSurface* list);
-    mrBSPSurface* choosePlaneFromList(mrBSPSurface* list, srVector3T<float> mins, srVector3T<float> maxs,
-                                      int allowZUp);
+    mrBSPSurface* choosePlaneFromList(mrBSPSurface* list, srVector3T<float> mins, srVector3T<float> maxs, int allowZUp);
     mrBSPSurface* chooseMidPlaneFromList(mrBSPSurface* list, srVector3T<float> mins, srVector3T<float> maxs);
     mrPlane::e_side faceSide(mrBSPFace* face, mrPlane* plane);
 

@@ -17,12 +17,12 @@ typedef srMeshModel mrMeshModel;
 class mrBSPSurfaceBuilder
 {
 public:
-    mrDynamicArray<mrPlane*> m_planes;           // plane table: entry i is plane i
-    uint32_t m_numplanes;                        // planes in use
-    mrDynamicArray<mrBSPSurface*> m_surfaces;    // entry i is the surface of plane i
+    mrDynamicArray<mrPlane*> m_planes;        // plane table: entry i is plane i
+    uint32_t m_numplanes;                     // planes in use
+    mrDynamicArray<mrBSPSurface*> m_surfaces; // entry i is the surface of plane i
     uint32_t m_numsurfaces;
-    mrDynamicArray<int32_t> m_polyPlanes;        // plane number of each mesh polygon
-    mrMeshModel* m_mesh;                         // not owned
+    mrDynamicArray<int32_t> m_polyPlanes; // plane number of each mesh polygon
+    mrMeshModel* m_mesh;                  // not owned
 
     // Counts and mesh are cleared too, so a fresh builder never holds garbage.
     mrBSPSurfaceBuilder() : m_numplanes(0), m_numsurfaces(0), m_mesh(nullptr) {}

@@ -59,7 +59,7 @@ private:
     const unsigned char* m_data;
     size_t m_size;
     size_t m_pos = 0;
-    std::vector<size_t> m_ends;     // end offsets of the open chunks, innermost last
-    std::vector<uint32_t> m_ids;    // their IDs, for messages
+    std::vector<size_t> m_ends;  // end offsets of the open chunks, innermost last
+    std::vector<uint32_t> m_ids; // their IDs, for messages
     std::string m_error;
 };

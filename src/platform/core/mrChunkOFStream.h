@@ -9,12 +9,12 @@
 // little-endian bytes spell a readable tag, so hex dumps show where each chunk starts.
 enum e_chunkFormat : uint32_t
 {
-    CHUNK_FILE_MAGIC = 0x4643524Du,  // "MRCF": the first four bytes of every file
-    CHUNK_FILE_VERSION = 1u,         // format version this build writes and reads
-    CHUNK_OBJECT = 0x204A424Fu,      // "OBJ ": one object record
-    CHUNK_PARAMBLOCK = 0x4B4C4250u,  // "PBLK": a parameter block
-    CHUNK_FIELD = 0x20444C46u,       // "FLD ": one field of a parameter block
-    CHUNK_ANIMATION = 0x4D494E41u,   // "ANIM": animation keys of a parameter block
+    CHUNK_FILE_MAGIC = 0x4643524Du, // "MRCF": the first four bytes of every file
+    CHUNK_FILE_VERSION = 1u,        // format version this build writes and reads
+    CHUNK_OBJECT = 0x204A424Fu,     // "OBJ ": one object record
+    CHUNK_PARAMBLOCK = 0x4B4C4250u, // "PBLK": a parameter block
+    CHUNK_FIELD = 0x20444C46u,      // "FLD ": one field of a parameter block
+    CHUNK_ANIMATION = 0x4D494E41u,  // "ANIM": animation keys of a parameter block
 };
 
 // On-disk field kinds. Byte-array pointer fields are written as byte arrays.

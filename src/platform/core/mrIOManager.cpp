@@ -1,13 +1,13 @@
 #include "platform/core/mrIOManager.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/core/mrChunkIFStream.h"
 #include "platform/core/mrChunkOFStream.h"
@@ -101,8 +101,7 @@ mrClassIOHandler* mrIOManager::getHandler(unsigned long classID) const
     return it == m_handlers.end() ? nullptr : it->second;
 }
 
-bool mrIOManager::saveBuffer(const std::vector<srClass*>& objects, std::vector<unsigned char>& out,
-                             std::string* error)
+bool mrIOManager::saveBuffer(const std::vector<srClass*>& objects, std::vector<unsigned char>& out, std::string* error)
 {
     if (objects.size() > 0xFFFFFFFFu)
     {
@@ -244,17 +243,18 @@ bool mrIOManager::loadFile(const std::string& path, std::vector<srClass*>& objec
     return loadBuffer(bytes, objects, error, path);
 }
 
-bool mrIOManager::loadBuffer(const std::vector<unsigned char>& data, std::vector<srClass*>& objects,
-                             std::string* error, const std::string& name)
+bool mrIOManager::loadBuffer(const std::vector<unsigned char>& data, std::vector<srClass*>& objects, std::string* error,
+                             const std::string& name)
 {
     return loadBuffer(data.empty() ? nullptr : data.data(), data.size(), objects, error, name);
 }
 
-bool mrIOManager::loadBuffer(const unsigned char* data, size_t size, std::vector<srClass*>& objects,
-                             std::string* error, const std::string& name)
+bool mrIOManager::loadBuffer(const unsigned char* data, size_t size, std::vector<srClass*>& objects, std::string* error,
+                             const std::string& name)
 {
     std::vector<srClass*> loaded;
-    auto failWith = [&](const std::string& message) {
+    auto failWith = [&](const std::string& message)
+    {
         releaseAll(loaded);
         setError(error, name + ": " + message);
         return false;
@@ -325,7 +325,8 @@ bool mrIOManager::loadBuffer(const unsigned char* data, size_t size, std::vector
         return failWith("out of memory");
     }
     if (stream.remaining() > 0)
-        return failWith(std::to_string(stream.remaining()) + " bytes of trailing garbage after the last record (at offset " +
+        return failWith(std::to_string(stream.remaining()) +
+                        " bytes of trailing garbage after the last record (at offset " +
                         std::to_string(stream.offset()) + ")");
 
     objects.insert(objects.end(), loaded.begin(), loaded.end());

@@ -1,10 +1,10 @@
 #include "platform/core/mrModuleLoader.h"
 
-#include <dlfcn.h>
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstring>
+
+#include <dlfcn.h>
+#include <sys/stat.h>
 
 namespace
 {

@@ -28,8 +28,8 @@ public:
     ~mrRefMaker() override = default;
 
     // partID is the changed field's ID for REFMSG_CHANGE.
-    virtual e_refResult notifyRefChanged(e_refMsg message, unsigned long partID, mrRefTarget* target,
-                                         unsigned long, int)
+    virtual e_refResult notifyRefChanged(e_refMsg message, unsigned long partID, mrRefTarget* target, unsigned long,
+                                         int)
     {
         (void)message;
         (void)partID;

@@ -8,11 +8,13 @@
 // Class identity for T, a class of ID `ClassID` under Base. The class node is looked
 // up in the registry whenever it is needed and registered on first use, parent first.
 // Objects register themselves as live instances while they exist.
-template <class T, class Base, int Flag, unsigned long ClassID>
-class srClassSupport : public Base
+template <class T, class Base, int Flag, unsigned long ClassID> class srClassSupport : public Base
 {
 public:
-    enum { CLASS_ID = ClassID };
+    enum
+    {
+        CLASS_ID = ClassID
+    };
 
     srClassSupport() { srCore::instance().getRegistry().registerInstance(sGetClassNode(), this); }
     srClassSupport(const srClassSupport& o) : Base(o)

@@ -2,8 +2,7 @@
 
 // A counted reference to an srClass-derived object: copying adds a reference,
 // destruction releases one.
-template <class T>
-class srPtr
+template <class T> class srPtr
 {
 public:
     srPtr() : m_p(nullptr) {}

@@ -9,7 +9,11 @@
 class srRuntimeClass
 {
 public:
-    enum e_verify { VERIFY_QUICK = 0, VERIFY_FULL = 1 };
+    enum e_verify
+    {
+        VERIFY_QUICK = 0,
+        VERIFY_FULL = 1
+    };
 
     srRuntimeClass() = default;
     srRuntimeClass(const srRuntimeClass&) = default;

@@ -1,8 +1,7 @@
 #pragma once
 
 // Three components x, y, z: points, normals and box corners.
-template <class T>
-class srVector3T
+template <class T> class srVector3T
 {
 public:
     T x, y, z;

@@ -1,8 +1,7 @@
 #pragma once
 
 // Four components; the clip BSP generator keeps a plane in one (x, y, z the unit normal, w the distance).
-template <class T>
-class srVector4T
+template <class T> class srVector4T
 {
 public:
     T x, y, z, w;

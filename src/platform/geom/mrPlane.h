@@ -6,7 +6,12 @@
 class mrPlane
 {
 public:
-    enum e_side { SIDE_FRONT = 0, SIDE_BACK = 1, SIDE_ON = 2 };
+    enum e_side
+    {
+        SIDE_FRONT = 0,
+        SIDE_BACK = 1,
+        SIDE_ON = 2
+    };
 
     srVector3T<float> m_normal;
     float m_dist;
