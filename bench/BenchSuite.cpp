@@ -469,22 +469,35 @@ void BenchSuite::chunkLoad(benchmark::State& st, Entry& e)
     st.counters["bytes"] = (double)data.size();
 }
 
-void BenchSuite::pointInfo(benchmark::State& st, Entry& e)
+template <class Query>
+bool BenchSuite::timeClipQueries(benchmark::State& st, Entry& e, const char* counter, Query query)
 {
     const mrClipBSP* bsp = clip(e);
     if (!bsp)
     {
         st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
-        return;
+        return false;
     }
     const BenchQueries& q = queries(e);
     const size_t n = q.size(), sample = std::min(n, kSample);
     Clock::time_point t0 = Clock::now();
     for (size_t i = 0; i < sample; ++i)
-        benchmark::DoNotOptimize(bsp->pointInfo(0, q.m_points[i]));
+        benchmark::DoNotOptimize(query(*bsp, q, i));
     if (skipBySample(st, secondsSince(t0), sample, n))
+        return false;
+    timeQueries(st, n, counter, [&](size_t i) { return query(*bsp, q, i); });
+    return true;
+}
+
+void BenchSuite::pointInfo(benchmark::State& st, Entry& e)
+{
+    if (!timeClipQueries(st, e, "solid",
+                         [](const mrClipBSP& bsp, const BenchQueries& q, size_t i)
+                         { return bsp.pointInfo(0, q.m_points[i]) <= -2; }))
         return;
-    timeQueries(st, n, "solid", [&](size_t i) { return bsp->pointInfo(0, q.m_points[i]) <= -2; });
+    const mrClipBSP* bsp = clip(e);
+    const BenchQueries& q = queries(e);
+    const size_t n = q.size();
     // How deep the walks go (outside the timing, on the first 10,000 points): the cost
     // of a query is this many plane tests.
     const size_t m = std::min(n, (size_t)10000);
@@ -506,22 +519,10 @@ void BenchSuite::pointInfo(benchmark::State& st, Entry& e)
 
 void BenchSuite::checkCollision(benchmark::State& st, Entry& e)
 {
-    const mrClipBSP* bsp = clip(e);
-    if (!bsp)
-    {
-        st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
-        return;
-    }
-    const BenchQueries& q = queries(e);
-    const size_t n = q.size(), sample = std::min(n, kSample);
     mrTrace trace;
-    Clock::time_point t0 = Clock::now();
-    for (size_t i = 0; i < sample; ++i)
-        benchmark::DoNotOptimize(bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace));
-    if (skipBySample(st, secondsSince(t0), sample, n))
-        return;
-    timeQueries(st, n, "blocked",
-                [&](size_t i) { return bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0; });
+    timeClipQueries(st, e, "blocked",
+                    [&trace](const mrClipBSP& bsp, const BenchQueries& q, size_t i)
+                    { return bsp.checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0; });
 }
 
 // ---- peers ------------------------------------------------------------------------

@@ -87,6 +87,9 @@ private:
     // For the queries: times the first `sample` queries and skips when all of them would
     // take over the limit. Returns true when skipped.
     bool skipBySample(benchmark::State& st, double sampleSeconds, size_t sample, size_t total);
+    // A timed pass of query(clip, queries, i) over every query of the mesh, after a
+    // sample that may skip it; false when skipped.
+    template <class Query> bool timeClipQueries(benchmark::State& st, Entry& e, const char* counter, Query query);
 
     void registerFamily(const std::string& family, void (BenchSuite::*fn)(benchmark::State&, Entry&),
                         const std::string& suffix = "");
