@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "clip/mrClipBSP.h"
+#include "clip/mrClipQueryIndex.h"
 #include "clipgen/mrClipBSPGen.h"
 #include "platform/dx/srTexture.h"
 #include "support/TestSupport.h"
@@ -263,16 +264,32 @@ std::vector<V> probePoints(const mrClipBSP& bsp, int count)
 void expectIndexChangesNothing(mrClipBSP& bsp, const char* what)
 {
     SCOPED_TRACE(what);
-    const std::vector<V> points = probePoints(bsp, 1500);
-    // Contents of every point and the trace from it to a scattered other point.
+    std::vector<V> points = probePoints(bsp, 1500);
+    // Dense runs along a few lines, so that the index's grid cells are left and entered
+    // at every kind of border.
+    V lo, hi;
+    grownBounds(bsp, 0.2f, lo, hi);
+    Rng r{4242};
+    for (int line = 0; line < 6; ++line)
+    {
+        const V a = randomIn(r, lo, hi), b = randomIn(r, lo, hi);
+        for (int k = 0; k <= 4000; ++k)
+        {
+            const float t = (float)k / 4000.0f;
+            points.push_back(V(a.x + (b.x - a.x) * t, a.y + (b.y - a.y) * t, a.z + (b.z - a.z) * t));
+        }
+    }
+    // Contents of every point, the trace from it to a scattered other point and a short
+    // trace to its successor (both ends often in one cell).
     auto answers = [&]
     {
-        std::vector<std::tuple<int, int, uint64_t>> out;
+        std::vector<std::tuple<int, int, uint64_t, int, uint64_t>> out;
         for (size_t i = 0; i < points.size(); ++i)
         {
-            mrTrace t;
+            mrTrace t, u;
             const int result = bsp.checkCollision(points[i], points[(i * 7919 + 13) % points.size()], t);
-            out.push_back({bsp.pointInfo(0, points[i]), result, hashTrace(0, result, t)});
+            const int near = bsp.checkCollision(points[i], points[(i + 1) % points.size()], u);
+            out.push_back({bsp.pointInfo(0, points[i]), result, hashTrace(0, result, t), near, hashTrace(0, near, u)});
         }
         return out;
     };
@@ -297,6 +314,46 @@ TEST(IndexedQueries, ClosedAndOpenMeshesAnswerAsThePlainWalk)
         buildCase(name, c, marked.p);
         mrClipBSPGen gen;
         expectIndexChangesNothing(*c.import(gen), name);
+    }
+}
+
+// The grid answers most points of a level from their cell alone: whole cells of rock
+// and of open space. A tree made of long chains keeps its cones and gets no grid.
+TEST(IndexedQueries, GridCellsHoldLeavesAwayFromTheSurface)
+{
+    Marked marked;
+    int gridded = 0;
+    for (const char* name : {"pillaredRooms", "sphere4"})
+    {
+        Case c;
+        buildCase(name, c, marked.p);
+        mrClipBSPGen gen;
+        ClipPtr bsp = c.import(gen);
+        const mrClipQueryIndex index(bsp->m_nodes, bsp->m_numnodes, bsp->m_planes, bsp->m_numplanes, bsp->m_mins,
+                                     bsp->m_maxs);
+        if (index.numRuns())
+        {
+            EXPECT_EQ(index.numCells(), 0u) << name;
+            continue;
+        }
+        ASSERT_GE(index.numCells(), 4000u) << name;
+        ++gridded;
+        size_t solid = 0, empty = 0;
+        for (size_t i = 0; i < index.numCells(); ++i)
+        {
+            solid += index.cellStart((int64_t)i) <= -2;
+            empty += index.cellStart((int64_t)i) == -1;
+        }
+        EXPECT_GT(solid, index.numCells() / 20) << name;
+        EXPECT_GT(empty, index.numCells() / 20) << name;
+        // No grid without usable bounds; the queries then start at the root.
+        const V nan(std::numeric_limits<float>::quiet_NaN(), 0, 0);
+        EXPECT_EQ(mrClipQueryIndex(bsp->m_nodes, bsp->m_numnodes, bsp->m_planes, bsp->m_numplanes, nan, nan).numCells(),
+                  0u);
+        EXPECT_EQ(
+            mrClipQueryIndex(bsp->m_nodes, bsp->m_numnodes, bsp->m_planes, bsp->m_numplanes, bsp->m_maxs, bsp->m_mins)
+                .numCells(),
+            0u);
     }
 }
 

@@ -526,7 +526,8 @@ void mrClipBSP::prepareQueries()
         return;
     try
     {
-        m_queryIndex = std::make_shared<const mrClipQueryIndex>(m_nodes, m_numnodes, m_planes, m_numplanes);
+        m_queryIndex =
+            std::make_shared<const mrClipQueryIndex>(m_nodes, m_numnodes, m_planes, m_numplanes, m_mins, m_maxs);
     }
     catch (const std::bad_alloc&)
     {
@@ -685,6 +686,8 @@ public:
     }
     int pointInfo(int node, const srVector3T<float>& p) const
     {
+        if (node == 0)
+            node = m_index.startFor(p);
         while (node >= 0)
             node = m_index.pointStep(node, p);
         return node;
@@ -699,10 +702,12 @@ private:
 class CompactWalk : public IndexWalk
 {
 public:
-    explicit CompactWalk(const mrClipQueryIndex& index) : IndexWalk(index), m_nodes(index.nodes()) {}
+    explicit CompactWalk(const mrClipQueryIndex& index) : IndexWalk(index), m_index(index), m_nodes(index.nodes()) {}
     bool inChain(int) const { return false; }
     int pointInfo(int node, const srVector3T<float>& p) const
     {
+        if (node == 0)
+            node = m_index.startFor(p);
         while (node >= 0)
         {
             const mrClipQueryIndex::Node& n = m_nodes[node];
@@ -712,6 +717,7 @@ public:
     }
 
 private:
+    const mrClipQueryIndex& m_index;
     const mrClipQueryIndex::Node* m_nodes;
 };
 
@@ -868,8 +874,12 @@ int mrClipBSP::clip(int node, float p1f, float p2f, const srVector3T<float>& p1,
     if (node >= 0 && isEmptySpace())
         node = -1;
     if (const mrClipQueryIndex* index = queryIndex())
+    {
+        if (node == 0)
+            node = index->traceStart(p1, p2);
         return index->numRuns() ? traceWith(IndexWalk(*index), node, p1f, p2f, p1, p2, trace)
                                 : traceWith(CompactWalk(*index), node, p1f, p2f, p1, p2, trace);
+    }
     return traceWith(PlainWalk(m_nodes, m_planes), node, p1f, p2f, p1, p2, trace);
 }
 

@@ -27,6 +27,14 @@ const double MAX_MAGNITUDE = 1e18;
 // room to spare, plus an absolute floor for products in the subnormal range.
 const double FLOAT_ROUNDING = 3e-7;
 const double FLOAT_FLOOR = 1e-37;
+// The grid: about this many cells per node, within these limits.
+const double CELLS_PER_NODE = 32.0;
+const double MIN_CELLS = 4096.0, MAX_CELLS = 2097152.0;
+const int32_t MAX_CELLS_PER_AXIS = 1024;
+// Node tests the grid may spend per node of the tree, and in any case; a cell the
+// budget does not reach keeps the node its walk had got to.
+const int64_t GRID_TESTS_PER_NODE = 64;
+const int64_t GRID_TESTS_MIN = 1 << 16;
 
 inline bool inRange(const srVector3T<float>& p)
 {
@@ -34,7 +42,8 @@ inline bool inRange(const srVector3T<float>& p)
 }
 } // namespace
 
-mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t)
+mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t,
+                                   const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
     m_nodes.resize(numnodes);
     for (uint32_t i = 0; i < numnodes; ++i)
@@ -87,6 +96,7 @@ mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, c
         }
         i = k + 1;
     }
+    buildGrid(mins, maxs);
 }
 
 void mrClipQueryIndex::buildRun(Run& run)
@@ -408,4 +418,147 @@ int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srV
         return run.exit;
     const int first = firstLeaving(run, j, p1, p2);
     return first >= 0 ? first : run.exit;
+}
+
+// ---------------------------------------------------------------------------------
+// The grid of cells
+
+int mrClipQueryIndex::boxSide(const Node& n, const double* lo, const double* hi) const
+{
+    // The exact signed distance over the box lies in [emin, emax] (products of floats are
+    // exact in double); the float test differs from it by at most FLOAT_ROUNDING of the
+    // terms' magnitudes. Any NaN, and magnitudes where float terms could overflow, leave
+    // the box undecided.
+    const double d = (double)n.d;
+    double emin = -d, emax = -d, scale = std::fabs(d);
+    for (int k = 0; k < 3; ++k)
+    {
+        const double a = (double)n.n[k] * lo[k], b = (double)n.n[k] * hi[k];
+        emin += std::min(a, b);
+        emax += std::max(a, b);
+        scale += std::fabs((double)n.n[k]) * std::max(std::fabs(lo[k]), std::fabs(hi[k]));
+    }
+    if (!(scale <= MAX_MAGNITUDE * MAX_MAGNITUDE))
+        return -1;
+    const double margin = FLOAT_ROUNDING * scale + FLOAT_FLOOR;
+    if (emin > margin)
+        return 0;
+    if (emax < -margin)
+        return 1;
+    return -1;
+}
+
+void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs)
+{
+    // A tree with long chains (a closed convex part) has its cones instead: pushing boxes
+    // down a chain costs more than the cells save.
+    if (m_nodes.empty() || !m_runs.empty())
+        return;
+    double lo[3], ext[3], largest = 0.0;
+    for (int k = 0; k < 3; ++k)
+    {
+        const double a = (double)mins[k], b = (double)maxs[k];
+        if (!(a <= b) || !(std::fabs(a) <= MAX_MAGNITUDE) || !(std::fabs(b) <= MAX_MAGNITUDE))
+            return;
+        ext[k] = b - a;
+        lo[k] = a;
+        largest = std::max(largest, ext[k]);
+    }
+    if (!(largest > 0.0))
+        return;
+    double volume = 1.0;
+    for (int k = 0; k < 3; ++k)
+    {
+        // A flat box still gets some depth; then a tenth more on each side.
+        ext[k] = std::max(ext[k], largest * 1e-3);
+        lo[k] -= 0.1 * ext[k];
+        ext[k] *= 1.2;
+        volume *= ext[k];
+    }
+    const double cells = std::min(MAX_CELLS, std::max(MIN_CELLS, CELLS_PER_NODE * (double)m_nodes.size()));
+    const double side = std::cbrt(volume / cells);
+    double width[3];
+    for (int k = 0; k < 3; ++k)
+    {
+        m_dims[k] = (int32_t)std::min((double)MAX_CELLS_PER_AXIS, std::max(1.0, std::ceil(ext[k] / side)));
+        m_gridLo[k] = (float)lo[k];
+        m_gridInv[k] = (float)((double)m_dims[k] / ext[k]);
+        m_gridEnd[k] = (float)m_dims[k];
+        // The cell width the float mapping actually uses.
+        width[k] = 1.0 / (double)m_gridInv[k];
+        if (!std::isfinite(width[k]) || !(m_gridInv[k] > 0.0f))
+        {
+            m_dims[0] = m_dims[1] = m_dims[2] = 0;
+            return;
+        }
+    }
+    m_cells.assign((size_t)m_dims[0] * m_dims[1] * m_dims[2], 0);
+
+    // Boxes of cells pushed down the tree, each from the node its enclosing box reached:
+    // a box wholly on one side of a plane follows that side; a box that straddles is
+    // split in eight, down to single cells. The float mapping puts a point up to a few
+    // units in the last place outside its cell, so each box is widened far beyond that.
+    struct Box
+    {
+        int32_t from[3], to[3];
+        int32_t node;
+    };
+    std::vector<Box> stack;
+    stack.push_back(Box{{0, 0, 0}, {m_dims[0], m_dims[1], m_dims[2]}, 0});
+    int64_t budget = std::max(GRID_TESTS_MIN, GRID_TESTS_PER_NODE * (int64_t)m_nodes.size());
+    while (!stack.empty())
+    {
+        const Box box = stack.back();
+        stack.pop_back();
+        double blo[3], bhi[3];
+        bool single = true;
+        for (int k = 0; k < 3; ++k)
+        {
+            const double slack = 1e-5 * ext[k];
+            blo[k] = (double)m_gridLo[k] + box.from[k] * width[k] - slack;
+            bhi[k] = (double)m_gridLo[k] + box.to[k] * width[k] + slack;
+            single = single && box.to[k] - box.from[k] == 1;
+        }
+        int32_t node = box.node;
+        while (node >= 0 && budget > 0)
+        {
+            --budget;
+            const int side = boxSide(m_nodes[node], blo, bhi);
+            if (side < 0)
+                break;
+            node = m_nodes[node].child[side];
+        }
+        if (node < 0 || single || budget <= 0)
+        {
+            for (int32_t z = box.from[2]; z < box.to[2]; ++z)
+                for (int32_t y = box.from[1]; y < box.to[1]; ++y)
+                {
+                    int32_t* row = &m_cells[((size_t)z * m_dims[1] + y) * m_dims[0]];
+                    std::fill(row + box.from[0], row + box.to[0], node);
+                }
+            continue;
+        }
+        int32_t cuts[3][3];
+        int parts[3];
+        for (int k = 0; k < 3; ++k)
+        {
+            cuts[k][0] = box.from[k];
+            if (box.to[k] - box.from[k] > 1)
+            {
+                cuts[k][1] = box.from[k] + (box.to[k] - box.from[k]) / 2;
+                cuts[k][2] = box.to[k];
+                parts[k] = 2;
+            }
+            else
+            {
+                cuts[k][1] = box.to[k];
+                parts[k] = 1;
+            }
+        }
+        for (int a = 0; a < parts[0]; ++a)
+            for (int b = 0; b < parts[1]; ++b)
+                for (int c = 0; c < parts[2]; ++c)
+                    stack.push_back(Box{
+                        {cuts[0][a], cuts[1][b], cuts[2][c]}, {cuts[0][a + 1], cuts[1][b + 1], cuts[2][c + 1]}, node});
+    }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -35,11 +36,53 @@ public:
     };
 
     // Builds the index of a valid tree (see mrClipBSP::validate); the arrays are only
-    // read during the call.
-    mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t numplanes);
+    // read during the call. The grid of cells is laid over the box `mins`..`maxs` grown
+    // by a tenth on each side (the clip BSP's bounds): it only decides how fast queries
+    // there are, never their answers.
+    mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t numplanes,
+                     const srVector3T<float>& mins, const srVector3T<float>& maxs);
 
     const Node* nodes() const { return m_nodes.data(); }
     size_t numRuns() const { return m_runs.size(); }
+    size_t numCells() const { return m_cells.size(); }
+
+    // The grid cell holding p, or -1 outside the grid (and for NaN coordinates).
+    int64_t cellOf(const srVector3T<float>& p) const
+    {
+        if (m_cells.empty())
+            return -1;
+        const float f[3] = {(p.x - m_gridLo[0]) * m_gridInv[0], (p.y - m_gridLo[1]) * m_gridInv[1],
+                            (p.z - m_gridLo[2]) * m_gridInv[2]};
+        int64_t cell = 0;
+        for (int k = 2; k >= 0; --k)
+        {
+            if (!(f[k] >= 0.0f && f[k] < m_gridEnd[k]))
+                return -1;
+            cell = cell * m_dims[k] + std::min((int32_t)f[k], m_dims[k] - 1);
+        }
+        return cell;
+    }
+    // What every walk from the root does for the points of a cell: the leaf they all
+    // reach (negative), or the first node on which they may disagree. All of them pass
+    // through that node, so a walk may start there and make the same tests from then on.
+    int32_t cellStart(int64_t cell) const { return m_cells[(size_t)cell]; }
+    // Where a trace from the root may start for the segment p1-p2: the node both ends'
+    // walks pass through (each plane above it has both ends on one side, so the trace
+    // crosses none of them), or their leaf when they share a cell; else the root.
+    int32_t traceStart(const srVector3T<float>& p1, const srVector3T<float>& p2) const
+    {
+        const int64_t c1 = cellOf(p1), c2 = cellOf(p2);
+        if (c1 < 0 || c2 < 0)
+            return 0;
+        const int32_t s1 = m_cells[(size_t)c1];
+        return c1 == c2 || (s1 >= 0 && s1 == m_cells[(size_t)c2]) ? s1 : 0;
+    }
+    // Where a walk from the root may start for p: its cell's start, or the root.
+    int32_t startFor(const srVector3T<float>& p) const
+    {
+        const int64_t cell = cellOf(p);
+        return cell < 0 ? 0 : m_cells[(size_t)cell];
+    }
 
     // The leaf or node a walk from `node` reaches, where the walk leaves node's chain:
     // for a plain node, the child the plane test picks; within a chain, the chain's leaf
@@ -118,9 +161,21 @@ private:
         double dist;    // |distance|
     };
     int buildCones(std::vector<Member>& members, size_t begin, size_t end);
+    // Which side of node's plane every point of the box lies on for the float test (0
+    // front, 1 back), or -1 when rounding included they may differ.
+    int boxSide(const Node& n, const double* lo, const double* hi) const;
+    void buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs);
 
     std::vector<Node> m_nodes;
     std::vector<Run> m_runs;
     std::vector<Cone> m_cones;
     std::vector<int32_t> m_entries;
+
+    // The grid: cell (x, y, z) of m_dims holds the points whose (p - m_gridLo) * m_gridInv
+    // rounds into [x, x + 1) and so on; m_cells in x-fastest order.
+    float m_gridLo[3] = {0, 0, 0};
+    float m_gridInv[3] = {0, 0, 0};
+    float m_gridEnd[3] = {0, 0, 0};
+    int32_t m_dims[3] = {0, 0, 0};
+    std::vector<int32_t> m_cells;
 };

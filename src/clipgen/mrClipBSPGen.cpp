@@ -1335,6 +1335,8 @@ mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& 
     bsp->m_mins = srVector3T<float>(mins.x - 1.0f, mins.y - 1.0f, mins.z - 1.0f);
     bsp->m_maxs = srVector3T<float>(maxs.x + 1.0f, maxs.y + 1.0f, maxs.z + 1.0f);
     bsp->refreshPBlock(nullptr);
+    // Again, now that the bounds are known: the index lays its grid over them.
+    bsp->prepareQueries();
 
     mesh->release();
     return bsp;
