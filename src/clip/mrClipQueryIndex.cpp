@@ -28,13 +28,16 @@ const double MAX_MAGNITUDE = 1e18;
 const double FLOAT_ROUNDING = 3e-7;
 const double FLOAT_FLOOR = 1e-37;
 // The grid: about this many cells per node, within these limits.
-const double CELLS_PER_NODE = 32.0;
+const double CELLS_PER_NODE = 12.0;
 const double MIN_CELLS = 4096.0, MAX_CELLS = 2097152.0;
 const int32_t MAX_CELLS_PER_AXIS = 1024;
-// Node tests the grid may spend per node of the tree, and in any case; a cell the
-// budget does not reach keeps the node its walk had got to.
+// Node tests the grid may spend: per node of the tree (at least the minimum), plus per
+// cell. A box the budget does not reach keeps the node its walk had got to.
 const int64_t GRID_TESTS_PER_NODE = 64;
 const int64_t GRID_TESTS_MIN = 1 << 16;
+const int64_t GRID_TESTS_PER_CELL = 8;
+// Nodes searched below a node a grid box straddles for a leaf kind all its points share.
+const int COMMON_LEAF_NODES = 256;
 
 inline bool inRange(const srVector3T<float>& p)
 {
@@ -448,6 +451,37 @@ int mrClipQueryIndex::boxSide(const Node& n, const double* lo, const double* hi)
     return -1;
 }
 
+int32_t mrClipQueryIndex::commonLeaf(int32_t node, const double* lo, const double* hi, int64_t& budget,
+                                     std::vector<int32_t>& stack) const
+{
+    // Every leaf a point of the box can reach from `node`, up to a few hundred nodes: the
+    // value they share, or 1 when they differ (or the search gives up).
+    int32_t found = 1;
+    int visited = 0;
+    stack.assign(1, node);
+    while (!stack.empty())
+    {
+        const int32_t n = stack.back();
+        stack.pop_back();
+        if (n < 0)
+        {
+            if (found != 1 && found != n)
+                return 1;
+            found = n;
+            continue;
+        }
+        if (++visited > COMMON_LEAF_NODES)
+            return 1;
+        --budget;
+        const int side = boxSide(m_nodes[n], lo, hi);
+        if (side != 1)
+            stack.push_back(m_nodes[n].child[0]);
+        if (side != 0)
+            stack.push_back(m_nodes[n].child[1]);
+    }
+    return found;
+}
+
 void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
     // A tree with long chains (a closed convex part) has its cones instead: pushing boxes
@@ -504,8 +538,10 @@ void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T
         int32_t node;
     };
     std::vector<Box> stack;
+    std::vector<int32_t> work;
     stack.push_back(Box{{0, 0, 0}, {m_dims[0], m_dims[1], m_dims[2]}, 0});
-    int64_t budget = std::max(GRID_TESTS_MIN, GRID_TESTS_PER_NODE * (int64_t)m_nodes.size());
+    int64_t budget = std::max(GRID_TESTS_MIN, GRID_TESTS_PER_NODE * (int64_t)m_nodes.size()) +
+                     GRID_TESTS_PER_CELL * (int64_t)m_cells.size();
     while (!stack.empty())
     {
         const Box box = stack.back();
@@ -527,6 +563,14 @@ void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T
             if (side < 0)
                 break;
             node = m_nodes[node].child[side];
+        }
+        if (node >= 0 && budget > 0)
+        {
+            // The box straddles `node`; its points may still all end in leaves of one
+            // kind (a BSP cuts solid and empty space into many convex pieces).
+            const int32_t leaf = commonLeaf(node, blo, bhi, budget, work);
+            if (leaf < 0)
+                node = leaf;
         }
         if (node < 0 || single || budget <= 0)
         {

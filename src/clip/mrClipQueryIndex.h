@@ -62,19 +62,28 @@ public:
         }
         return cell;
     }
-    // What every walk from the root does for the points of a cell: the leaf they all
-    // reach (negative), or the first node on which they may disagree. All of them pass
-    // through that node, so a walk may start there and make the same tests from then on.
+    // What every walk from the root does for the points of a cell: the kind of leaf they
+    // all end in (negative), or the first node on which they may disagree. All of them
+    // pass through that node, so a walk may start there and make the same tests from then
+    // on.
     int32_t cellStart(int64_t cell) const { return m_cells[(size_t)cell]; }
     // Where a trace from the root may start for the segment p1-p2: the node both ends'
     // walks pass through (each plane above it has both ends on one side, so the trace
-    // crosses none of them), or their leaf when they share a cell; else the root.
+    // crosses none of them); the root otherwise. A trace follows p1's side at every plane
+    // until its first leaf, which is therefore of p1's kind: a solid cell ends it there.
+    // A segment within one empty cell meets only empty leaves, whatever planes it
+    // crosses, and comes out clear as from a single empty leaf.
     int32_t traceStart(const srVector3T<float>& p1, const srVector3T<float>& p2) const
     {
-        const int64_t c1 = cellOf(p1), c2 = cellOf(p2);
-        if (c1 < 0 || c2 < 0)
+        const int64_t c1 = cellOf(p1);
+        if (c1 < 0)
             return 0;
         const int32_t s1 = m_cells[(size_t)c1];
+        if (s1 < -1)
+            return s1;
+        const int64_t c2 = cellOf(p2);
+        if (c2 < 0)
+            return 0;
         return c1 == c2 || (s1 >= 0 && s1 == m_cells[(size_t)c2]) ? s1 : 0;
     }
     // Where a walk from the root may start for p: its cell's start, or the root.
@@ -164,6 +173,8 @@ private:
     // Which side of node's plane every point of the box lies on for the float test (0
     // front, 1 back), or -1 when rounding included they may differ.
     int boxSide(const Node& n, const double* lo, const double* hi) const;
+    int32_t commonLeaf(int32_t node, const double* lo, const double* hi, int64_t& budget,
+                       std::vector<int32_t>& stack) const;
     void buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs);
 
     std::vector<Node> m_nodes;
