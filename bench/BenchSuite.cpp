@@ -398,6 +398,7 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
         meshPolys = portalMesh ? portalMesh->m_numpolys : 0;
         if (portalMesh)
             portalMesh->release();
+        mrBSPPortalizer::releaseMaterials();
         mrBSPTree::release(head);
         builder.releasePlanes();
         st.ResumeTiming();

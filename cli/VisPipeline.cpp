@@ -5,31 +5,10 @@
 #include "geometry/mrBSPFace.h"
 #include "geometry/mrBSPSurface.h"
 #include "platform/dx/srMeshModel.h"
-#include "platform/geom/mrMaterial.h"
 #include "portals/mrBSPPortalizer.h"
 #include "solid/mrBSPTree.h"
 #include "solid/mrSolidBSP.h"
 #include "surfaces/mrBSPSurfaceBuilder.h"
-
-namespace
-{
-
-// The portal mesh holds the only references to the materials the portalizer made, and
-// the library never releases them; a tool that runs once can.
-void releasePortalMaterials()
-{
-    mrDynamicArray<mrMaterial*>& table = mrBSPPortalizer::m_materials;
-    for (uint32_t i = 0; i < table.size(); ++i)
-    {
-        if (table.at(i))
-        {
-            table.at(i)->release();
-            table[i] = nullptr;
-        }
-    }
-}
-
-} // namespace
 
 bool VisPipeline::run(srMeshModel* mesh, const Options& options, Result& result, std::string& error)
 {
@@ -78,7 +57,7 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, Result& result,
             result.meshPolys = mrBSPPortalizer::m_polycount;
             ok = MeshWriter::write(*portalMesh, options.meshFile, error);
             portalMesh->release();
-            releasePortalMaterials();
+            mrBSPPortalizer::releaseMaterials();
         }
         // Frees the portals and the outer portal planes, which freeAllPortals leaves.
         portalizer.releasePortals(head);

@@ -225,15 +225,7 @@ void FuzzSupport::runVisPipeline(srMeshModel* mesh, bool midSplit)
         if (!portalMesh)
             fail("createMeshModel returned null");
         portalMesh->release();
-        // The library never releases the portal materials; the table holds the only
-        // references once the mesh is gone.
-        mrDynamicArray<mrMaterial*>& table = mrBSPPortalizer::m_materials;
-        for (uint32_t i = 0; i < table.size(); ++i)
-            if (table.at(i))
-            {
-                table.at(i)->release();
-                table[i] = nullptr;
-            }
+        mrBSPPortalizer::releaseMaterials();
         portalizer.releasePortals(head);
     }
     mrBSPTree::release(head);

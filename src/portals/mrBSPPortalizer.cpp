@@ -9,6 +9,7 @@
 
 #include "platform/dx/srAssert.h"
 #include "platform/dx/srOutput.h"
+#include "platform/geom/mrMaterial.h"
 #include "platform/geom/mrPlane.h"
 #include "platform/geom/mrWinding.h"
 
@@ -555,6 +556,16 @@ void mrBSPPortalizer::freeNodePortals(mrBSPNode* node)
         delete p;
         p = next;
     }
+}
+
+void mrBSPPortalizer::releaseMaterials()
+{
+    for (uint32_t i = 0; i < m_materials.size(); ++i)
+        if (m_materials.at(i))
+        {
+            m_materials.at(i)->release();
+            m_materials[i] = nullptr;
+        }
 }
 
 void mrBSPPortalizer::releasePortals(mrBSPNode* head)

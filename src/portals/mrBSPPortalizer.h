@@ -28,7 +28,8 @@ public:
     static int32_t m_num_visportals;
     static int32_t m_polycount;
     static uint32_t m_materialCounter;
-    // Filled by createMeshModel; nothing here releases the materials.
+    // Filled by createMeshModel, which overwrites the table each time without releasing
+    // what it held; releaseMaterials drops the table's references.
     static mrDynamicArray<mrMaterial*> m_materials;
 
     mrBSPPortalizer();
@@ -49,6 +50,9 @@ public:
     // freeAllPortals on the head node, and also the planes of the six outer portals, which
     // freeAllPortals leaves allocated. For callers that must not leak.
     void releasePortals(mrBSPNode* head);
+    // Releases the materials of the table and empties its slots. Once the portal mesh is
+    // gone, the table holds their last references. For callers that must not leak.
+    static void releaseMaterials();
 
     // Numbers the leaves and writes "test.prt" in the current directory.
     static void writePortalfile(mrBSPNode* head);

@@ -397,15 +397,7 @@ void VisRun::releasePortalMesh(srMeshModel* mesh)
     EXPECT_NE(mesh, nullptr);
     if (mesh)
         mesh->release();
-    // The library never releases the portal materials; the table holds the last
-    // references once the mesh is gone.
-    mrDynamicArray<mrMaterial*>& table = mrBSPPortalizer::m_materials;
-    for (uint32_t i = 0; i < table.size(); ++i)
-        if (table.at(i))
-        {
-            table.at(i)->release();
-            table[i] = nullptr;
-        }
+    mrBSPPortalizer::releaseMaterials();
 }
 
 namespace
