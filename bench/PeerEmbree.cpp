@@ -113,6 +113,30 @@ PeerEmbree::PeerEmbree(BenchMesh& mesh)
     m_crossings.reserve(8192);
 }
 
+namespace
+{
+// A ray from org along dir (from 0 to tfar along dir) that has hit nothing yet.
+RTCRayHit makeRay(const float* org, const float* dir, float tfar)
+{
+    RTCRayHit rh;
+    rh.ray.org_x = org[0];
+    rh.ray.org_y = org[1];
+    rh.ray.org_z = org[2];
+    rh.ray.dir_x = dir[0];
+    rh.ray.dir_y = dir[1];
+    rh.ray.dir_z = dir[2];
+    rh.ray.tnear = 0.0f;
+    rh.ray.tfar = tfar;
+    rh.ray.time = 0.0f;
+    rh.ray.mask = 0xFFFFFFFFu;
+    rh.ray.id = 0;
+    rh.ray.flags = 0;
+    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    return rh;
+}
+} // namespace
+
 PeerEmbree::~PeerEmbree()
 {
     rtcReleaseScene(m_segmentScene);
@@ -123,21 +147,8 @@ bool PeerEmbree::segment(const float* a, const float* b) const
 {
     RTCIntersectContext ctx;
     rtcInitIntersectContext(&ctx);
-    RTCRayHit rh;
-    rh.ray.org_x = a[0];
-    rh.ray.org_y = a[1];
-    rh.ray.org_z = a[2];
-    rh.ray.dir_x = b[0] - a[0];
-    rh.ray.dir_y = b[1] - a[1];
-    rh.ray.dir_z = b[2] - a[2];
-    rh.ray.tnear = 0.0f;
-    rh.ray.tfar = 1.0f;
-    rh.ray.time = 0.0f;
-    rh.ray.mask = 0xFFFFFFFFu;
-    rh.ray.id = 0;
-    rh.ray.flags = 0;
-    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    const float dir[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
+    RTCRayHit rh = makeRay(a, dir, 1.0f);
     rtcIntersect1(m_segmentScene, &ctx, &rh);
     return rh.hit.geomID != RTC_INVALID_GEOMETRY_ID;
 }
@@ -149,21 +160,7 @@ bool PeerEmbree::inside(const float* p)
     m_crossings.clear();
     ctx.crossings = &m_crossings;
     ctx.facing = m_facing.data();
-    RTCRayHit rh;
-    rh.ray.org_x = p[0];
-    rh.ray.org_y = p[1];
-    rh.ray.org_z = p[2];
-    rh.ray.dir_x = kRayDir[0];
-    rh.ray.dir_y = kRayDir[1];
-    rh.ray.dir_z = kRayDir[2];
-    rh.ray.tnear = 0.0f;
-    rh.ray.tfar = 1e30f;
-    rh.ray.time = 0.0f;
-    rh.ray.mask = 0xFFFFFFFFu;
-    rh.ray.id = 0;
-    rh.ray.flags = 0;
-    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    RTCRayHit rh = makeRay(p, kRayDir, 1e30f);
     rtcIntersect1(m_insideScene, &ctx.base, &rh);
     // Crossings come in traversal order: sort by distance (insertion sort, the lists
     // are short), then count runs of equal facing once, so a ray through an edge or a
