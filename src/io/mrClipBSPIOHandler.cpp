@@ -14,20 +14,9 @@
 namespace
 {
 const unsigned long kClassID = 0x60000;
-// On-disk record sizes of the two raw arrays.
-const uint64_t kNodeRecordBytes = 12;
-const uint64_t kPlaneRecordBytes = 20;
-
-enum e_field : unsigned long
-{
-    F_CONTENTS = 0xF001,
-    F_MINS = 0xF002,
-    F_MAXS = 0xF003,
-    F_NUMNODES = 0xF004,
-    F_NODES = 0xF005,
-    F_NUMPLANES = 0xF006,
-    F_PLANES = 0xF007,
-};
+// The fields and record sizes are the clip BSP's own.
+const uint64_t kNodeRecordBytes = mrClipBSP::NODE_RECORD_SIZE;
+const uint64_t kPlaneRecordBytes = mrClipBSP::PLANE_RECORD_SIZE;
 
 struct ExpectedField
 {
@@ -37,10 +26,13 @@ struct ExpectedField
 };
 
 const ExpectedField kFields[] = {
-    {F_CONTENTS, "Contents", mrParamBlock::FIELD_DWORD}, {F_MINS, "Mins", mrParamBlock::FIELD_VECTOR3},
-    {F_MAXS, "Maxs", mrParamBlock::FIELD_VECTOR3},       {F_NUMNODES, "NumNodes", mrParamBlock::FIELD_DWORD},
-    {F_NODES, "Nodes", mrParamBlock::FIELD_BYTEARRAY},   {F_NUMPLANES, "NumPlanes", mrParamBlock::FIELD_DWORD},
-    {F_PLANES, "Planes", mrParamBlock::FIELD_BYTEARRAY},
+    {mrClipBSP::PARAM_CONTENTS, "Contents", mrParamBlock::FIELD_DWORD},
+    {mrClipBSP::PARAM_MINS, "Mins", mrParamBlock::FIELD_VECTOR3},
+    {mrClipBSP::PARAM_MAXS, "Maxs", mrParamBlock::FIELD_VECTOR3},
+    {mrClipBSP::PARAM_NUMNODES, "NumNodes", mrParamBlock::FIELD_DWORD},
+    {mrClipBSP::PARAM_NODES, "Nodes", mrParamBlock::FIELD_BYTEARRAY},
+    {mrClipBSP::PARAM_NUMPLANES, "NumPlanes", mrParamBlock::FIELD_DWORD},
+    {mrClipBSP::PARAM_PLANES, "Planes", mrParamBlock::FIELD_BYTEARRAY},
 };
 
 const char* kindName(mrParamBlock::e_fieldKind kind)
@@ -114,16 +106,16 @@ srClass* mrClipBSPIOHandler::importObject(mrChunkIFStream& stream, mrIOEntry& en
             return sound;
         }
 
-        unsigned long numnodes = block.getDWordField(F_NUMNODES);
-        unsigned long numplanes = block.getDWordField(F_NUMPLANES);
-        unsigned long contents = block.getDWordField(F_CONTENTS);
-        srVector3T<float> mins = block.getVector3Field(F_MINS);
-        srVector3T<float> maxs = block.getVector3Field(F_MAXS);
+        unsigned long numnodes = block.getDWordField(mrClipBSP::PARAM_NUMNODES);
+        unsigned long numplanes = block.getDWordField(mrClipBSP::PARAM_NUMPLANES);
+        unsigned long contents = block.getDWordField(mrClipBSP::PARAM_CONTENTS);
+        srVector3T<float> mins = block.getVector3Field(mrClipBSP::PARAM_MINS);
+        srVector3T<float> maxs = block.getVector3Field(mrClipBSP::PARAM_MAXS);
 
         unsigned long planeBytes = 0;
-        const unsigned char* planeData = block.getByteArrayField(F_PLANES, planeBytes);
+        const unsigned char* planeData = block.getByteArrayField(mrClipBSP::PARAM_PLANES, planeBytes);
         unsigned long nodeBytes = 0;
-        const unsigned char* nodeData = block.getByteArrayField(F_NODES, nodeBytes);
+        const unsigned char* nodeData = block.getByteArrayField(mrClipBSP::PARAM_NODES, nodeBytes);
 
         // The plane count is checked against the record size on disk, 20 bytes, whatever
         // the in-memory size of a plane object.
@@ -135,10 +127,11 @@ srClass* mrClipBSPIOHandler::importObject(mrChunkIFStream& stream, mrIOEntry& en
         // neither allocate huge arrays nor make the copies below read past a field.
         std::string why = checkFieldKinds(block);
         if (why.empty() && (uint64_t)numnodes * kNodeRecordBytes > nodeBytes)
-            why = fieldLabel(F_NODES, "Nodes") + " holds " + std::to_string(nodeBytes) + " bytes, but \"NumNodes\" " +
-                  std::to_string(numnodes) + " needs " + std::to_string((uint64_t)numnodes * kNodeRecordBytes);
+            why = fieldLabel(mrClipBSP::PARAM_NODES, "Nodes") + " holds " + std::to_string(nodeBytes) +
+                  " bytes, but \"NumNodes\" " + std::to_string(numnodes) + " needs " +
+                  std::to_string((uint64_t)numnodes * kNodeRecordBytes);
         if (why.empty() && !planesMatch)
-            why = fieldLabel(F_PLANES, "Planes") + " holds " + std::to_string(planeBytes) + " bytes (" +
+            why = fieldLabel(mrClipBSP::PARAM_PLANES, "Planes") + " holds " + std::to_string(planeBytes) + " bytes (" +
                   std::to_string(planeBytes / kPlaneRecordBytes) + " planes of 20 bytes), but \"NumPlanes\" is " +
                   std::to_string(numplanes);
         if (!why.empty())
