@@ -131,6 +131,20 @@ ClipPtr runClip(srMeshModel& mesh)
     return bsp;
 }
 
+// A flat mesh facing +z: one node whatever the triangle count (`planes` entries in the
+// plane table), empty in front, solid behind.
+void expectOneNodeEmptyAboveSolidBelow(srMeshModel& mesh, uint32_t planes, V above, V below)
+{
+    ClipPtr bsp = runClip(mesh);
+    ASSERT_NE(bsp, nullptr);
+    ASSERT_EQ(bsp->m_numnodes, 1u);
+    EXPECT_EQ(bsp->m_numplanes, planes);
+    EXPECT_EQ(bsp->m_nodes[0].child[0], -1);
+    EXPECT_EQ(bsp->m_nodes[0].child[1], -2);
+    EXPECT_EQ(bsp->pointInfo(0, above), -1);
+    EXPECT_EQ(bsp->pointInfo(0, below), -2);
+}
+
 // Every query of a small grid and of segments across it ends, and a clear trace reports
 // fraction 1. The answers are returned as one string, to compare clip BSPs.
 std::string queryGrid(const mrClipBSP& bsp, float extent)
@@ -322,14 +336,7 @@ TEST(HostileMeshes, SingleTriangle)
 {
     srMeshModel mesh;
     mtest::addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-    ClipPtr bsp = runClip(mesh);
-    ASSERT_NE(bsp, nullptr);
-    ASSERT_EQ(bsp->m_numnodes, 1u);
-    EXPECT_EQ(bsp->m_numplanes, 1u);
-    EXPECT_EQ(bsp->m_nodes[0].child[0], -1);
-    EXPECT_EQ(bsp->m_nodes[0].child[1], -2);
-    EXPECT_EQ(bsp->pointInfo(0, V(5, 5, 1)), -1);
-    EXPECT_EQ(bsp->pointInfo(0, V(5, 5, -1)), -2);
+    expectOneNodeEmptyAboveSolidBelow(mesh, 1, V(5, 5, 1), V(5, 5, -1));
 
     VisResult vis = runVis(mesh);
     EXPECT_EQ(vis.planes, 1u);
@@ -415,14 +422,7 @@ TEST(HostileMeshes, HundredVertexPolygon)
     }
     for (int i = 1; i + 1 < 100; ++i)
         mesh.addPolygon(0, i, i + 1);
-    ClipPtr bsp = runClip(mesh);
-    ASSERT_NE(bsp, nullptr);
-    ASSERT_EQ(bsp->m_numnodes, 1u);
-    EXPECT_EQ(bsp->m_numplanes, 98u);
-    EXPECT_EQ(bsp->m_nodes[0].child[0], -1);
-    EXPECT_EQ(bsp->m_nodes[0].child[1], -2);
-    EXPECT_EQ(bsp->pointInfo(0, V(0, 0, 3)), -1);
-    EXPECT_EQ(bsp->pointInfo(0, V(0, 0, 1)), -2);
+    expectOneNodeEmptyAboveSolidBelow(mesh, 98, V(0, 0, 3), V(0, 0, 1));
 
     VisResult vis = runVis(mesh);
     EXPECT_EQ(vis.planes, 1u);
