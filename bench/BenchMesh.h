@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // One mesh the benchmarks run on: its name (the part after the benchmark family in
 // every benchmark name), the mesh model, and what the cross-check may assume about it.

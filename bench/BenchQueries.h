@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // The query points and segments of one mesh: uniform in the mesh's vertex box grown by
 // 5 % of its extent on each side, drawn from a fixed seed and rounded to float, so every

@@ -6,16 +6,15 @@
 #include <ctime>
 
 #include <fcntl.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 #include <unistd.h>
-
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrIOManager.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 #ifdef MERIDBSP_BENCH_HAVE_EMBREE
 #include "PeerEmbree.h"

@@ -21,15 +21,15 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrModuleLoader.h>
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srOutput.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include "BenchMesh.h"
 #include "BenchSuite.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrModuleLoader.h"
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srOutput.h"
 
 #ifdef MERIDBSP_BENCH_HAVE_EMBREE
 #include "PeerEmbree.h"

@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,9 +21,6 @@
 #include "StdoutRedirect.h"
 #include "Tool.h"
 #include "VisPipeline.h"
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/dx/srMeshModel.h"
 
 namespace
 {

@@ -12,10 +12,9 @@
 #include <assimp/material.h>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srTexture.h>
 #include <sys/stat.h>
-
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srTexture.h"
 
 namespace
 {

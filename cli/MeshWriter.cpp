@@ -10,11 +10,11 @@
 #include <assimp/IOSystem.hpp>
 #include <assimp/material.h>
 #include <assimp/scene.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
 #include <sys/stat.h>
 
 #include "AtomicFile.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/geom/mrMaterial.h"
 
 namespace
 {

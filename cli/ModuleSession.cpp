@@ -4,11 +4,10 @@
 #include <vector>
 
 #include <dlfcn.h>
-
-#include "clip/mrClipBSP.h"
-#include "mrVersion.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrIOManager.h"
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/mrVersion.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrIOManager.h>
 
 ModuleSession::~ModuleSession()
 {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/core/mrModuleLoader.h"
+#include <meridbsp/platform/core/mrModuleLoader.h>
 
 class mrClipBSP;
 

@@ -3,8 +3,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include <meridbsp/clip/mrClipBSP.h>
+
 #include "AtomicFile.h"
-#include "clip/mrClipBSP.h"
 
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #define STBI_WRITE_NO_STDIO

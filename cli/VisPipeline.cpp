@@ -1,14 +1,15 @@
 #include "VisPipeline.h"
 
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
+
 #include "MeshWriter.h"
 #include "StdoutRedirect.h"
-#include "geometry/mrBSPFace.h"
-#include "geometry/mrBSPSurface.h"
-#include "platform/dx/srMeshModel.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 bool VisPipeline::run(srMeshModel* mesh, const Options& options, Result& result, std::string& error)
 {

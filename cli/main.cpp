@@ -6,11 +6,11 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <meridbsp/mrVersion.h>
+#include <meridbsp/platform/dx/srOutput.h>
 
 #include "Commands.h"
 #include "Tool.h"
-#include "mrVersion.h"
-#include "platform/dx/srOutput.h"
 
 namespace
 {

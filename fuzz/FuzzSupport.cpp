@@ -6,23 +6,23 @@
 #include <cstring>
 #include <ostream>
 
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srOutput.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 #include <unistd.h>
 
 #include "FuzzInput.h"
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "geometry/mrBSPFace.h"
-#include "geometry/mrBSPSurface.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrIOManager.h"
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srOutput.h"
-#include "platform/geom/mrMaterial.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 extern "C" int MeridBSPEntry(void* module, unsigned long reason, void* reserved);
 

@@ -7,11 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srCore.h>
+
 #include "FuzzInput.h"
 #include "FuzzSupport.h"
-#include "clip/mrClipBSP.h"
-#include "platform/core/mrIOManager.h"
-#include "platform/dx/srCore.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {

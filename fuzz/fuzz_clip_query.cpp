@@ -9,9 +9,10 @@
 #include <cstring>
 #include <string>
 
+#include <meridbsp/clip/mrClipBSP.h>
+
 #include "FuzzInput.h"
 #include "FuzzSupport.h"
-#include "clip/mrClipBSP.h"
 
 namespace
 {

@@ -14,10 +14,11 @@
 #include <cstdint>
 #include <string>
 
+#include <meridbsp/platform/dx/srMeshModel.h>
+
 #include "FuzzInput.h"
 #include "FuzzSupport.h"
 #include "MeshReader.h"
-#include "platform/dx/srMeshModel.h"
 
 namespace
 {

@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+
 #include "FuzzSupport.h"
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/core/mrIOManager.h"
-#include "platform/dx/srMeshModel.h"
 
 namespace
 {

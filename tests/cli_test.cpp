@@ -11,10 +11,10 @@
 #include <assimp/scene.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <meridbsp/mrVersion.h>
+#include <meridbsp/platform/core/mrIOManager.h>
 #include <sys/wait.h>
 
-#include "mrVersion.h"
-#include "platform/core/mrIOManager.h"
 #include "support/TestSupport.h"
 
 namespace

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/platform/dx/srCore.h>
 
-#include "clip/mrClipBSP.h"
-#include "platform/dx/srCore.h"
 #include "support/TestSupport.h"
 
 namespace

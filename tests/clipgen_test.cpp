@@ -7,11 +7,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srTexture.h>
 
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srTexture.h"
 #include "support/TestSupport.h"
 
 namespace

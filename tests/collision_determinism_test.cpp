@@ -11,11 +11,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clip/mrClipQueryIndex.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/dx/srTexture.h>
 
-#include "clip/mrClipBSP.h"
-#include "clip/mrClipQueryIndex.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/dx/srTexture.h"
 #include "support/TestSupport.h"
 
 namespace

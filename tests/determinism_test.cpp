@@ -12,13 +12,13 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
-#include "platform/geom/mrMaterial.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
 #include "support/TestSupport.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace
 {

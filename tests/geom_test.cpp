@@ -3,9 +3,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "platform/geom/mrPlane.h"
-#include "platform/geom/mrWinding.h"
+#include <meridbsp/platform/geom/mrPlane.h>
+#include <meridbsp/platform/geom/mrWinding.h>
 
 // Readable failure messages for points.
 void PrintTo(const srVector3T<float>& v, std::ostream* os) { *os << "(" << v.x << ", " << v.y << ", " << v.z << ")"; }

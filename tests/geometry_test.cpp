@@ -5,10 +5,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/geometry/mrDynamicArray.h>
 
-#include "geometry/mrBSPFace.h"
-#include "geometry/mrBSPSurface.h"
-#include "geometry/mrDynamicArray.h"
 #include "support/TestSupport.h"
 
 namespace

@@ -9,15 +9,15 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/io/mrClipBSPIOHandler.h>
+#include <meridbsp/platform/core/mrChunkIFStream.h>
+#include <meridbsp/platform/core/mrChunkOFStream.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/core/mrModuleLoader.h>
+#include <meridbsp/platform/dx/srCore.h>
 
-#include "clip/mrClipBSP.h"
-#include "io/mrClipBSPIOHandler.h"
-#include "platform/core/mrChunkIFStream.h"
-#include "platform/core/mrChunkOFStream.h"
-#include "platform/core/mrCore.h"
-#include "platform/core/mrIOManager.h"
-#include "platform/core/mrModuleLoader.h"
-#include "platform/dx/srCore.h"
 #include "support/TestSupport.h"
 
 namespace

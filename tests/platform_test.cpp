@@ -2,12 +2,12 @@
 // the output stream, the core object and the mesh model. (The assertion routine is
 // exercised through the recorder by every suite.)
 #include <gtest/gtest.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrParamBlock.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srOutput.h>
+#include <meridbsp/platform/dx/srTexture.h>
 
-#include "platform/core/mrCore.h"
-#include "platform/core/mrParamBlock.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srOutput.h"
-#include "platform/dx/srTexture.h"
 #include "support/TestSupport.h"
 
 namespace

@@ -11,13 +11,13 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/platform/dx/srModeler.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/platform/geom/mrWinding.h>
+#include <meridbsp/portals/mrBSPPortal.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrBSPTree.h>
 
-#include "platform/dx/srModeler.h"
-#include "platform/geom/mrMaterial.h"
-#include "platform/geom/mrWinding.h"
-#include "portals/mrBSPPortal.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrBSPTree.h"
 #include "support/TestSupport.h"
 
 namespace

@@ -16,13 +16,13 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/dx/srCore.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
 #include <unistd.h>
 
-#include "clip/mrClipBSP.h"
-#include "clipgen/mrClipBSPGen.h"
-#include "platform/dx/srCore.h"
-#include "platform/dx/srMeshModel.h"
-#include "portals/mrBSPPortalizer.h"
 #include "support/TestSupport.h"
 
 namespace

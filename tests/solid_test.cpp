@@ -8,12 +8,12 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/solid/mrBSPNode.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
-#include "solid/mrBSPNode.h"
-#include "solid/mrBSPTree.h"
-#include "solid/mrSolidBSP.h"
 #include "support/TestSupport.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace
 {

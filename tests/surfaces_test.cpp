@@ -5,11 +5,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/platform/dx/srTexture.h>
+#include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
-#include "platform/dx/srTexture.h"
-#include "solid/mrBSPTree.h"
 #include "support/TestSupport.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace
 {

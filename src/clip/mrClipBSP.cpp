@@ -1,13 +1,12 @@
-#include "clip/mrClipBSP.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "clip/mrClipQueryIndex.h"
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srOutput.h"
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clip/mrClipQueryIndex.h>
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srOutput.h>
 
 // The node block is published as raw bytes in host order, and the record layout on
 // file and in fields is little-endian.

@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "clip/mrClipNode.h"
-#include "clip/mrTrace.h"
-#include "platform/core/mrPBAnimation.h"
-#include "platform/dx/srClass.h"
-#include "platform/dx/srClassSupport.h"
-#include "platform/dx/srMatrix3T.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/clip/mrClipNode.h>
+#include <meridbsp/clip/mrTrace.h>
+#include <meridbsp/platform/core/mrPBAnimation.h>
+#include <meridbsp/platform/dx/srClass.h>
+#include <meridbsp/platform/dx/srClassSupport.h>
+#include <meridbsp/platform/dx/srMatrix3T.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 // The run-time collision object: a convex-cell partition of space held as two flat
 // arrays, planes and nodes, with the root at node 0. It is an engine class (ID

@@ -1,8 +1,8 @@
-#include "clip/mrClipQueryIndex.h"
-
 #include <algorithm>
 #include <climits>
 #include <cmath>
+
+#include <meridbsp/clip/mrClipQueryIndex.h>
 
 namespace
 {

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "clip/mrClipNode.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/clip/mrClipNode.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 // A read-only companion of a clip BSP's arrays that answers the same queries faster.
 //

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // The answer of a segment query against a clip BSP. checkCollision fills the flags,
 // the fraction and the end point; the plane is set only when the trace was stopped.

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/dx/srVector3T.h"
-#include "platform/dx/srVector4T.h"
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/dx/srVector4T.h>
 
 // A node of the generator's intermediate tree. Interior nodes have contents 0;
 // leaves -1 (empty), -2 (solid) or -3 (solid of the marked kind).

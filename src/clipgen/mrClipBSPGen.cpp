@@ -1,5 +1,3 @@
-#include "clipgen/mrClipBSPGen.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -8,10 +6,11 @@
 #include <memory>
 #include <unordered_map>
 
-#include "clip/mrClipBSP.h"
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srTexture.h"
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srTexture.h>
 
 namespace
 {

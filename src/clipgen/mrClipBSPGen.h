@@ -2,12 +2,12 @@
 
 #include <vector>
 
-#include "clipgen/mrBSPGenNode.h"
-#include "clipgen/mrFace.h"
-#include "platform/dx/srMatrix3T.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/dx/srVector4T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/clipgen/mrBSPGenNode.h>
+#include <meridbsp/clipgen/mrFace.h>
+#include <meridbsp/platform/dx/srMatrix3T.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/dx/srVector4T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 class mrClipBSP;
 class srMeshModel;

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/dx/srTextureIFace.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/dx/srVector4T.h"
+#include <meridbsp/platform/dx/srTextureIFace.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/dx/srVector4T.h>
 
 // A convex polygon of the clip BSP generator: one per imported triangle, two per cut.
 // Fixed-size so that a cut never grows a point array.

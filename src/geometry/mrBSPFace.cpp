@@ -1,10 +1,9 @@
-#include "geometry/mrBSPFace.h"
-
 #include <cstddef>
 #include <vector>
 
-#include "geometry/mrDynamicArray.h"
-#include "platform/dx/srAssert.h"
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrDynamicArray.h>
+#include <meridbsp/platform/dx/srAssert.h>
 
 mrBSPFace::mrBSPFace()
     : m_next(nullptr), m_plane(nullptr), m_winding(new mrWinding(4)), m_texture(nullptr), m_contents(0),

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "platform/geom/mrPlane.h"
-#include "platform/geom/mrWinding.h"
+#include <meridbsp/platform/geom/mrPlane.h>
+#include <meridbsp/platform/geom/mrWinding.h>
 
 class srTextureIFace;
 class srMeshModel;

@@ -1,7 +1,6 @@
-#include "geometry/mrBSPSurface.h"
-
-#include "geometry/mrBSPFace.h"
-#include "platform/dx/srAssert.h"
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/platform/dx/srAssert.h>
 
 void mrBSPSurface::calcBounds()
 {

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 class mrBSPFace;
 

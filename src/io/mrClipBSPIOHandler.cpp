@@ -1,15 +1,14 @@
-#include "io/mrClipBSPIOHandler.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "clip/mrClipBSP.h"
-#include "platform/core/mrChunkIFStream.h"
-#include "platform/core/mrChunkOFStream.h"
-#include "platform/core/mrParamBlock.h"
-#include "platform/dx/srAssert.h"
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/io/mrClipBSPIOHandler.h>
+#include <meridbsp/platform/core/mrChunkIFStream.h>
+#include <meridbsp/platform/core/mrChunkOFStream.h>
+#include <meridbsp/platform/core/mrParamBlock.h>
+#include <meridbsp/platform/dx/srAssert.h>
 
 namespace
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/core/mrClassIOHandler.h"
+#include <meridbsp/platform/core/mrClassIOHandler.h>
 
 // Reads and writes clip BSPs (class ID 0x60000) in chunk files: the parameter block with
 // the seven fields, then the animation data.

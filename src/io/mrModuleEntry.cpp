@@ -1,9 +1,9 @@
 // The module's entry point: the engine's loader calls it after loading the module and
 // before unloading it.
 
-#include "io/mrClipBSPIOHandler.h"
-#include "platform/core/mrCore.h"
-#include "platform/dx/srOutput.h"
+#include <meridbsp/io/mrClipBSPIOHandler.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/dx/srOutput.h>
 
 namespace
 {

@@ -1,4 +1,4 @@
-#include "portals/mrBSPPortal.h"
+#include <meridbsp/portals/mrBSPPortal.h>
 
 mrBSPPortal::mrBSPPortal() : m_plane(nullptr), m_nodes{nullptr, nullptr}, m_next{nullptr, nullptr}, m_winding(nullptr)
 {

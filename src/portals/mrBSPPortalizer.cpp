@@ -1,5 +1,3 @@
-#include "portals/mrBSPPortalizer.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -7,11 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srOutput.h"
-#include "platform/geom/mrMaterial.h"
-#include "platform/geom/mrPlane.h"
-#include "platform/geom/mrWinding.h"
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srOutput.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/platform/geom/mrPlane.h>
+#include <meridbsp/platform/geom/mrWinding.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
 
 int32_t mrBSPPortalizer::m_num_visleafs = 0;
 int32_t mrBSPPortalizer::m_num_visportals = 0;

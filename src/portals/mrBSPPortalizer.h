@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <vector>
 
-#include "geometry/mrDynamicArray.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srModeler.h"
-#include "platform/geom/mrMaterial.h"
-#include "portals/mrBSPPortal.h"
-#include "solid/mrBSPNode.h"
+#include <meridbsp/geometry/mrDynamicArray.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srModeler.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/portals/mrBSPPortal.h>
+#include <meridbsp/solid/mrBSPNode.h>
 
 // Cuts portals between the leaves of a solid BSP tree, writes them to a portal file and
 // turns the leaf boundaries that face solid space into a mesh model.

@@ -1,10 +1,9 @@
-#include "solid/mrBSPTree.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <vector>
 
-#include "geometry/mrBSPFace.h"
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/solid/mrBSPTree.h>
 
 void mrBSPTree::release(mrBSPNode* head)
 {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "geometry/mrBSPSurface.h"
-#include "solid/mrBSPNode.h"
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/solid/mrBSPNode.h>
 
 // Releases what the solid BSP leaves to its caller. Portals are not touched: free them
 // with the portalizer first.

@@ -1,11 +1,10 @@
-#include "solid/mrSolidBSP.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
 
-#include "platform/dx/srAssert.h"
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/solid/mrSolidBSP.h>
 
 namespace
 {

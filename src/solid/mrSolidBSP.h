@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-#include "geometry/mrBSPFace.h"
-#include "geometry/mrBSPSurface.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
-#include "solid/mrBSPNode.h"
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
+#include <meridbsp/solid/mrBSPNode.h>
 
 // Builds a solid BSP tree from a surface list. The generator owns nothing once
 // generate returns: the tree belongs to the caller (release it with mrBSPTree).

@@ -1,10 +1,9 @@
-#include "surfaces/mrBSPSurfaceBuilder.h"
-
 #include <cmath>
 #include <unordered_map>
 #include <vector>
 
-#include "platform/dx/srOutput.h"
+#include <meridbsp/platform/dx/srOutput.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
 mrBSPSurfaceBuilder::~mrBSPSurfaceBuilder()
 {

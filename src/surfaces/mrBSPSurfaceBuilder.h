@@ -2,12 +2,12 @@
 
 #include <cstdint>
 
-#include "geometry/mrBSPFace.h"
-#include "geometry/mrBSPSurface.h"
-#include "geometry/mrDynamicArray.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/geometry/mrDynamicArray.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 typedef srMeshModel mrMeshModel;
 

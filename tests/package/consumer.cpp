@@ -1,8 +1,8 @@
 // Builds a box clip BSP with the installed library and asks it about two points.
 #include <cstdio>
 
-#include "clip/mrClipBSP.h"
-#include "mrVersion.h"
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/mrVersion.h>
 
 int main()
 {

@@ -9,13 +9,12 @@
 #include <numeric>
 #include <set>
 
+#include <meridbsp/io/mrClipBSPIOHandler.h>
+#include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/dx/srOutput.h>
+#include <meridbsp/platform/geom/mrMaterial.h>
+#include <meridbsp/solid/mrBSPTree.h>
 #include <unistd.h>
-
-#include "io/mrClipBSPIOHandler.h"
-#include "platform/core/mrCore.h"
-#include "platform/dx/srOutput.h"
-#include "platform/geom/mrMaterial.h"
-#include "solid/mrBSPTree.h"
 
 namespace mtest
 {

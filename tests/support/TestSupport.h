@@ -7,16 +7,15 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/geometry/mrBSPFace.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srAssert.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 #include <pthread.h>
-
-#include "clip/mrClipBSP.h"
-#include "geometry/mrBSPFace.h"
-#include "platform/core/mrIOManager.h"
-#include "platform/dx/srAssert.h"
-#include "platform/dx/srMeshModel.h"
-#include "portals/mrBSPPortalizer.h"
-#include "solid/mrSolidBSP.h"
-#include "surfaces/mrBSPSurfaceBuilder.h"
 
 namespace mtest
 {

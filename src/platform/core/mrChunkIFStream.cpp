@@ -1,9 +1,8 @@
-#include "platform/core/mrChunkIFStream.h"
-
 #include <cstdio>
 #include <cstring>
 
-#include "platform/core/mrParamBlock.h"
+#include <meridbsp/platform/core/mrChunkIFStream.h>
+#include <meridbsp/platform/core/mrParamBlock.h>
 
 namespace
 {

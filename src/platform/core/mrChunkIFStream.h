@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/core/mrChunkOFStream.h"
+#include <meridbsp/platform/core/mrChunkOFStream.h>
 
 // Reads a chunk file from a memory buffer it does not own. Every read is checked against
 // the end of the innermost open chunk and of the buffer; a read that does not fit fails

@@ -1,9 +1,8 @@
-#include "platform/core/mrChunkOFStream.h"
-
 #include <cstdio>
 #include <cstring>
 
-#include "platform/core/mrParamBlock.h"
+#include <meridbsp/platform/core/mrChunkOFStream.h>
+#include <meridbsp/platform/core/mrParamBlock.h>
 
 void mrChunkOFStream::writeU32(uint32_t value)
 {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/core/mrIOEntry.h"
+#include <meridbsp/platform/core/mrIOEntry.h>
 
 class mrChunkIFStream;
 class mrChunkOFStream;

@@ -1,4 +1,4 @@
-#include "platform/core/mrCore.h"
+#include <meridbsp/platform/core/mrCore.h>
 
 int mrCore::m_initialized = 0;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/core/mrIOManager.h"
-#include "platform/dx/srAssert.h"
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srAssert.h>
 
 // The core library's global object. It must be initialised before modules load.
 class mrCore

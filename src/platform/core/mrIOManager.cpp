@@ -1,19 +1,17 @@
-#include "platform/core/mrIOManager.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include <fcntl.h>
+#include <meridbsp/platform/core/mrChunkIFStream.h>
+#include <meridbsp/platform/core/mrChunkOFStream.h>
+#include <meridbsp/platform/core/mrClassIOHandler.h>
+#include <meridbsp/platform/core/mrIOEntry.h>
+#include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/dx/srClass.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "platform/core/mrChunkIFStream.h"
-#include "platform/core/mrChunkOFStream.h"
-#include "platform/core/mrClassIOHandler.h"
-#include "platform/core/mrIOEntry.h"
-#include "platform/dx/srClass.h"
 
 namespace
 {

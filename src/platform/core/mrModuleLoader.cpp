@@ -1,9 +1,8 @@
-#include "platform/core/mrModuleLoader.h"
-
 #include <cerrno>
 #include <cstring>
 
 #include <dlfcn.h>
+#include <meridbsp/platform/core/mrModuleLoader.h>
 #include <sys/stat.h>
 
 namespace

@@ -1,7 +1,6 @@
-#include "platform/core/mrPBAnimation.h"
-
-#include "platform/core/mrChunkIFStream.h"
-#include "platform/core/mrChunkOFStream.h"
+#include <meridbsp/platform/core/mrChunkIFStream.h>
+#include <meridbsp/platform/core/mrChunkOFStream.h>
+#include <meridbsp/platform/core/mrPBAnimation.h>
 
 namespace
 {

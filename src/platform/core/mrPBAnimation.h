@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "platform/core/mrParamBlock.h"
+#include <meridbsp/platform/core/mrParamBlock.h>
 
 class mrClipBSPIOHandler;
 

@@ -1,6 +1,6 @@
-#include "platform/core/mrParamBlock.h"
-
 #include <cstring>
+
+#include <meridbsp/platform/core/mrParamBlock.h>
 
 const unsigned char* mrParamBlock::Field::bytes() const
 {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/core/mrRefTarget.h"
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/core/mrRefTarget.h>
+#include <meridbsp/platform/dx/srVector3T.h>
 
 class mrChunkIFStream;
 class mrChunkOFStream;

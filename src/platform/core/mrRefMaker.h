@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/core/mrClass.h"
+#include <meridbsp/platform/core/mrClass.h>
 
 class mrRefTarget;
 

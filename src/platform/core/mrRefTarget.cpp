@@ -1,6 +1,6 @@
-#include "platform/core/mrRefTarget.h"
-
 #include <algorithm>
+
+#include <meridbsp/platform/core/mrRefTarget.h>
 
 e_refResult mrRefTarget::makeReference(mrRefMaker* maker)
 {

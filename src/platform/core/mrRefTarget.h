@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "platform/core/mrRefMaker.h"
+#include <meridbsp/platform/core/mrRefMaker.h>
 
 // An object others can depend on: its changes are sent to every reference maker that
 // made a reference to it. Copies do not inherit the dependants.

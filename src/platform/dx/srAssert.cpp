@@ -1,7 +1,7 @@
-#include "platform/dx/srAssert.h"
-
 #include <atomic>
 #include <cstdio>
+
+#include <meridbsp/platform/dx/srAssert.h>
 
 namespace
 {

@@ -1,6 +1,5 @@
-#include "platform/dx/srClass.h"
-
-#include "platform/dx/srCore.h"
+#include <meridbsp/platform/dx/srClass.h>
+#include <meridbsp/platform/dx/srCore.h>
 
 srRegistry::ClassNode* srClass::sGetClassNode()
 {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/dx/srHeapClass.h"
-#include "platform/dx/srRuntimeClass.h"
+#include <meridbsp/platform/dx/srHeapClass.h>
+#include <meridbsp/platform/dx/srRuntimeClass.h>
 
 // Reference-counted base of the engine's objects. A new object holds one reference;
 // release() drops one and destroys the object when none is left.

@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "platform/dx/srClass.h"
-#include "platform/dx/srCore.h"
+#include <meridbsp/platform/dx/srClass.h>
+#include <meridbsp/platform/dx/srCore.h>
 
 // Class identity for T, a class of ID `ClassID` under Base. The class node is looked
 // up in the registry whenever it is needed and registered on first use, parent first.

@@ -1,4 +1,4 @@
-#include "platform/dx/srCore.h"
+#include <meridbsp/platform/dx/srCore.h>
 
 srCore& srCore::instance()
 {

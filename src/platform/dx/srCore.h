@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srRegistry.h"
+#include <meridbsp/platform/dx/srRegistry.h>
 
 // The rendering library's core object: it holds the run-time class registry.
 class srCore

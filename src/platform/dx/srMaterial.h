@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srMaterialIFace.h"
+#include <meridbsp/platform/dx/srMaterialIFace.h>
 
 class srMaterial : public srClassSupport<srMaterial, srMaterialIFace, 1, 0x2210>
 {

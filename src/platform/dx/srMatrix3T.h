@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // Nine components m[0..8] in storage order. A vector is transformed as
 // v' = (m0*x + m3*y + m6*z, m1*x + m4*y + m7*z, m2*x + m5*y + m8*z).

@@ -1,4 +1,4 @@
-#include "platform/dx/srMeshModel.h"
+#include <meridbsp/platform/dx/srMeshModel.h>
 
 srMeshModel::srMeshModel(long numVerts, long numPolys)
 {

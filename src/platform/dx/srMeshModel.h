@@ -2,13 +2,13 @@
 
 #include <vector>
 
-#include "platform/dx/srMaterialIFace.h"
-#include "platform/dx/srMatrix3T.h"
-#include "platform/dx/srModel.h"
-#include "platform/dx/srPtr.h"
-#include "platform/dx/srTextureIFace.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/dx/srVector3i.h"
+#include <meridbsp/platform/dx/srMaterialIFace.h>
+#include <meridbsp/platform/dx/srMatrix3T.h>
+#include <meridbsp/platform/dx/srModel.h>
+#include <meridbsp/platform/dx/srPtr.h>
+#include <meridbsp/platform/dx/srTextureIFace.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/dx/srVector3i.h>
 
 // A triangle mesh: vertex positions, one vertex-index triple per polygon, and either
 // one texture per polygon or a single mesh texture. Meshes made by srModeler::convert

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srClassSupport.h"
+#include <meridbsp/platform/dx/srClassSupport.h>
 
 // Base of the rendering library's models.
 class srModel : public srClassSupport<srModel, srClass, 1, 0x2000>

@@ -1,4 +1,4 @@
-#include "platform/dx/srModeler.h"
+#include <meridbsp/platform/dx/srModeler.h>
 
 srModeler::Polygon::Polygon(int capacity)
 {

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "platform/dx/srMaterialIFace.h"
-#include "platform/dx/srMeshModel.h"
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srMaterialIFace.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // Collects polygons and turns them into a mesh model.
 class srModeler

@@ -1,10 +1,10 @@
-#include "platform/dx/srOutput.h"
-
 #include <cstdarg>
 #include <cstdio>
 #include <iostream>
 #include <streambuf>
 #include <vector>
+
+#include <meridbsp/platform/dx/srOutput.h>
 
 namespace
 {

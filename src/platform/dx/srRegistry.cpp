@@ -1,4 +1,4 @@
-#include "platform/dx/srRegistry.h"
+#include <meridbsp/platform/dx/srRegistry.h>
 
 srRegistry::srRegistry() = default;
 

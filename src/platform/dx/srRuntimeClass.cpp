@@ -1,4 +1,4 @@
-#include "platform/dx/srRuntimeClass.h"
+#include <meridbsp/platform/dx/srRuntimeClass.h>
 
 void srRuntimeClass::dump(std::ostream& os)
 {

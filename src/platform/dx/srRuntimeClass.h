@@ -3,7 +3,7 @@
 #include <ostream>
 #include <string>
 
-#include "platform/dx/srRegistry.h"
+#include <meridbsp/platform/dx/srRegistry.h>
 
 // Root of the rendering library's classes: a name and run-time class identity.
 class srRuntimeClass

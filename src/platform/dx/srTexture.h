@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srTextureIFace.h"
+#include <meridbsp/platform/dx/srTextureIFace.h>
 
 // A named texture. Only its name matters to the BSP pipelines.
 class srTexture : public srClassSupport<srTexture, srTextureIFace, 1, 0x3010>

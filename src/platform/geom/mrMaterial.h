@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/core/mrParamBlock.h"
-#include "platform/dx/srMaterial.h"
+#include <meridbsp/platform/core/mrParamBlock.h>
+#include <meridbsp/platform/dx/srMaterial.h>
 
 // A material with two RGBA colours and a flag word.
 class mrMaterial : public srClassSupport<mrMaterial, srMaterial, 1, 0x20200>, public mrParamBlock

@@ -1,6 +1,6 @@
-#include "platform/geom/mrPlane.h"
-
 #include <cmath>
+
+#include <meridbsp/platform/geom/mrPlane.h>
 
 void mrPlane::make(const srVector3T<float>& a, const srVector3T<float>& b, const srVector3T<float>& c)
 {

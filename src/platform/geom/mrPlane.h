@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/dx/srVector3T.h"
+#include <meridbsp/platform/dx/srVector3T.h>
 
 // A plane: unit normal and distance; the signed distance of p is m_normal.p - m_dist.
 class mrPlane

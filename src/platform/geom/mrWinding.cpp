@@ -1,7 +1,7 @@
-#include "platform/geom/mrWinding.h"
-
 #include <cmath>
 #include <vector>
+
+#include <meridbsp/platform/geom/mrWinding.h>
 
 namespace
 {

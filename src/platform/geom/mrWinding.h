@@ -1,8 +1,8 @@
 #pragma once
 
-#include "geometry/mrDynamicArray.h"
-#include "platform/dx/srVector3T.h"
-#include "platform/geom/mrPlane.h"
+#include <meridbsp/geometry/mrDynamicArray.h>
+#include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/platform/geom/mrPlane.h>
 
 // A convex polygon. m_numpoints points are in use; the point array grows on indexing,
 // so it may hold more. A negative count marks a released winding.
