@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <unordered_map>
+#include <utility>
 
 #include "BenchRandom.h"
 
@@ -236,6 +238,193 @@ BenchMesh* BenchMesh::levelNear(const std::string& name, long target)
         }
 }
 
+namespace
+{
+
+// Rounds to a grid of 1/256 unit, so a libm that differs in the last bit of a sine still
+// gives the same float vertices (the pinned results depend on them).
+float snap(double v) { return (float)(std::nearbyint(v * 256.0) / 256.0); }
+
+struct D3
+{
+    double x, y, z;
+};
+D3 add(D3 a, D3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+D3 scale(D3 a, double s) { return {a.x * s, a.y * s, a.z * s}; }
+double dot(D3 a, D3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+D3 cross(D3 a, D3 b) { return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
+D3 unit(D3 a) { return scale(a, 1.0 / std::sqrt(dot(a, a))); }
+
+// A smooth field on the unit sphere: a few plane waves in random directions.
+class SmoothNoise
+{
+public:
+    SmoothNoise(BenchRandom& rnd, int waves, double minFreq, double maxFreq)
+    {
+        for (int w = 0; w < waves; ++w)
+        {
+            Wave v;
+            v.dir = unit({rnd.unit() - 0.5, rnd.unit() - 0.5, rnd.unit() - 0.5});
+            v.freq = minFreq + (maxFreq - minFreq) * rnd.unit();
+            v.phase = 6.283185307179586 * rnd.unit();
+            v.amp = 1.0 / v.freq;
+            m_sum += v.amp;
+            m_waves.push_back(v);
+        }
+    }
+    // In [-1, 1].
+    double operator()(D3 p) const
+    {
+        double n = 0.0;
+        for (const Wave& w : m_waves)
+            n += w.amp * std::sin(w.freq * dot(p, w.dir) + w.phase);
+        return n / m_sum;
+    }
+
+private:
+    struct Wave
+    {
+        D3 dir;
+        double freq, phase, amp;
+    };
+    std::vector<Wave> m_waves;
+    double m_sum = 0.0;
+};
+
+} // namespace
+
+BenchMesh* BenchMesh::blob(const std::string& name, int f, uint64_t seed)
+{
+    const double radius = 512.0;
+    const double t = (1.0 + std::sqrt(5.0)) / 2.0;
+    const D3 ico[12] = {{-1, t, 0},  {1, t, 0},  {-1, -t, 0}, {1, -t, 0}, {0, -1, t},  {0, 1, t},
+                        {0, -1, -t}, {0, 1, -t}, {t, 0, -1},  {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
+    // Counter-clockwise seen from outside.
+    const int faces[20][3] = {{0, 11, 5},  {0, 5, 1},  {0, 1, 7},  {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
+                              {11, 10, 2}, {10, 7, 6}, {7, 1, 8},  {3, 9, 4},  {3, 4, 2},   {3, 2, 6}, {3, 6, 8},
+                              {3, 8, 9},   {4, 9, 5},  {2, 4, 11}, {6, 2, 10}, {8, 6, 7},   {9, 8, 1}};
+    BenchRandom rnd(seed);
+    const SmoothNoise bumps(rnd, 8, 1.5, 5.0);
+    const SmoothNoise warpX(rnd, 3, 1.0, 2.5), warpY(rnd, 3, 1.0, 2.5), warpZ(rnd, 3, 1.0, 2.5);
+
+    BenchMesh* out = new BenchMesh(name, "blob", ORIENT_OUTWARD);
+    srMeshModel* m = out->m_mesh;
+    // A point of the subdivision is named by its icosahedron corners and their weights
+    // (sorted), so the points on an edge shared by two faces are made once.
+    std::map<std::vector<int>, int> made;
+    auto point = [&](int a, int wa, int b, int wb, int c, int wc)
+    {
+        std::vector<std::pair<int, int>> w;
+        for (auto cw : {std::make_pair(a, wa), std::make_pair(b, wb), std::make_pair(c, wc)})
+            if (cw.second)
+                w.push_back(cw);
+        std::sort(w.begin(), w.end());
+        std::vector<int> key;
+        for (auto& cw : w)
+            key.insert(key.end(), {cw.first, cw.second});
+        auto it = made.find(key);
+        if (it != made.end())
+            return it->second;
+        D3 p{0, 0, 0};
+        for (auto& cw : w)
+            p = add(p, scale(ico[cw.first], cw.second));
+        D3 d = unit(p);
+        // A gentle warp of the directions makes triangle sizes uneven; then the radius
+        // follows the noise, so the surface stays one sheet over the sphere (closed and
+        // never crossing itself) but bulges and dents.
+        d = unit(add(d, {0.22 * warpX(d), 0.22 * warpY(d), 0.22 * warpZ(d)}));
+        const D3 v = scale(d, radius * (1.0 + 0.35 * bumps(d)));
+        const int id = (int)m->addVertex(srVector3T<float>(snap(v.x), snap(v.y), snap(v.z)));
+        made.emplace(key, id);
+        return id;
+    };
+    for (const auto& face : faces)
+    {
+        const int A = face[0], B = face[1], C = face[2];
+        // Point (i, j): weight f − i − j on A, i on B, j on C.
+        auto at = [&](int i, int j) { return point(A, f - i - j, B, i, C, j); };
+        for (int j = 0; j < f; ++j)
+            for (int i = 0; i + j < f; ++i)
+            {
+                m->addPolygon(at(i, j), at(i + 1, j), at(i, j + 1));
+                if (i + j + 1 < f)
+                    m->addPolygon(at(i + 1, j), at(i + 1, j + 1), at(i, j + 1));
+            }
+    }
+    out->finish();
+    return out;
+}
+
+BenchMesh* BenchMesh::knot(const std::string& name, int around, int along)
+{
+    const double s = 160.0, pi = 3.14159265358979323846;
+    auto centre = [&](double t)
+    {
+        return scale(
+            D3{(2.0 + std::cos(3 * t)) * std::cos(2 * t), (2.0 + std::cos(3 * t)) * std::sin(2 * t), std::sin(3 * t)},
+            s);
+    };
+    BenchMesh* out = new BenchMesh(name, "knot", ORIENT_OUTWARD);
+    srMeshModel* m = out->m_mesh;
+    for (int i = 0; i < along; ++i)
+    {
+        const double t = 2.0 * pi * i / along, h = 1e-4;
+        const D3 c = centre(t);
+        const D3 tangent = unit(add(centre(t + h), scale(centre(t - h), -1.0)));
+        // The frame turns with the offset from the torus' core circle, which is never
+        // zero and never along the tangent, so the tube closes without a twist seam.
+        const D3 core{2.0 * s * std::cos(2 * t), 2.0 * s * std::sin(2 * t), 0.0};
+        D3 n = add(c, scale(core, -1.0));
+        n = unit(add(n, scale(tangent, -dot(n, tangent))));
+        const D3 b = cross(tangent, n);
+        // The radius swells and narrows along the knot (strands stay apart: the
+        // closest approach of two strands is 1.66 s, the tightest bend 1.43 s).
+        const double r = s * 0.3 * (1.0 + 0.25 * std::sin(5 * t));
+        for (int j = 0; j < around; ++j)
+        {
+            const double a = 2.0 * pi * j / around;
+            const D3 v = add(c, add(scale(n, r * std::cos(a)), scale(b, r * std::sin(a))));
+            m->addVertex(srVector3T<float>(snap(v.x), snap(v.y), snap(v.z)));
+        }
+    }
+    auto vert = [&](int i, int j) { return (i % along) * around + (j % around); };
+    // The ring runs from n towards b = tangent × n, so (i, j) → (i, j + 1) → (i + 1, j)
+    // turns counter-clockwise seen from outside the tube.
+    for (int i = 0; i < along; ++i)
+        for (int j = 0; j < around; ++j)
+        {
+            m->addPolygon(vert(i, j), vert(i, j + 1), vert(i + 1, j + 1));
+            m->addPolygon(vert(i, j), vert(i + 1, j + 1), vert(i + 1, j));
+        }
+    out->finish();
+    return out;
+}
+
+BenchMesh* BenchMesh::openLevel(const std::string& name, long target)
+{
+    BenchMesh* closed = levelNear(name, target * 10 / 9);
+    BenchMesh* out = new BenchMesh(name, "openlevel", ORIENT_UNKNOWN);
+    srMeshModel* from = closed->m_mesh;
+    srMeshModel* m = out->m_mesh;
+    for (long v = 0; v < from->getNumVerts(); ++v)
+        m->addVertex(from->getVertexLoc()[v]);
+    BenchRandom rnd(0x6F70656E);
+    // The level adds its tiles as pairs of triangles.
+    for (long i = 0; i + 1 < from->m_numpolys; i += 2)
+    {
+        if (rnd.unit() < 0.1)
+            continue;
+        for (long k = i; k < i + 2; ++k)
+        {
+            const srVector3i& t = from->getPolyVertex()[k];
+            m->addPolygon(t.x, t.y, t.z);
+        }
+    }
+    delete closed;
+    out->finish();
+    return out;
+}
+
 bool BenchMesh::writeObj(const std::string& path) const
 {
     FILE* f = std::fopen(path.c_str(), "w");
@@ -253,6 +442,7 @@ bool BenchMesh::writeObj(const std::string& path) const
 BenchMesh* BenchMesh::generate(const std::string& name)
 {
     const float radius = 512.0f;
+    const uint64_t blobSeed = 0x626C6F62;
     if (name == "sphere_tiny")
         return sphere(name, 8, 5, radius); // 64 triangles
     if (name == "sphere1k")
@@ -273,8 +463,15 @@ BenchMesh* BenchMesh::generate(const std::string& name)
         return levelNear(name, 100000);
     if (name == "level1m")
         return levelNear(name, 1000000);
-    // Any other size: sphereN / levelN with N a count, optionally followed by k or m.
-    for (const char* kind : {"sphere", "level"})
+    if (name == "blob_tiny")
+        return blob(name, 3, blobSeed); // 180 triangles
+    if (name == "knot_tiny")
+        return knot(name, 6, 24); // 288
+    if (name == "openlevel_tiny")
+        return openLevel(name, 300);
+    // Any other size: sphereN / levelN / blobN / knotN / openlevelN with N a count,
+    // optionally followed by k or m (blob10k, knot50k, openlevel10k, ...).
+    for (const char* kind : {"sphere", "level", "blob", "knot", "openlevel"})
     {
         const size_t len = std::strlen(kind);
         if (name.compare(0, len, kind) != 0 || name.size() == len)
@@ -289,6 +486,15 @@ BenchMesh* BenchMesh::generate(const std::string& name)
             return nullptr;
         if (kind[0] == 'l')
             return levelNear(name, (long)n);
+        if (kind[0] == 'o')
+            return openLevel(name, (long)n);
+        if (kind[0] == 'b') // 20 f² triangles: blob10k has 9,680, blob50k 50,000
+            return blob(name, std::max(1, (int)std::lround(std::sqrt(n / 20.0))), blobSeed);
+        if (kind[0] == 'k') // knot10k: 20 × 250 quads, knot50k: 45 × 556
+        {
+            const int around = std::max(3, (int)std::lround(std::sqrt(n / 25.0)));
+            return knot(name, around, std::max(3, (int)std::lround(n / (2.0 * around))));
+        }
         // 2 · slices · (stacks − 1) triangles with about twice as many stacks as slices
         // around (the proportions of the fixed sizes above).
         const int slices = std::max(3, (int)std::lround(std::sqrt(n)));

@@ -51,6 +51,17 @@ public:
     static BenchMesh* level(const std::string& name, int nx, int ny, int nz, uint64_t seed);
     // The level grid whose triangle count comes nearest to `target`.
     static BenchMesh* levelNear(const std::string& name, long target);
+    // A closed, outward-facing, non-convex blob: an icosahedron whose faces are cut into
+    // f × f triangles (20 f² in all), pushed in and out by smooth noise, so it is curved,
+    // irregular in triangle size and nowhere flat — what a scan or a sculpt looks like.
+    static BenchMesh* blob(const std::string& name, int frequency, uint64_t seed);
+    // A closed, outward-facing tube of varying radius swept along a (2, 3) torus knot:
+    // `around` × `along` quads, 2 · around · along triangles. Curved and knotted, so most
+    // planes cut much of the rest of the surface.
+    static BenchMesh* knot(const std::string& name, int around, int along);
+    // About `target` triangles: a level with a tenth of its wall tiles (both triangles of
+    // a tile) taken away at random, an open mesh whose trees split much more.
+    static BenchMesh* openLevel(const std::string& name, long target);
 
     // Writes the mesh as a Wavefront OBJ text file; false when the file cannot be written.
     bool writeObj(const std::string& path) const;
@@ -60,8 +71,9 @@ public:
     static BenchMesh* fromFile(const std::string& path, std::string* error);
 
     // The generated meshes by name: sphere1k, sphere10k, sphere100k, sphere1m, level1k,
-    // level10k, level100k, level1m, the tiny ones of the smoke test, and any other size
-    // as sphereN or levelN (N a count with an optional k or m); null for an unknown name.
+    // level10k, level100k, level1m, blob10k, blob50k, knot10k, knot50k, openlevel10k,
+    // the tiny ones of the smoke test, and any other size as sphereN, levelN, blobN, knotN
+    // or openlevelN (N a count with an optional k or m); null for an unknown name.
     static BenchMesh* generate(const std::string& name);
 
 private:

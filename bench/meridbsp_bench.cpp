@@ -6,7 +6,8 @@
 //   --tiny                 smoke run: tiny meshes, 1,000 queries, one iteration each
 //                          (also MERIDBSP_BENCH_TINY=1)
 //   --meshes=a,b,...       generated meshes to use (also MERIDBSP_BENCH_GENERATED);
-//                          default sphere1k,sphere10k,sphere100k,level1k,level10k,level100k
+//                          default sphere1k,sphere10k,sphere100k,level1k,level10k,level100k,
+//                          blob10k,blob50k,knot10k,knot50k,openlevel10k
 //   --queries=N            points and segments per mesh (default 100000)
 //   --max-seconds=S        skip a vis build or a query pass expected to take longer than S
 //                          CPU seconds (default 60; also MERIDBSP_BENCH_MAX_SECONDS)
@@ -78,7 +79,8 @@ void* runBenchmarks(void*)
 int main(int argc, char** argv)
 {
     BenchSuite::Options options;
-    std::string meshList = "sphere1k,sphere10k,sphere100k,level1k,level10k,level100k";
+    std::string meshList =
+        "sphere1k,sphere10k,sphere100k,level1k,level10k,level100k,blob10k,blob50k,knot10k,knot50k,openlevel10k";
     if (const char* env = std::getenv("MERIDBSP_BENCH_GENERATED"))
         meshList = env;
     if (const char* env = std::getenv("MERIDBSP_BENCH_TINY"))
@@ -131,7 +133,7 @@ int main(int argc, char** argv)
     if (options.tiny)
     {
         if (!meshesGiven)
-            meshList = "sphere_tiny,level_tiny";
+            meshList = "sphere_tiny,level_tiny,blob_tiny,knot_tiny,openlevel_tiny";
         options.queries = 1000;
     }
     int restc = (int)rest.size();
