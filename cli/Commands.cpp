@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include <meridbsp/clip/mrClipBSP.h>
-#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/pipeline/mrClipPipeline.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -84,7 +84,7 @@ srMeshModel* readMesh(const std::string& path, MeshReader::Stats* stats = nullpt
     return mesh;
 }
 
-nlohmann::ordered_json visJson(const VisPipeline::Result& r, double elapsed)
+nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, double elapsed)
 {
     nlohmann::ordered_json j;
     j["planes"] = r.planes;
@@ -96,23 +96,23 @@ nlohmann::ordered_json visJson(const VisPipeline::Result& r, double elapsed)
     j["numSolidLeafs"] = r.numSolidLeafs;
     j["numEmptyLeafs"] = r.numEmptyLeafs;
     j["numLinkedFaces"] = r.numLinkedFaces;
-    j["visleafs"] = r.visleafs;
-    j["visportals"] = r.visportals;
-    j["meshPolys"] = r.meshPolys;
+    j["visleafs"] = r.numVisleafs;
+    j["visportals"] = r.numVisportals;
+    j["meshPolys"] = r.portalMeshPolys;
     j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
     return j;
 }
 
-void printVisSummary(const VisPipeline::Result& r, const VisPipeline::Options& o)
+void printVisSummary(const mrVisPipeline::Result& r, const VisPipeline::Options& o)
 {
-    std::printf("planes %ld, surfaces %ld, faces %ld\n", r.planes, r.surfaces, r.faces);
-    std::printf("tree: %ld decision nodes, %ld empty leaves, %ld solid leaves\n", r.numSplitNodes, r.numEmptyLeafs,
+    std::printf("planes %u, surfaces %u, faces %u\n", r.planes, r.surfaces, r.faces);
+    std::printf("tree: %d decision nodes, %d empty leaves, %d solid leaves\n", r.numSplitNodes, r.numEmptyLeafs,
                 r.numSolidLeafs);
-    std::printf("faces: %ld in leaves, %ld on nodes, %ld linked\n", r.numLeafFaces, r.numNodeFaces, r.numLinkedFaces);
-    std::printf("portals: %ld visleafs, %ld visportals\n", r.visleafs, r.visportals);
+    std::printf("faces: %d in leaves, %d on nodes, %d linked\n", r.numLeafFaces, r.numNodeFaces, r.numLinkedFaces);
+    std::printf("portals: %d visleafs, %d visportals\n", r.numVisleafs, r.numVisportals);
     std::printf("wrote %s\n", o.portalFile.c_str());
     std::string companion = MeshWriter::companionPath(o.meshFile);
-    std::printf("wrote %s (%ld polygons)%s%s\n", o.meshFile.c_str(), r.meshPolys, companion.empty() ? "" : " and ",
+    std::printf("wrote %s (%d polygons)%s%s\n", o.meshFile.c_str(), r.portalMeshPolys, companion.empty() ? "" : " and ",
                 companion.c_str());
 }
 
@@ -313,7 +313,7 @@ int Commands::vis(const VisArgs& args)
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
-    VisPipeline::Result result;
+    mrVisPipeline::Result result;
     std::string error;
     if (!VisPipeline::run(mesh.get(), options, result, error))
         return Tool::fail(error);
@@ -352,20 +352,22 @@ int Commands::clip(const ClipArgs& args)
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
-    Released<mrClipBSP> bsp;
-    mrClipBSPGen generator;
+    mrClipPipeline::Settings settings;
+    settings.offset = offset;
+    settings.matrix = matrix;
+    mrClipPipeline::Result result;
     {
         StdoutRedirect quietStdout;
-        bsp.reset(generator.importMeshModel(mesh.get(), offset, matrix));
+        if (!mrClipPipeline::run(mesh.get(), settings, result, error))
+            return Tool::fail(args.mesh, error);
     }
-    if (!bsp.get())
-        return Tool::fail(args.mesh, "the collision pipeline made no clip BSP");
-    if (!saveClipBSP(session, args.output, bsp.get()))
+    const mrClipBSP* bsp = result.clipBSP;
+    if (!saveClipBSP(session, args.output, result.clipBSP))
         return Tool::EXIT_BAD_INPUT;
     std::printf("wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(), bsp->m_numnodes,
                 bsp->m_numplanes, mesh->m_numpolys);
-    std::printf("leaves: %d empty, %d solid; %d faces reached leaves\n", generator.m_numemptyleafs,
-                generator.m_numsolidleafs, generator.m_numleaffaces);
+    std::printf("leaves: %d empty, %d solid; %d faces reached leaves\n", result.numEmptyLeafs, result.numSolidLeafs,
+                result.numLeafFaces);
     std::printf("bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
     std::printf("time %s\n", ms(Tool::nowMs() - start).c_str());
     return Tool::EXIT_OK;
@@ -578,24 +580,21 @@ int Commands::demo(const DemoArgs& args)
     std::printf("demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
 
     double start = Tool::nowMs();
-    VisPipeline::Result result;
+    mrVisPipeline::Result result;
     if (!VisPipeline::run(mesh.get(), vis, result, error))
         return Tool::fail(error);
     std::printf("\nvisibility pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
     printVisSummary(result, vis);
 
     start = Tool::nowMs();
-    srVector3T<float> offset;
-    srMatrix3T<float> identity;
-    Released<mrClipBSP> bsp;
+    mrClipPipeline::Result clip;
     {
         StdoutRedirect quietStdout;
-        mrClipBSPGen generator;
-        bsp.reset(generator.importMeshModel(mesh.get(), offset, identity));
+        if (!mrClipPipeline::run(mesh.get(), mrClipPipeline::Settings(), clip, error))
+            return Tool::fail(level, error);
     }
-    if (!bsp.get())
-        return Tool::fail(level, "the collision pipeline made no clip BSP");
-    if (!saveClipBSP(session, clipFile, bsp.get()))
+    const mrClipBSP* bsp = clip.clipBSP;
+    if (!saveClipBSP(session, clipFile, clip.clipBSP))
         return Tool::EXIT_BAD_INPUT;
     std::printf("\ncollision pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
     std::printf("wrote %s: %u nodes, %u planes\n", clipFile.c_str(), bsp->m_numnodes, bsp->m_numplanes);
@@ -604,7 +603,7 @@ int Commands::demo(const DemoArgs& args)
     start = Tool::nowMs();
     SliceImage image;
     const float sliceZ = 48.0f;
-    if (!image.render(*bsp.get(), 2, sliceZ, 512, error))
+    if (!image.render(*bsp, 2, sliceZ, 512, error))
         return Tool::fail(clipFile, error);
     if (!image.writePng(pngFile, error))
         return Tool::fail(error);

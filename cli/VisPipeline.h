@@ -2,11 +2,13 @@
 
 #include <string>
 
+#include <meridbsp/pipeline/mrVisPipeline.h>
+
 class srMeshModel;
 
-// The visibility pipeline from a mesh to its two outputs: surfaces and their bounds,
-// the solid BSP tree, the head node's box, portals, the portal file and the mesh of
-// the portals facing solid space. Everything it builds is released before it returns.
+// The tool's visibility run: the library's pipeline with the portal file and the portal
+// mesh written to the given files. The library's standard-output line goes to standard
+// error meanwhile.
 class VisPipeline
 {
 public:
@@ -17,23 +19,6 @@ public:
         std::string meshFile;   // where the portal mesh goes (.obj, .glb or .ply)
     };
 
-    struct Result
-    {
-        long planes = 0; // plane-table size
-        long surfaces = 0;
-        long faces = 0;
-        long numSplitNodes = 0;
-        long numLeafFaces = 0;
-        long numNodeFaces = 0;
-        long numSolidLeafs = 0;
-        long numEmptyLeafs = 0;
-        long numLinkedFaces = 0;
-        long visleafs = 0;
-        long visportals = 0;
-        long meshPolys = 0;
-    };
-
     // False with a complete message (naming the file) when an output cannot be written.
-    // The library's log and its standard-output line go to standard error meanwhile.
-    static bool run(srMeshModel* mesh, const Options& options, Result& result, std::string& error);
+    static bool run(srMeshModel* mesh, const Options& options, mrVisPipeline::Result& result, std::string& error);
 };

@@ -7,19 +7,13 @@
 #include <ostream>
 
 #include <meridbsp/clip/mrClipBSP.h>
-#include <meridbsp/clipgen/mrClipBSPGen.h>
-#include <meridbsp/geometry/mrBSPFace.h>
-#include <meridbsp/geometry/mrBSPSurface.h>
+#include <meridbsp/pipeline/mrClipPipeline.h>
+#include <meridbsp/pipeline/mrVisPipeline.h>
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/core/mrIOManager.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srOutput.h>
-#include <meridbsp/platform/geom/mrMaterial.h>
-#include <meridbsp/portals/mrBSPPortalizer.h>
-#include <meridbsp/solid/mrBSPTree.h>
-#include <meridbsp/solid/mrSolidBSP.h>
-#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 #include <unistd.h>
 
 #include "FuzzInput.h"
@@ -180,17 +174,11 @@ void FuzzSupport::checkRoundTrip(mrClipBSP& bsp)
 
 void FuzzSupport::runClipPipeline(srMeshModel* mesh)
 {
-    srVector3T<float> offset(0, 0, 0);
-    srMatrix3T<float> identity; // the default matrix is the identity
-
-    mrClipBSP* bsp = nullptr;
-    {
-        mrClipBSPGen gen;
-        bsp = gen.importMeshModel(mesh, offset, identity);
-    }
-    if (!bsp)
-        fail("importMeshModel returned null for a mesh");
+    mrClipPipeline::Result result;
     std::string why;
+    if (!mrClipPipeline::run(mesh, mrClipPipeline::Settings(), result, why))
+        fail("the collision pipeline failed on a mesh", why);
+    mrClipBSP* bsp = result.clipBSP;
     if (!bsp->validate(&why))
         fail("a generated clip BSP does not validate", why);
     bsp->refreshPBlock(nullptr);
@@ -200,34 +188,17 @@ void FuzzSupport::runClipPipeline(srMeshModel* mesh)
     for (long i = 0; verts && i + 1 < n; ++i)
         queryPair(*bsp, verts[i], verts[i + 1]);
     checkRoundTrip(*bsp);
-    bsp->release();
 }
 
 void FuzzSupport::runVisPipeline(srMeshModel* mesh, bool midSplit)
 {
-    mrBSPSurfaceBuilder builder;
-    mrBSPSurface* surfaces = builder.buildSurfaces(mesh);
-    for (mrBSPSurface* s = surfaces; s; s = s->m_next)
-        s->calcBounds();
-
-    mrSolidBSP generator;
-    mrBSPNode* head = generator.generate(surfaces, midSplit ? 1 : 0);
-    if (!head)
-        fail("generate returned no head node");
-    mesh->usedVertexBounds(head->m_mins, head->m_maxs);
-    {
-        mrBSPPortalizer portalizer;
-        portalizer.portalize(head);
-        std::string path = g_scratch + "/test.prt";
-        if (!mrBSPPortalizer::writePortalfile(head, path.c_str()))
-            fail("the portal file could not be written", path);
-        srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
-        if (!portalMesh)
-            fail("createMeshModel returned null");
-        portalMesh->release();
-        mrBSPPortalizer::releaseMaterials();
-        portalizer.releasePortals(head);
-    }
-    mrBSPTree::release(head);
-    builder.releasePlanes();
+    mrVisPipeline::Settings settings;
+    settings.midSplit = midSplit;
+    settings.portalFile = g_scratch + "/test.prt";
+    mrVisPipeline::Result result;
+    std::string why;
+    if (!mrVisPipeline::run(mesh, settings, result, why))
+        fail("the visibility pipeline failed on a mesh", why);
+    if (!result.portalMesh)
+        fail("the visibility pipeline made no portal mesh");
 }

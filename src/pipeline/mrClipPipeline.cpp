@@ -1,0 +1,41 @@
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/pipeline/mrClipPipeline.h>
+#include <meridbsp/platform/dx/srMeshModel.h>
+
+mrClipBSP* mrClipPipeline::Result::take()
+{
+    mrClipBSP* bsp = clipBSP;
+    clipBSP = nullptr;
+    return bsp;
+}
+
+void mrClipPipeline::Result::release()
+{
+    if (clipBSP)
+        clipBSP->release();
+    clipBSP = nullptr;
+}
+
+bool mrClipPipeline::run(srMeshModel* mesh, const Settings& settings, Result& result, std::string& error)
+{
+    result.release();
+    result.warnings.clear();
+    if (!mesh)
+    {
+        error = "no mesh";
+        return false;
+    }
+    // The generator takes its arguments by reference and copies the mesh before moving it;
+    // the settings are not changed.
+    srVector3T<float> offset = settings.offset;
+    srMatrix3T<float> matrix = settings.matrix;
+    mrClipBSPGen generator;
+    result.clipBSP = generator.importMeshModel(mesh, offset, matrix);
+    result.numLeafFaces = generator.m_numleaffaces;
+    result.numSolidLeafs = generator.m_numsolidleafs;
+    result.numEmptyLeafs = generator.m_numemptyleafs;
+    if (result.clipBSP && result.clipBSP->m_numnodes == 0)
+        result.warnings.push_back("the mesh has no triangles: the clip BSP is empty space");
+    return result.clipBSP != nullptr;
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <meridbsp/platform/dx/srVector3T.h>
+
+class mrBSPNode;
+class mrBSPPortalizer;
+class mrMaterial;
+class srMeshModel;
+
+// The visibility pipeline in one call, for library users: surfaces (with their bounds),
+// the solid BSP tree, the head node's box around the vertices the triangles use, portals,
+// the portal file and the portal mesh. It drives the module's own classes step by step,
+// so the results are exactly theirs, and releases everything it built except the outputs
+// it hands over.
+//
+// Like the steps it drives, it touches the portalizer's process-wide counters, material
+// table and portal file: one run at a time in a process.
+class mrVisPipeline
+{
+public:
+    struct Settings
+    {
+        // false: each node takes the plane that cuts the fewest faces (the default);
+        // true: the plane that divides the box most evenly, which is much faster on curved
+        // meshes and gives a different tree.
+        bool midSplit = false;
+        // Where the portal file goes. Empty: no portal file. The file is written beside
+        // the target and renamed into place.
+        std::string portalFile;
+        // Build the mesh of the portals that face solid space (Result::portalMesh).
+        bool portalMesh = true;
+    };
+
+    struct Result
+    {
+        Result() = default;
+        ~Result() { release(); }
+        Result(const Result&) = delete;
+        Result& operator=(const Result&) = delete;
+
+        unsigned planes = 0;   // plane-table size
+        unsigned surfaces = 0; // surfaces made, one per plane
+        unsigned faces = 0;    // faces made, one per triangle
+        // The solid BSP generator's counters.
+        int numSplitNodes = 0;
+        int numLeafFaces = 0;
+        int numNodeFaces = 0;
+        int numSolidLeafs = 0;
+        int numEmptyLeafs = 0;
+        int numLinkedFaces = 0;
+        // The head node's box.
+        srVector3T<float> mins, maxs;
+        // Portalization.
+        int numDegeneratePortals = 0; // node portals clipped away to nothing
+        int numVisleafs = 0;          // leaves numbered in the portal file
+        int numVisportals = 0;        // portal lines in the portal file
+        // The portal mesh (with Settings::portalMesh): owned by the result, released with
+        // it or by release(); its polygons' materials live as long as it does.
+        srMeshModel* portalMesh = nullptr;
+        int portalMeshPolys = 0;
+        // Things a user should know about the input or the result.
+        std::vector<std::string> warnings;
+
+        // Releases the portal mesh and its materials.
+        void release();
+
+    private:
+        friend class mrVisPipeline;
+        std::vector<mrMaterial*> m_materials;
+    };
+
+    // False with `error` set when an output cannot be written; the counters are filled
+    // up to that point. A null mesh is an error.
+    static bool run(srMeshModel* mesh, const Settings& settings, Result& result, std::string& error);
+};

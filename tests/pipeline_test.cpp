@@ -1,0 +1,152 @@
+// The one-call pipelines give exactly what the module's steps give, own and release
+// their outputs, and say what went wrong.
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/pipeline/mrClipPipeline.h>
+#include <meridbsp/pipeline/mrVisPipeline.h>
+#include <meridbsp/platform/dx/srMaterialIFace.h>
+
+#include "support/TestSupport.h"
+
+namespace
+{
+typedef srVector3T<float> V;
+
+void buildMesh(int which, srMeshModel& mesh)
+{
+    if (which == 0)
+        mtest::addTwoRoomLevel(mesh);
+    else
+        mtest::addTorus(mesh, 40, 12, 12, 8);
+}
+
+TEST(VisPipeline, GivesWhatTheStepsGiveInBothModes)
+{
+    mtest::TempDir dir;
+    for (int which = 0; which < 2; ++which)
+        for (int midSplit = 0; midSplit < 2; ++midSplit)
+        {
+            SCOPED_TRACE(testing::Message() << "mesh " << which << " midSplit " << midSplit);
+            srMeshModel mesh;
+            buildMesh(which, mesh);
+            std::string stepsFile;
+            long stepsPolys = 0;
+            mrSolidBSP counters;
+            {
+                mtest::VisRun steps(mesh, midSplit);
+                counters = steps.bsp;
+                steps.portalizer.portalize(steps.head);
+                stepsFile = steps.portalFile();
+                steps.withPortalMesh([&](srMeshModel& m) { stepsPolys = m.m_numpolys; });
+            }
+            mrVisPipeline::Settings settings;
+            settings.midSplit = midSplit != 0;
+            settings.portalFile = dir.file("test.prt");
+            mrVisPipeline::Result result;
+            std::string error;
+            ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, result, error)) << error;
+            EXPECT_EQ(mtest::readFile(settings.portalFile), stepsFile);
+            EXPECT_EQ(result.numSplitNodes, counters.m_numSplitNodes);
+            EXPECT_EQ(result.numEmptyLeafs, counters.m_numEmptyLeafs);
+            EXPECT_EQ(result.numSolidLeafs, counters.m_numSolidLeafs);
+            EXPECT_EQ(result.numLinkedFaces, counters.m_numLinkedFaces);
+            EXPECT_EQ(result.faces, (unsigned)mesh.m_numpolys);
+            ASSERT_NE(result.portalMesh, nullptr);
+            EXPECT_EQ(result.portalMesh->m_numpolys, stepsPolys);
+            EXPECT_TRUE(result.warnings.empty());
+        }
+}
+
+TEST(VisPipeline, PortalMeshMaterialsLiveAsLongAsTheResult)
+{
+    srMeshModel mesh;
+    mtest::addTwoRoomLevel(mesh);
+    mrVisPipeline::Settings settings;
+    mrVisPipeline::Result first, second;
+    std::string error;
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, first, error));
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, second, error));
+    // The second run replaced the portalizer's material table; the first mesh's
+    // materials must still be there (a sanitizer run sees any use after release).
+    ASSERT_FALSE(first.portalMesh->m_polyMaterials.empty());
+    for (srMaterialIFace* m : first.portalMesh->m_polyMaterials)
+        ASSERT_NE(m, nullptr);
+    EXPECT_EQ(first.portalMesh->m_polyMaterials.size(), second.portalMesh->m_polyMaterials.size());
+    first.release();
+    EXPECT_EQ(first.portalMesh, nullptr);
+}
+
+TEST(VisPipeline, ReportsWhatCannotBeDoneAndWhatMayGoWrong)
+{
+    mrVisPipeline::Settings settings;
+    mrVisPipeline::Result result;
+    std::string error;
+    EXPECT_FALSE(mrVisPipeline::run(nullptr, settings, result, error));
+    EXPECT_EQ(error, "no mesh");
+
+    srMeshModel mesh;
+    mtest::addBox(mesh, V(-16, -16, -16), V(16, 16, 16), false);
+    settings.portalFile = "/nonexistent-dir/test.prt";
+    EXPECT_FALSE(mrVisPipeline::run(&mesh, settings, result, error));
+    EXPECT_EQ(error, "/nonexistent-dir/test.prt: cannot write the portal file");
+
+    // Portals start as squares 65536 units across: a box whose widened corners reach
+    // farther than that from the origin may lose portal area, and the user is told.
+    settings.portalFile.clear();
+    settings.portalMesh = false;
+    for (float far : {37000.0f, 38000.0f})
+    {
+        srMeshModel far_mesh;
+        mtest::addBox(far_mesh, V(-far, -far, -far), V(far, far, far), false);
+        ASSERT_TRUE(mrVisPipeline::run(&far_mesh, settings, result, error));
+        EXPECT_EQ(result.warnings.size(), far > 37800.0f ? 1u : 0u) << far;
+        EXPECT_EQ(result.portalMesh, nullptr);
+    }
+}
+
+TEST(ClipPipeline, GivesWhatTheGeneratorGivesWithOffsetAndMatrix)
+{
+    srMeshModel mesh;
+    mtest::addTorus(mesh, 40, 12, 12, 8);
+    mrClipPipeline::Settings settings;
+    settings.offset = V(3, -5, 7);
+    const float turn[9] = {0, 1, 0, -1, 0, 0, 0, 0, 1};
+    std::memcpy(settings.matrix.m, turn, sizeof turn);
+
+    V offset = settings.offset;
+    srMatrix3T<float> matrix = settings.matrix;
+    mrClipBSPGen gen;
+    mtest::ClipPtr expected(gen.importMeshModel(&mesh, offset, matrix));
+
+    mrClipPipeline::Result result;
+    std::string error;
+    ASSERT_TRUE(mrClipPipeline::run(&mesh, settings, result, error));
+    ASSERT_NE(result.clipBSP, nullptr);
+    EXPECT_EQ(mtest::saveBuffer({result.clipBSP}), mtest::saveBuffer({expected.get()}));
+    EXPECT_EQ(result.numSolidLeafs, gen.m_numsolidleafs);
+    EXPECT_EQ(result.numEmptyLeafs, gen.m_numemptyleafs);
+    EXPECT_EQ(result.numLeafFaces, gen.m_numleaffaces);
+    EXPECT_TRUE(result.warnings.empty());
+
+    mtest::ClipPtr taken(result.take());
+    EXPECT_EQ(result.clipBSP, nullptr);
+    EXPECT_EQ(taken->pointInfo(0, offset), expected->pointInfo(0, offset));
+}
+
+TEST(ClipPipeline, ReportsANullMeshAndWarnsOfAnEmptyOne)
+{
+    mrClipPipeline::Result result;
+    std::string error;
+    EXPECT_FALSE(mrClipPipeline::run(nullptr, mrClipPipeline::Settings(), result, error));
+    EXPECT_EQ(error, "no mesh");
+    srMeshModel empty;
+    ASSERT_TRUE(mrClipPipeline::run(&empty, mrClipPipeline::Settings(), result, error));
+    ASSERT_EQ(result.warnings.size(), 1u);
+    EXPECT_EQ(result.warnings[0], "the mesh has no triangles: the clip BSP is empty space");
+}
+
+} // namespace
