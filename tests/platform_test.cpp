@@ -1,6 +1,8 @@
 // The engine stand-ins: class registry, parameter blocks and their notifications,
 // the output stream, the core object and the mesh model. (The assertion routine is
 // exercised through the recorder by every suite.)
+#include <iostream>
+
 #include <gtest/gtest.h>
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/core/mrParamBlock.h>
@@ -89,8 +91,13 @@ TEST(ParamBlock, FieldsByIdAndNameNotifyDependantsWrongKindsAndMissingFieldsRead
     EXPECT_EQ(block.getDWordField(0xF001), 42u);
 }
 
-TEST(Output, PrintfAndStreamGoToTheCapturedTarget)
+TEST(Output, GoesToStandardErrorByDefaultAndPrintfAndStreamGoToTheCapturedTarget)
 {
+    // Standard output is the program's own: the library log stays off it unless asked.
+    EXPECT_EQ(srGetOutputTarget(), &std::cerr);
+    std::ostream* previous = srSetOutputTarget(nullptr);
+    EXPECT_EQ(srGetOutputTarget(), &std::cerr);
+    srSetOutputTarget(previous);
     mtest::LogCapture log;
     srPrintf("Generated %i planes\n", 6);
     srOut << "line two" << '\n';

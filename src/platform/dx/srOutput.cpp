@@ -10,7 +10,9 @@ namespace
 {
 std::ostream* g_target = nullptr;
 
-std::ostream& target() { return g_target ? *g_target : std::cout; }
+// The log goes to standard error unless a caller says otherwise: standard output stays
+// free for what a program prints on purpose.
+std::ostream& target() { return g_target ? *g_target : std::cerr; }
 
 // Forwards every character to the current target, so the target can change at any time.
 class ForwardBuf : public std::streambuf
@@ -70,7 +72,7 @@ long srPrintf(const char* format, ...)
 
 std::ostream* srSetOutputTarget(std::ostream* t)
 {
-    std::ostream* old = g_target ? g_target : &std::cout;
+    std::ostream* old = g_target ? g_target : &std::cerr;
     srOut.flush();
     g_target = t;
     return old;

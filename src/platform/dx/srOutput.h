@@ -13,6 +13,7 @@ long srPrintf(const char* format, ...)
 #endif
     ;
 
-// Replaces the stream srOut and srPrintf write to (null: standard output); returns the old one.
+// Replaces the stream srOut and srPrintf write to (null: standard error, the default);
+// returns the old one.
 std::ostream* srSetOutputTarget(std::ostream* target);
 std::ostream* srGetOutputTarget();
