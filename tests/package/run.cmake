@@ -1,13 +1,13 @@
 # Installs a built MeridBSP tree into a fresh prefix, then configures, builds and runs the
-# consumer project against that prefix alone, and runs the installed tool.
+# README's library examples (examples/) against that prefix alone, and runs the installed tool.
 #   cmake -DBUILD_DIR=<build tree> -DWORK_DIR=<scratch dir> [-DSANITIZE=address,undefined] -P run.cmake
 # SANITIZE repeats the build tree's sanitizers, which a program linking its libraries needs too.
 if(NOT BUILD_DIR OR NOT WORK_DIR)
   message(FATAL_ERROR "usage: cmake -DBUILD_DIR=... -DWORK_DIR=... -P run.cmake")
 endif()
-set(consumer_src ${CMAKE_CURRENT_LIST_DIR})
+get_filename_component(examples_src ${CMAKE_CURRENT_LIST_DIR}/../../examples ABSOLUTE)
 set(prefix ${WORK_DIR}/prefix)
-set(consumer_build ${WORK_DIR}/consumer)
+set(examples_build ${WORK_DIR}/examples)
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 
@@ -24,18 +24,36 @@ set(flags "")
 if(SANITIZE)
   set(flags "-fsanitize=${SANITIZE}")
 endif()
-step(${CMAKE_COMMAND} -S ${consumer_src} -B ${consumer_build} -DCMAKE_PREFIX_PATH=${prefix}
+# The README quotes both examples whole: they must not drift apart.
+file(READ ${examples_src}/../README.md readme)
+foreach(example collision visibility)
+  file(READ ${examples_src}/${example}.cpp text)
+  string(FIND "${readme}" "${text}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "README.md does not quote examples/${example}.cpp as it is")
+  endif()
+endforeach()
+step(${CMAKE_COMMAND} -S ${examples_src} -B ${examples_build} -DCMAKE_PREFIX_PATH=${prefix}
      -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=${flags}" "-DCMAKE_EXE_LINKER_FLAGS=${flags}")
-step(${CMAKE_COMMAND} --build ${consumer_build})
-step(${consumer_build}/consumer)
+step(${CMAKE_COMMAND} --build ${examples_build})
+# Under a sanitizer build LeakSanitizer is on: the examples release everything they make.
+step(${examples_build}/collision)
 message(STATUS "${step_output}")
-if(NOT step_output MATCHES "inside -2, outside -1")
-  message(FATAL_ERROR "unexpected consumer output: ${step_output}")
+if(NOT step_output MATCHES "inside -2, outside -1; trace blocked at fraction 0.498992, x = -16.03225")
+  message(FATAL_ERROR "unexpected output of the collision example: ${step_output}")
+endif()
+step(${examples_build}/visibility ${WORK_DIR})
+message(STATUS "${step_output}")
+if(NOT step_output MATCHES "6 decision nodes, 1 empty and 6 solid leaves; 1 visleafs, 0 visportals in .*/test.prt; portal mesh of 6 polygons" OR NOT EXISTS ${WORK_DIR}/test.prt)
+  message(FATAL_ERROR "unexpected output of the visibility example: ${step_output}")
 endif()
 
 # The installed tool finds its libraries and the installed demo level from the prefix.
 if(EXISTS ${prefix}/bin/meridbsp)
   step(${prefix}/bin/meridbsp --version)
+  if(NOT EXISTS ${prefix}/share/man/man1/meridbsp.1)
+    message(FATAL_ERROR "the man page was not installed")
+  endif()
   step(${prefix}/bin/meridbsp demo --out ${WORK_DIR}/demo)
   foreach(f test.prt portals.obj level.mrc slice.png)
     if(NOT EXISTS ${WORK_DIR}/demo/${f})
