@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, when any is missing. Quiet when all are there.
 set -euo pipefail
 pkgs=(build-essential cmake clang clang-format libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-      libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev)
+      libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev help2man)
 [ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev python3)
 missing=()
 for p in "${pkgs[@]}"; do
