@@ -31,7 +31,7 @@ int main()
     mrClipBSP* bsp = result.clipBSP; // owned by `result` until result.take()
 
     srVector3T<float> inside(0, 0, 0), outside(20, 0, 0);
-    const int a = bsp->pointInfo(0, inside);  // -1 empty, -2 (or below) solid
+    const int a = bsp->pointInfo(0, inside); // -1 empty, -2 (or below) solid
     const int b = bsp->pointInfo(0, outside);
     mrTrace trace;
     srVector3T<float> start(-32, 0, 0);

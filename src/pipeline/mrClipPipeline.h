@@ -17,7 +17,7 @@ class mrClipPipeline
 public:
     struct Settings
     {
-        srMatrix3T<float> matrix;         // applied first; the identity by default
+        srMatrix3T<float> matrix;          // applied first; the identity by default
         srVector3T<float> offset{0, 0, 0}; // added after the matrix
     };
 

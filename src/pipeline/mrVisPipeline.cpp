@@ -1,3 +1,5 @@
+#include <cmath>
+
 #include <meridbsp/geometry/mrBSPFace.h>
 #include <meridbsp/geometry/mrBSPSurface.h>
 #include <meridbsp/pipeline/mrVisPipeline.h>
@@ -7,8 +9,6 @@
 #include <meridbsp/solid/mrBSPTree.h>
 #include <meridbsp/solid/mrSolidBSP.h>
 #include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
-
-#include <cmath>
 
 namespace
 {
