@@ -1,5 +1,6 @@
 // The one-call pipelines give exactly what the module's steps give, own and release
 // their outputs, and say what went wrong.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -58,6 +59,17 @@ TEST(VisPipeline, GivesWhatTheStepsGiveInBothModes)
             ASSERT_NE(result.portalMesh, nullptr);
             EXPECT_EQ(result.portalMesh->m_numpolys, stepsPolys);
             EXPECT_TRUE(result.warnings.empty());
+
+            // The same portal file into a stream the caller holds.
+            FILE* stream = std::tmpfile();
+            settings.portalStream = stream;
+            ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, result, error)) << error;
+            std::string streamed;
+            std::rewind(stream);
+            for (int c; (c = std::fgetc(stream)) != EOF;)
+                streamed += (char)c;
+            std::fclose(stream);
+            EXPECT_EQ(streamed, stepsFile);
         }
 }
 

@@ -101,9 +101,24 @@ std::string portalFileOf(mrBSPNode* head, std::string* log = nullptr)
     std::string path = dir.file("t.prt");
     std::string written = mtest::stdoutOf([&] { EXPECT_TRUE(mrBSPPortalizer::writePortalfile(head, path.c_str())); });
     EXPECT_EQ(written, "writing " + path + "\n");
+    std::string text = capture.text();
     if (log)
-        *log = capture.text();
-    return mtest::readFile(path);
+        *log = text;
+
+    // The same lines and bytes into a stream the caller opened.
+    capture.clear();
+    FILE* stream = std::tmpfile();
+    written = mtest::stdoutOf([&] { EXPECT_TRUE(mrBSPPortalizer::writePortalfile(head, stream, path.c_str())); });
+    EXPECT_EQ(written, "writing " + path + "\n");
+    EXPECT_EQ(capture.text(), text);
+    std::string streamed;
+    std::rewind(stream);
+    for (int c; (c = std::fgetc(stream)) != EOF;)
+        streamed += (char)c;
+    std::fclose(stream);
+    std::string file = mtest::readFile(path);
+    EXPECT_EQ(streamed, file);
+    return file;
 }
 } // namespace
 
@@ -393,6 +408,17 @@ TEST(PortalFile, FailuresAreReportedAndLeaveNoFile)
     rec.expect({{"0", "mrBSPPortalizer", 0, "Error opening %s"}, {"0", "mrBSPPortalizer", 0, "Error writing %s"}});
     EXPECT_TRUE(std::filesystem::is_directory(taken));
     EXPECT_FALSE(std::filesystem::exists(taken + ".tmp"));
+
+    // Into a stream: none at all is reported as a failed open; one that cannot be written
+    // makes the call return false.
+    rec.clear();
+    mtest::stdoutOf([&] { EXPECT_FALSE(mrBSPPortalizer::writePortalfile(head, nullptr, "x.prt")); });
+    rec.expect({{"0", "mrBSPPortalizer", 0, "Error opening %s"}});
+    mtest::writeFile(dir.file("ro"), "");
+    FILE* readOnly = std::fopen(dir.file("ro").c_str(), "r");
+    ASSERT_TRUE(readOnly);
+    mtest::stdoutOf([&] { EXPECT_FALSE(mrBSPPortalizer::writePortalfile(head, readOnly, "ro")); });
+    std::fclose(readOnly);
 }
 
 // ---------------------------------------------------------------------------------------

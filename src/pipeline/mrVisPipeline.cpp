@@ -85,9 +85,12 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         mrBSPPortalizer portalizer;
         portalizer.portalize(head);
         result.numDegeneratePortals = portalizer.m_num_degenerate;
-        if (!settings.portalFile.empty())
+        if (settings.portalStream || !settings.portalFile.empty())
         {
-            if (!mrBSPPortalizer::writePortalfile(head, settings.portalFile.c_str()))
+            bool written = settings.portalStream ? mrBSPPortalizer::writePortalfile(head, settings.portalStream,
+                                                                                    settings.portalFile.c_str())
+                                                 : mrBSPPortalizer::writePortalfile(head, settings.portalFile.c_str());
+            if (!written)
             {
                 error = settings.portalFile + ": cannot write the portal file";
                 ok = false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,10 @@ public:
         // Where the portal file goes. Empty: no portal file. The file is written beside
         // the target and renamed into place.
         std::string portalFile;
+        // When set, the portal file goes into this stream instead (the caller opened it and
+        // closes it), and portalFile only names it in the log line. For callers that put
+        // their outputs in place themselves.
+        FILE* portalStream = nullptr;
         // Build the mesh of the portals that face solid space (Result::portalMesh).
         bool portalMesh = true;
     };

@@ -603,23 +603,16 @@ bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
 
     // Written beside the target and renamed into place, so a reader never sees half a file.
     std::string temp = std::string(path) + ".tmp";
-    s_portalFile = fopen(temp.c_str(), "w");
-    if (!s_portalFile)
+    FILE* file = fopen(temp.c_str(), "w");
+    if (!file)
     {
         srAssertFail("0", SOURCE, __LINE__, "Error opening %s");
         return false;
     }
+    writePortalContents(head, file);
 
-    srPrintf("Writing %i visleafs %i visportals\n", m_num_visleafs, m_num_visportals);
-
-    fprintf(s_portalFile, "%s\n", "PRT");
-    fprintf(s_portalFile, "%i\n", m_num_visleafs);
-    fprintf(s_portalFile, "%i\n", m_num_visportals);
-    writePortalFile_r(head);
-
-    bool failed = ferror(s_portalFile) != 0;
-    failed = fclose(s_portalFile) != 0 || failed;
-    s_portalFile = nullptr;
+    bool failed = ferror(file) != 0;
+    failed = fclose(file) != 0 || failed;
     if (failed || rename(temp.c_str(), path) != 0)
     {
         remove(temp.c_str());
@@ -627,6 +620,35 @@ bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
         return false;
     }
     return true;
+}
+
+bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, FILE* file, const char* name)
+{
+    m_num_visleafs = 0;
+    m_num_visportals = 0;
+    numberLeafs_r(head);
+
+    printf("writing %s\n", name ? name : PORTAL_FILE);
+    fflush(stdout);
+    if (!file)
+    {
+        srAssertFail("0", SOURCE, __LINE__, "Error opening %s");
+        return false;
+    }
+    writePortalContents(head, file);
+    return ferror(file) == 0;
+}
+
+void mrBSPPortalizer::writePortalContents(mrBSPNode* head, FILE* file)
+{
+    srPrintf("Writing %i visleafs %i visportals\n", m_num_visleafs, m_num_visportals);
+
+    s_portalFile = file;
+    fprintf(s_portalFile, "%s\n", "PRT");
+    fprintf(s_portalFile, "%i\n", m_num_visleafs);
+    fprintf(s_portalFile, "%i\n", m_num_visportals);
+    writePortalFile_r(head);
+    s_portalFile = nullptr;
 }
 
 void mrBSPPortalizer::numberLeafs_r(mrBSPNode* node)

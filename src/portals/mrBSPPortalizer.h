@@ -59,6 +59,9 @@ public:
     // The same to the given path. The file is written beside the target and renamed into
     // place, so a failure leaves any earlier file untouched; returns false on failure.
     static bool writePortalfile(mrBSPNode* head, const char* path);
+    // The same into a stream the caller opened (and closes); `name` is the file name the
+    // log line gives. False when the stream reports an error.
+    static bool writePortalfile(mrBSPNode* head, FILE* file, const char* name);
     static void numberLeafs_r(mrBSPNode* node);
     static void writePortalFile_r(mrBSPNode* node);
     static void writeFloat(FILE* file, float value);
@@ -78,6 +81,8 @@ private:
     static void freeNodePortals(mrBSPNode* node);
     // freeAllPortals in one pass per list; false (nothing changed) when a list is unsound.
     static bool freeAllPortalsAtOnce(mrBSPNode* head);
+    // The log line, the header and every portal line into an open stream.
+    static void writePortalContents(mrBSPNode* head, FILE* file);
     static void writeLeafPortals(mrBSPNode* leaf);
     static void addLeafPolys(mrBSPNode* leaf, srModeler& modeler, srModeler::Polygon& poly);
 };
