@@ -17,6 +17,7 @@
 #include "MeshReader.h"
 #include "MeshWriter.h"
 #include "ModuleSession.h"
+#include "OutputSet.h"
 #include "SliceImage.h"
 #include "StdoutRedirect.h"
 #include "Tool.h"
@@ -60,19 +61,40 @@ std::string ms(double value)
 }
 
 // Every output is checked before any work starts, so a run that cannot write its
-// results fails early and writes nothing.
-bool checkOutputs(const std::vector<std::string>& paths)
+// results fails early and writes nothing. At most one output may take standard output;
+// the report then goes to standard error. The exit code to stop with, or EXIT_OK.
+int checkOutputs(const std::vector<std::string>& paths)
 {
+    int toStdout = OutputSet::countStdout(paths);
+    if (toStdout > 1)
+        return Tool::usage("only one output can go to standard output");
     for (const std::string& path : paths)
     {
         std::string why;
         if (!path.empty() && !AtomicFile::checkTarget(path, why))
-        {
-            Tool::fail(path, why);
-            return false;
-        }
+            return Tool::fail(path, why);
     }
-    return true;
+    if (toStdout == 1)
+        Tool::reportToStderr();
+    return Tool::EXIT_OK;
+}
+
+// Puts every output of the run in place; false after saying why.
+bool commitOutputs(OutputSet& outputs)
+{
+    std::string error;
+    if (outputs.commit(error))
+        return true;
+    Tool::fail(error);
+    return false;
+}
+
+std::string joinWords(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& w : words)
+        text += (text.empty() ? "" : " ") + w;
+    return text;
 }
 
 srMeshModel* readMesh(const std::string& path, MeshReader::Stats* stats = nullptr)
@@ -105,34 +127,16 @@ nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, double elapsed)
 
 void printVisSummary(const mrVisPipeline::Result& r, const VisPipeline::Options& o)
 {
-    std::printf("planes %u, surfaces %u, faces %u\n", r.planes, r.surfaces, r.faces);
-    std::printf("tree: %d decision nodes, %d empty leaves, %d solid leaves\n", r.numSplitNodes, r.numEmptyLeafs,
-                r.numSolidLeafs);
-    std::printf("faces: %d in leaves, %d on nodes, %d linked\n", r.numLeafFaces, r.numNodeFaces, r.numLinkedFaces);
-    std::printf("portals: %d visleafs, %d visportals\n", r.numVisleafs, r.numVisportals);
-    std::printf("wrote %s\n", o.portalFile.c_str());
-    std::string companion = MeshWriter::companionPath(o.meshFile);
-    std::printf("wrote %s (%d polygons)%s%s\n", o.meshFile.c_str(), r.portalMeshPolys, companion.empty() ? "" : " and ",
-                companion.c_str());
-}
-
-// Reads the numbers of one query line; false with the reason.
-bool readQuery(const std::vector<std::string>& words, size_t count, float* values, std::string& why)
-{
-    if (words.size() != count)
-    {
-        why = "expected " + std::to_string(count) + " numbers, found " + std::to_string(words.size());
-        return false;
-    }
-    for (size_t i = 0; i < count; ++i)
-    {
-        if (!Tool::parseFloat(words[i], values[i]))
-        {
-            why = "malformed number '" + words[i] + "'";
-            return false;
-        }
-    }
-    return true;
+    std::fprintf(Tool::out(), "planes %u, surfaces %u, faces %u\n", r.planes, r.surfaces, r.faces);
+    std::fprintf(Tool::out(), "tree: %d decision nodes, %d empty leaves, %d solid leaves\n", r.numSplitNodes,
+                 r.numEmptyLeafs, r.numSolidLeafs);
+    std::fprintf(Tool::out(), "faces: %d in leaves, %d on nodes, %d linked\n", r.numLeafFaces, r.numNodeFaces,
+                 r.numLinkedFaces);
+    std::fprintf(Tool::out(), "portals: %d visleafs, %d visportals\n", r.numVisleafs, r.numVisportals);
+    std::fprintf(Tool::out(), "wrote %s\n", o.portalFile.c_str());
+    std::string companion = MeshWriter::companionPath(o.meshFile, o.meshFormat);
+    std::fprintf(Tool::out(), "wrote %s (%d polygons)%s%s\n", o.meshFile.c_str(), r.portalMeshPolys,
+                 companion.empty() ? "" : " and ", companion.c_str());
 }
 
 // Runs one query per line of standard input, answering each line as it is read.
@@ -150,11 +154,10 @@ template <class Answer> int streamQueries(size_t count, Answer answer)
         std::string text(line, (size_t)length);
         if (!text.empty() && text.back() == '\n')
             text.pop_back();
-        std::vector<std::string> words = Tool::splitWords(text);
-        if (words.empty())
+        if (Tool::splitWords(text).empty())
             continue;
         std::string why;
-        if (!readQuery(words, count, values, why))
+        if (!Tool::parseVector(text, count, values, why))
         {
             std::fflush(stdout);
             status = Tool::fail("stdin line " + std::to_string(lineNumber), why);
@@ -164,6 +167,25 @@ template <class Answer> int streamQueries(size_t count, Answer answer)
     }
     std::free(line);
     return status;
+}
+
+// A file that is no chunk file but a mesh the importer reads: the user has skipped a step.
+bool looksLikeMesh(const std::string& path)
+{
+    char magic[4] = {0, 0, 0, 0};
+    FILE* in = std::fopen(path.c_str(), "rb");
+    if (!in)
+        return false;
+    size_t got = std::fread(magic, 1, sizeof magic, in);
+    std::fclose(in);
+    if (got == sizeof magic && std::memcmp(magic, "MRCF", 4) == 0)
+        return false;
+    std::string error;
+    srMeshModel* mesh = MeshReader::read(path, error);
+    if (!mesh)
+        return false;
+    mesh->release();
+    return true;
 }
 
 // The chunk file's clip BSP, checked for what the queries take on trust.
@@ -177,19 +199,20 @@ mrClipBSP* loadClipBSP(ModuleSession& session, const std::string& path, bool val
     }
     mrClipBSP* bsp = session.load(path, validate, error);
     if (!bsp)
-        Tool::fail(error);
+    {
+        if (looksLikeMesh(path))
+            Tool::fail(path, "this is a mesh file, not a clip BSP file; make one from it first with 'meridbsp clip " +
+                                 path + " -o OUT.mrc'");
+        else
+            Tool::fail(error);
+    }
     return bsp;
 }
 
-bool saveClipBSP(ModuleSession& session, const std::string& path, mrClipBSP* bsp)
+bool saveClipBSP(ModuleSession& session, OutputSet& outputs, const std::string& path, mrClipBSP* bsp)
 {
     std::string error;
-    if (!session.start(error))
-    {
-        Tool::fail(error);
-        return false;
-    }
-    if (!session.save(path, bsp, error))
+    if (!session.start(error) || !session.save(outputs, path, bsp, error))
     {
         Tool::fail(error);
         return false;
@@ -274,12 +297,10 @@ bool fileExists(const std::string& path)
 template <class Answer>
 int answerQueries(const Commands::FileArgs& args, size_t count, const char* usage, Answer answer)
 {
-    if (!args.numbers.empty() && args.numbers.size() != count)
-        return Tool::usage(usage);
     float q[6];
     std::string why;
-    if (!args.numbers.empty() && !readQuery(args.numbers, count, q, why))
-        return Tool::usage(why);
+    if (!args.numbers.empty() && !Tool::parseVector(joinWords(args.numbers), count, q, why))
+        return Tool::usage(why + "; " + usage);
     ModuleSession session;
     Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
     if (!bsp.get())
@@ -294,6 +315,25 @@ int answerQueries(const Commands::FileArgs& args, size_t count, const char* usag
     return streamQueries(count, ask);
 }
 
+// A matrix the mesh cannot be undone from is refused: its determinant, against the product
+// of its column lengths (the largest it can be), must not vanish. Empty when usable.
+std::string matrixProblem(const srMatrix3T<float>& matrix)
+{
+    const float* m = matrix.m;
+    double det = (double)m[0] * ((double)m[4] * m[8] - (double)m[5] * m[7]) -
+                 (double)m[3] * ((double)m[1] * m[8] - (double)m[2] * m[7]) +
+                 (double)m[6] * ((double)m[1] * m[5] - (double)m[2] * m[4]);
+    double bound = 1.0;
+    for (int c = 0; c < 3; ++c)
+        bound *= std::sqrt((double)m[3 * c] * m[3 * c] + (double)m[3 * c + 1] * m[3 * c + 1] +
+                           (double)m[3 * c + 2] * m[3 * c + 2]);
+    if (!std::isfinite(det) || !std::isfinite(bound))
+        return "the matrix's determinant is not finite";
+    if (bound == 0.0 || std::fabs(det) < 1e-6 * bound)
+        return "the matrix is singular (determinant " + Tool::g9(det) + "): it would flatten the mesh";
+    return std::string();
+}
+
 } // namespace
 
 int Commands::vis(const VisArgs& args)
@@ -301,32 +341,43 @@ int Commands::vis(const VisArgs& args)
     double start = Tool::nowMs();
     VisPipeline::Options options;
     options.midSplit = args.midSplit;
-    options.portalFile = Tool::joinPath(args.outDir, "test.prt");
+    options.portalFile = args.prtOut.empty() ? Tool::joinPath(args.outDir, "test.prt") : args.prtOut;
     options.meshFile = args.meshOut.empty() ? Tool::joinPath(args.outDir, "portals.obj") : args.meshOut;
-    if (!MeshWriter::supported(options.meshFile))
-        return Tool::usage("--mesh-out " + options.meshFile + ": unsupported mesh format (use .obj, .glb or .ply)");
+    options.meshFormat =
+        args.meshFormat.empty() ? MeshWriter::formatOf(options.meshFile) : MeshWriter::formatNamed(args.meshFormat);
+    if (!args.meshFormat.empty() && options.meshFormat == MeshWriter::FORMAT_NONE)
+        return Tool::usage("--mesh-format " + args.meshFormat + ": expected obj, glb or ply");
+    if (options.meshFormat == MeshWriter::FORMAT_NONE)
+        return Tool::usage("--mesh-out " + options.meshFile +
+                           ": unsupported mesh format (use .obj, .glb or .ply, or name one with --mesh-format)");
 
     AtomicFile::protectInput(args.mesh);
-    if (!checkOutputs({options.portalFile, options.meshFile, MeshWriter::companionPath(options.meshFile)}))
-        return Tool::EXIT_BAD_INPUT;
+    if (int code = checkOutputs(
+            {options.portalFile, options.meshFile, MeshWriter::companionPath(options.meshFile, options.meshFormat)}))
+        return code;
+    if (args.json && Tool::out() == stderr)
+        return Tool::usage("--json: standard output already carries an output file");
     Released<srMeshModel> mesh(readMesh(args.mesh));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
+    OutputSet outputs;
     mrVisPipeline::Result result;
     std::string error;
-    if (!VisPipeline::run(mesh.get(), options, result, error))
+    if (!VisPipeline::run(mesh.get(), options, outputs, result, error))
         return Tool::fail(error);
+    if (!commitOutputs(outputs))
+        return Tool::EXIT_BAD_INPUT;
     double elapsed = Tool::nowMs() - start;
 
     if (args.json)
     {
-        std::printf("%s\n", visJson(result, elapsed).dump().c_str());
+        std::fprintf(Tool::out(), "%s\n", visJson(result, elapsed).dump().c_str());
         return Tool::EXIT_OK;
     }
-    std::printf("%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
+    std::fprintf(Tool::out(), "%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
     printVisSummary(result, options);
-    std::printf("time %s\n", ms(elapsed).c_str());
+    std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
     return Tool::EXIT_OK;
 }
 
@@ -335,15 +386,19 @@ int Commands::clip(const ClipArgs& args)
     double start = Tool::nowMs();
     float xyz[3] = {0, 0, 0};
     srMatrix3T<float> matrix;
-    if (!args.offset.empty() && !Tool::parseFloatList(args.offset, 3, xyz))
-        return Tool::usage("--offset " + args.offset + ": expected three comma-separated numbers X,Y,Z");
+    std::string why;
+    if (!args.offset.empty() && !Tool::parseVector(args.offset, 3, xyz, why))
+        return Tool::usage("--offset " + args.offset + ": " + why + " (expected three numbers X,Y,Z)");
     srVector3T<float> offset(xyz[0], xyz[1], xyz[2]);
-    if (!args.matrix.empty() && !Tool::parseFloatList(args.matrix, 9, matrix.m))
-        return Tool::usage("--matrix " + args.matrix + ": expected nine comma-separated numbers m0,...,m8");
+    if (!args.matrix.empty() && !Tool::parseVector(args.matrix, 9, matrix.m, why))
+        return Tool::usage("--matrix " + args.matrix + ": " + why + " (expected nine numbers m0,...,m8)");
+    std::string singular = matrixProblem(matrix);
+    if (!singular.empty())
+        return Tool::usage("--matrix " + args.matrix + ": " + singular);
 
     AtomicFile::protectInput(args.mesh);
-    if (!checkOutputs({args.output}))
-        return Tool::EXIT_BAD_INPUT;
+    if (int code = checkOutputs({args.output}))
+        return code;
     ModuleSession session;
     std::string error;
     if (!session.start(error))
@@ -362,27 +417,43 @@ int Commands::clip(const ClipArgs& args)
             return Tool::fail(args.mesh, error);
     }
     const mrClipBSP* bsp = result.clipBSP;
-    if (!saveClipBSP(session, args.output, result.clipBSP))
+    OutputSet outputs;
+    if (!saveClipBSP(session, outputs, args.output, result.clipBSP) || !commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
-    std::printf("wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(), bsp->m_numnodes,
-                bsp->m_numplanes, mesh->m_numpolys);
-    std::printf("leaves: %d empty, %d solid; %d faces reached leaves\n", result.numEmptyLeafs, result.numSolidLeafs,
-                result.numLeafFaces);
-    std::printf("bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
-    std::printf("time %s\n", ms(Tool::nowMs() - start).c_str());
+    std::fprintf(Tool::out(), "wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(),
+                 bsp->m_numnodes, bsp->m_numplanes, mesh->m_numpolys);
+    std::fprintf(Tool::out(), "leaves: %d empty, %d solid; %d faces reached leaves\n", result.numEmptyLeafs,
+                 result.numSolidLeafs, result.numLeafFaces);
+    std::fprintf(Tool::out(), "bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
+    std::fprintf(Tool::out(), "time %s\n", ms(Tool::nowMs() - start).c_str());
     return Tool::EXIT_OK;
 }
 
 int Commands::box(const BoxArgs& args)
 {
     float lo[3], hi[3];
-    if (!Tool::parseFloatList(args.mins, 3, lo))
-        return Tool::usage(args.mins + ": expected the minimum corner as MINX,MINY,MINZ");
-    if (!Tool::parseFloatList(args.maxs, 3, hi))
-        return Tool::usage(args.maxs + ": expected the maximum corner as MAXX,MAXY,MAXZ");
+    std::string why;
+    if (!Tool::parseVector(args.mins, 3, lo, why))
+        return Tool::usage(args.mins + ": " + why + " (expected the minimum corner as MINX,MINY,MINZ)");
+    if (!Tool::parseVector(args.maxs, 3, hi, why))
+        return Tool::usage(args.maxs + ": " + why + " (expected the maximum corner as MAXX,MAXY,MAXZ)");
+    // A box upside down on an axis would block nothing at all; a flat one holds no point.
+    const char* axes = "xyz";
+    for (int a = 0; a < 3; ++a)
+    {
+        if (lo[a] > hi[a])
+            return Tool::usage(std::string("the minimum corner is above the maximum on ") + axes[a] + " (" +
+                               Tool::g9(lo[a]) + " > " + Tool::g9(hi[a]) + "): swap the two values");
+    }
     srVector3T<float> mins(lo[0], lo[1], lo[2]), maxs(hi[0], hi[1], hi[2]);
-    if (!checkOutputs({args.output}))
-        return Tool::EXIT_BAD_INPUT;
+    if (int code = checkOutputs({args.output}))
+        return code;
+    for (int a = 0; a < 3; ++a)
+    {
+        if (lo[a] == hi[a])
+            Tool::warn(std::string("the box has no size on ") + axes[a] + " (both corners at " + Tool::g9(lo[a]) +
+                       "): no point is inside it");
+    }
     ModuleSession session;
     std::string error;
     if (!session.start(error))
@@ -391,10 +462,11 @@ int Commands::box(const BoxArgs& args)
     bsp->makeFromBBox(mins, maxs);
     // The file carries the parameter fields, which the box builder leaves as they were.
     bsp->refreshPBlock(nullptr);
-    if (!saveClipBSP(session, args.output, bsp.get()))
+    OutputSet outputs;
+    if (!saveClipBSP(session, outputs, args.output, bsp.get()) || !commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
-    std::printf("wrote %s: box %s to %s, %u nodes, %u planes\n", args.output.c_str(), vec3(mins).c_str(),
-                vec3(maxs).c_str(), bsp->m_numnodes, bsp->m_numplanes);
+    std::fprintf(Tool::out(), "wrote %s: box %s to %s, %u nodes, %u planes\n", args.output.c_str(), vec3(mins).c_str(),
+                 vec3(maxs).c_str(), bsp->m_numnodes, bsp->m_numplanes);
     return Tool::EXIT_OK;
 }
 
@@ -433,24 +505,24 @@ int Commands::info(const FileArgs& args)
         j["fileSize"] = size;
         j["valid"] = valid;
         j["problem"] = valid ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(problem);
-        std::printf("%s\n", j.dump().c_str());
+        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
     }
     else
     {
-        std::printf("file %s\n", args.file.c_str());
-        std::printf("class clip BSP (%s)\n", classId);
-        std::printf("contents %u\n", bsp->m_contents);
-        std::printf("mins %s\n", vec3(bsp->m_mins).c_str());
-        std::printf("maxs %s\n", vec3(bsp->m_maxs).c_str());
-        std::printf("nodes %u\n", bsp->m_numnodes);
-        std::printf("planes %u\n", bsp->m_numplanes);
+        std::fprintf(Tool::out(), "file %s\n", args.file.c_str());
+        std::fprintf(Tool::out(), "class clip BSP (%s)\n", classId);
+        std::fprintf(Tool::out(), "contents %u\n", bsp->m_contents);
+        std::fprintf(Tool::out(), "mins %s\n", vec3(bsp->m_mins).c_str());
+        std::fprintf(Tool::out(), "maxs %s\n", vec3(bsp->m_maxs).c_str());
+        std::fprintf(Tool::out(), "nodes %u\n", bsp->m_numnodes);
+        std::fprintf(Tool::out(), "planes %u\n", bsp->m_numplanes);
         if (valid)
         {
-            std::printf("leaves %.0f\n", depth.leaves);
-            std::printf("depth max %ld, mean %s\n", depth.maxDepth, Tool::g9(mean).c_str());
+            std::fprintf(Tool::out(), "leaves %.0f\n", depth.leaves);
+            std::fprintf(Tool::out(), "depth max %ld, mean %s\n", depth.maxDepth, Tool::g9(mean).c_str());
         }
-        std::printf("file size %lld bytes\n", size);
-        std::printf("valid %s\n", valid ? "yes" : ("no: " + problem).c_str());
+        std::fprintf(Tool::out(), "file size %lld bytes\n", size);
+        std::fprintf(Tool::out(), "valid %s\n", valid ? "yes" : ("no: " + problem).c_str());
     }
     if (!valid)
         return Tool::fail(args.file, "not a usable clip BSP: " + problem);
@@ -464,22 +536,22 @@ int Commands::dump(const FileArgs& args)
     Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
     if (!bsp.get())
         return Tool::EXIT_BAD_INPUT;
-    std::printf("contents %u\n", bsp->m_contents);
-    std::printf("mins %s\n", vec3(bsp->m_mins).c_str());
-    std::printf("maxs %s\n", vec3(bsp->m_maxs).c_str());
+    std::fprintf(Tool::out(), "contents %u\n", bsp->m_contents);
+    std::fprintf(Tool::out(), "mins %s\n", vec3(bsp->m_mins).c_str());
+    std::fprintf(Tool::out(), "maxs %s\n", vec3(bsp->m_maxs).c_str());
     uint32_t planes = bsp->m_planes ? bsp->m_numplanes : 0;
-    std::printf("planes %u\n", planes);
+    std::fprintf(Tool::out(), "planes %u\n", planes);
     for (uint32_t i = 0; i < planes; ++i)
     {
         const mrPlane& p = bsp->m_planes[i];
-        std::printf("%u %s %s\n", i, vec3(p.m_normal).c_str(), Tool::g9(p.m_dist).c_str());
+        std::fprintf(Tool::out(), "%u %s %s\n", i, vec3(p.m_normal).c_str(), Tool::g9(p.m_dist).c_str());
     }
     uint32_t nodes = bsp->m_nodes ? bsp->m_numnodes : 0;
-    std::printf("nodes %u\n", nodes);
+    std::fprintf(Tool::out(), "nodes %u\n", nodes);
     for (uint32_t i = 0; i < nodes; ++i)
     {
         const mrClipNode& n = bsp->m_nodes[i];
-        std::printf("%u %d %d %d\n", i, n.planeIndex, n.child[0], n.child[1]);
+        std::fprintf(Tool::out(), "%u %d %d %d\n", i, n.planeIndex, n.child[0], n.child[1]);
     }
     return Tool::EXIT_OK;
 }
@@ -487,8 +559,9 @@ int Commands::dump(const FileArgs& args)
 int Commands::point(const FileArgs& args)
 {
     return answerQueries(args, 3, "point takes a point as three numbers X Y Z, or none to read points from stdin",
-                         [](const mrClipBSP& clip, const float* v)
-                         { std::printf("%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2]))); });
+                         [](const mrClipBSP& clip, const float* v) {
+                             std::fprintf(Tool::out(), "%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2])));
+                         });
 }
 
 int Commands::trace(const FileArgs& args)
@@ -502,9 +575,9 @@ int Commands::trace(const FileArgs& args)
             t.m_planeNormal = srVector3T<float>(0, 0, 0);
             t.m_planeDist = 0;
             int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]), srVector3T<float>(v[3], v[4], v[5]), t);
-            std::printf("%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(), vec3(t.m_endPos).c_str(),
-                        t.m_startSolid, t.m_allSolid, t.m_inOpen, vec3(t.m_planeNormal).c_str(),
-                        Tool::g9(t.m_planeDist).c_str());
+            std::fprintf(Tool::out(), "%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(),
+                         vec3(t.m_endPos).c_str(), t.m_startSolid, t.m_allSolid, t.m_inOpen,
+                         vec3(t.m_planeNormal).c_str(), Tool::g9(t.m_planeDist).c_str());
         });
 }
 
@@ -514,13 +587,14 @@ int Commands::slice(const SliceArgs& args)
     float at = 0;
     if (!parseAxis(args.axis, axis))
         return Tool::usage("--axis " + args.axis + ": expected x, y or z");
-    if (!Tool::parseFloat(args.at, at))
-        return Tool::usage("--at " + args.at + ": malformed number");
+    std::string why;
+    if (!Tool::parseFloat(args.at, at, why))
+        return Tool::usage("--at " + args.at + ": " + why);
     if (args.size < 1 || args.size > 8192)
         return Tool::usage("--size " + std::to_string(args.size) + ": expected 1 to 8192 pixels");
     AtomicFile::protectInput(args.file);
-    if (!checkOutputs({args.output}))
-        return Tool::EXIT_BAD_INPUT;
+    if (int code = checkOutputs({args.output}))
+        return code;
     ModuleSession session;
     Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
     if (!bsp.get())
@@ -529,11 +603,15 @@ int Commands::slice(const SliceArgs& args)
     std::string error;
     if (!image.render(*bsp.get(), axis, at, args.size, error))
         return Tool::fail(args.file, error);
-    if (!image.writePng(args.output, error))
+    OutputSet outputs;
+    if (!image.writePng(outputs, args.output, error))
         return Tool::fail(error);
+    if (!commitOutputs(outputs))
+        return Tool::EXIT_BAD_INPUT;
     const SliceImage::Counts& c = image.counts();
-    std::printf("wrote %s: %d x %d pixels of %s = %s; %ld empty, %ld solid, %ld marked solid\n", args.output.c_str(),
-                image.width(), image.height(), args.axis.c_str(), Tool::g9(at).c_str(), c.empty, c.solid, c.marked);
+    std::fprintf(Tool::out(), "wrote %s: %d x %d pixels of %s = %s; %ld empty, %ld solid, %ld marked solid\n",
+                 args.output.c_str(), image.width(), image.height(), args.axis.c_str(), Tool::g9(at).c_str(), c.empty,
+                 c.solid, c.marked);
     return Tool::EXIT_OK;
 }
 
@@ -567,8 +645,9 @@ int Commands::demo(const DemoArgs& args)
     std::string clipFile = Tool::joinPath(args.outDir, "level.mrc");
     std::string pngFile = Tool::joinPath(args.outDir, "slice.png");
     AtomicFile::protectInput(level);
-    if (!checkOutputs({vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile), clipFile, pngFile}))
-        return Tool::EXIT_BAD_INPUT;
+    if (int code = checkOutputs(
+            {vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile, vis.meshFormat), clipFile, pngFile}))
+        return code;
 
     ModuleSession session;
     std::string error;
@@ -577,14 +656,15 @@ int Commands::demo(const DemoArgs& args)
     Released<srMeshModel> mesh(readMesh(level));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
-    std::printf("demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
+    std::fprintf(Tool::out(), "demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
 
+    // The four outputs are put in place together once all of them are made.
+    OutputSet outputs;
     double start = Tool::nowMs();
     mrVisPipeline::Result result;
-    if (!VisPipeline::run(mesh.get(), vis, result, error))
+    if (!VisPipeline::run(mesh.get(), vis, outputs, result, error))
         return Tool::fail(error);
-    std::printf("\nvisibility pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
-    printVisSummary(result, vis);
+    double visMs = Tool::nowMs() - start;
 
     start = Tool::nowMs();
     mrClipPipeline::Result clip;
@@ -594,10 +674,9 @@ int Commands::demo(const DemoArgs& args)
             return Tool::fail(level, error);
     }
     const mrClipBSP* bsp = clip.clipBSP;
-    if (!saveClipBSP(session, clipFile, clip.clipBSP))
+    if (!saveClipBSP(session, outputs, clipFile, clip.clipBSP))
         return Tool::EXIT_BAD_INPUT;
-    std::printf("\ncollision pipeline (%s)\n", ms(Tool::nowMs() - start).c_str());
-    std::printf("wrote %s: %u nodes, %u planes\n", clipFile.c_str(), bsp->m_numnodes, bsp->m_numplanes);
+    double clipMs = Tool::nowMs() - start;
 
     // Halfway up the corridors: every room, both corridors and the pillar are cut.
     start = Tool::nowMs();
@@ -605,11 +684,19 @@ int Commands::demo(const DemoArgs& args)
     const float sliceZ = 48.0f;
     if (!image.render(*bsp, 2, sliceZ, 512, error))
         return Tool::fail(clipFile, error);
-    if (!image.writePng(pngFile, error))
+    if (!image.writePng(outputs, pngFile, error))
         return Tool::fail(error);
+    double sliceMs = Tool::nowMs() - start;
+    if (!commitOutputs(outputs))
+        return Tool::EXIT_BAD_INPUT;
+
+    std::fprintf(Tool::out(), "\nvisibility pipeline (%s)\n", ms(visMs).c_str());
+    printVisSummary(result, vis);
+    std::fprintf(Tool::out(), "\ncollision pipeline (%s)\n", ms(clipMs).c_str());
+    std::fprintf(Tool::out(), "wrote %s: %u nodes, %u planes\n", clipFile.c_str(), bsp->m_numnodes, bsp->m_numplanes);
     const SliceImage::Counts& c = image.counts();
-    std::printf("\nslice at z = %s (%s)\n", Tool::g9(sliceZ).c_str(), ms(Tool::nowMs() - start).c_str());
-    std::printf("wrote %s: %d x %d pixels; %ld empty, %ld solid, %ld marked solid\n", pngFile.c_str(), image.width(),
-                image.height(), c.empty, c.solid, c.marked);
+    std::fprintf(Tool::out(), "\nslice at z = %s (%s)\n", Tool::g9(sliceZ).c_str(), ms(sliceMs).c_str());
+    std::fprintf(Tool::out(), "wrote %s: %d x %d pixels; %ld empty, %ld solid, %ld marked solid\n", pngFile.c_str(),
+                 image.width(), image.height(), c.empty, c.solid, c.marked);
     return Tool::EXIT_OK;
 }

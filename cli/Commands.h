@@ -13,15 +13,17 @@ public:
         std::string mesh;
         bool midSplit = false;
         std::string outDir = ".";
-        std::string meshOut; // empty: portals.obj in outDir
+        std::string prtOut;     // empty: test.prt in outDir
+        std::string meshOut;    // empty: portals.obj in outDir
+        std::string meshFormat; // obj, glb or ply; empty: from meshOut's extension
         bool json = false;
     };
     struct ClipArgs
     {
         std::string mesh;
         std::string output;
-        std::string offset; // "x,y,z"; empty: 0,0,0
-        std::string matrix; // nine comma-separated numbers; empty: identity
+        std::string offset; // three numbers; empty: 0,0,0
+        std::string matrix; // nine numbers m0 to m8; empty: identity
     };
     struct BoxArgs
     {

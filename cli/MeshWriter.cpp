@@ -15,46 +15,22 @@
 #include <sys/stat.h>
 
 #include "AtomicFile.h"
+#include "OutputSet.h"
 
 namespace
 {
 
-enum Format
-{
-    FORMAT_NONE,
-    FORMAT_OBJ,
-    FORMAT_GLB,
-    FORMAT_PLY
-};
-
-Format formatOf(const std::string& path)
-{
-    std::string::size_type dot = path.find_last_of('.');
-    std::string::size_type slash = path.find_last_of('/');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
-        return FORMAT_NONE;
-    std::string ext = path.substr(dot + 1);
-    for (char& c : ext)
-        c = (char)std::tolower((unsigned char)c);
-    if (ext == "obj")
-        return FORMAT_OBJ;
-    if (ext == "glb")
-        return FORMAT_GLB;
-    if (ext == "ply")
-        return FORMAT_PLY;
-    return FORMAT_NONE;
-}
-
-// A stream into the temporary file of an AtomicFile.
+// A stream into the temporary file of an AtomicFile, which remembers why a write failed.
 class TempStream : public Assimp::IOStream
 {
 public:
-    explicit TempStream(FILE* file) : m_file(file) {}
+    explicit TempStream(AtomicFile* file) : m_output(file), m_file(file->file()) {}
 
     size_t Read(void*, size_t, size_t) override { return 0; }
     size_t Write(const void* buffer, size_t size, size_t count) override
     {
-        return std::fwrite(buffer, size, count, m_file);
+        std::string error;
+        return m_output->write(buffer, size * count, error) ? count : 0;
     }
     aiReturn Seek(size_t offset, aiOrigin origin) override
     {
@@ -75,15 +51,17 @@ public:
     void Flush() override { std::fflush(m_file); }
 
 private:
+    AtomicFile* m_output;
     FILE* m_file;
 };
 
-// Hands the exporter temporary files only; the caller renames them once the export has
-// succeeded. The exporter owns (and deletes) this object, the files live with the caller.
+// Hands the exporter outputs of the caller's set only: the mesh file under the name the
+// exporter was given, its material file (if any) beside it.
 class TempIOSystem : public Assimp::IOSystem
 {
 public:
-    TempIOSystem(std::vector<std::unique_ptr<AtomicFile>>* files, std::string* error) : m_files(files), m_error(error)
+    TempIOSystem(OutputSet* outputs, const std::string& exportName, const std::string& path, std::string* error)
+        : m_outputs(outputs), m_exportName(exportName), m_path(path), m_error(error)
     {
     }
 
@@ -97,22 +75,22 @@ public:
     {
         if (!mode || std::string(mode).find('r') != std::string::npos)
             return nullptr;
-        std::unique_ptr<AtomicFile> file(new AtomicFile);
         std::string error;
-        if (!file->open(path, error))
+        AtomicFile* file = m_outputs->open(path == m_exportName ? m_path : std::string(path), error);
+        if (!file)
         {
             if (m_error->empty())
-                *m_error = std::string(path) + ": " + error;
+                *m_error = error;
             return nullptr;
         }
-        TempStream* stream = new TempStream(file->file());
-        m_files->push_back(std::move(file));
-        return stream;
+        return new TempStream(file);
     }
     void Close(Assimp::IOStream* stream) override { delete stream; }
 
 private:
-    std::vector<std::unique_ptr<AtomicFile>>* m_files;
+    OutputSet* m_outputs;
+    std::string m_exportName;
+    std::string m_path;
     std::string* m_error;
 };
 
@@ -176,7 +154,8 @@ aiColor4D colourOf(const srMaterialIFace* material)
 
 // One scene mesh per material, in the order the materials first appear; the polygons
 // keep their order within each.
-aiScene* buildScene(const srMeshModel& mesh, const std::vector<Polygon>& polys, Format format, std::string& error)
+aiScene* buildScene(const srMeshModel& mesh, const std::vector<Polygon>& polys, MeshWriter::e_format format,
+                    std::string& error)
 {
     const std::vector<srVector3T<float>>& verts = mesh.m_verts;
     std::vector<const srMaterialIFace*> materials;
@@ -227,7 +206,7 @@ aiScene* buildScene(const srMeshModel& mesh, const std::vector<Polygon>& polys, 
     scene->mMeshes = groups.empty() ? nullptr : new aiMesh*[groups.size()];
     scene->mRootNode->mNumMeshes = scene->mNumMeshes;
     scene->mRootNode->mMeshes = groups.empty() ? nullptr : new unsigned[groups.size()];
-    bool triangles = format == FORMAT_GLB;
+    bool triangles = format == MeshWriter::FORMAT_GLB;
     for (size_t g = 0; g < groups.size(); ++g)
     {
         size_t numVerts = 0, numFaces = 0;
@@ -243,7 +222,7 @@ aiScene* buildScene(const srMeshModel& mesh, const std::vector<Polygon>& polys, 
         out->mName = aiString(std::string("polygons_") + std::to_string(g));
         out->mNumVertices = (unsigned)numVerts;
         out->mVertices = new aiVector3D[numVerts];
-        if (format == FORMAT_PLY)
+        if (format == MeshWriter::FORMAT_PLY)
             out->mColors[0] = new aiColor4D[numVerts];
         out->mNumFaces = (unsigned)numFaces;
         out->mFaces = new aiFace[numFaces];
@@ -289,18 +268,49 @@ aiScene* buildScene(const srMeshModel& mesh, const std::vector<Polygon>& polys, 
 
 } // namespace
 
-bool MeshWriter::supported(const std::string& path) { return formatOf(path) != FORMAT_NONE; }
-
-std::string MeshWriter::companionPath(const std::string& path)
+MeshWriter::e_format MeshWriter::formatNamed(const std::string& name)
 {
-    if (formatOf(path) != FORMAT_OBJ)
-        return std::string();
-    return path.substr(0, path.find_last_of('.')) + ".mtl";
+    std::string lower = name;
+    for (char& c : lower)
+        c = (char)std::tolower((unsigned char)c);
+    if (lower == "obj")
+        return FORMAT_OBJ;
+    if (lower == "glb")
+        return FORMAT_GLB;
+    if (lower == "ply")
+        return FORMAT_PLY;
+    return FORMAT_NONE;
 }
 
-bool MeshWriter::write(const srMeshModel& mesh, const std::string& path, std::string& error)
+MeshWriter::e_format MeshWriter::formatOf(const std::string& path)
 {
-    Format format = formatOf(path);
+    std::string::size_type dot = path.find_last_of('.');
+    std::string::size_type slash = path.find_last_of('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return FORMAT_NONE;
+    return formatNamed(path.substr(dot + 1));
+}
+
+std::string MeshWriter::companionPath(const std::string& path, e_format format)
+{
+    if (format != FORMAT_OBJ || path.empty())
+        return std::string();
+    if (path == "-" || AtomicFile::isStdout(path))
+        return std::string();
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        return std::string();
+    // The exporter's own rule: the mesh file's name with its extension replaced.
+    std::string::size_type dot = path.find_last_of('.');
+    std::string::size_type slash = path.find_last_of('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return path + ".mtl";
+    return path.substr(0, dot) + ".mtl";
+}
+
+bool MeshWriter::write(const srMeshModel& mesh, const std::string& path, e_format format, OutputSet& outputs,
+                       std::string& error)
+{
     if (format == FORMAT_NONE)
     {
         error = path + ": unsupported mesh format (use .obj, .glb or .ply)";
@@ -314,25 +324,21 @@ bool MeshWriter::write(const srMeshModel& mesh, const std::string& path, std::st
         return false;
     }
 
-    std::vector<std::unique_ptr<AtomicFile>> files;
+    // An OBJ that goes into a device, a pipe or standard output has no place for its
+    // material file, so it is written without one (and names none).
+    std::string companion = companionPath(path, format);
+    bool withMaterials = format == FORMAT_OBJ && !companion.empty();
+    std::string exportName = format == FORMAT_OBJ && !withMaterials ? std::string("mesh.obj") : path;
     std::string ioError;
     Assimp::Exporter exporter;
-    exporter.SetIOHandler(new TempIOSystem(&files, &ioError));
-    const char* id = format == FORMAT_OBJ ? "obj" : (format == FORMAT_GLB ? "glb2" : "ply");
-    aiReturn result = exporter.Export(scene.get(), id, path, 0);
+    exporter.SetIOHandler(new TempIOSystem(&outputs, exportName, path, &ioError));
+    const char* id =
+        format == FORMAT_OBJ ? (withMaterials ? "obj" : "objnomtl") : (format == FORMAT_GLB ? "glb2" : "ply");
+    aiReturn result = exporter.Export(scene.get(), id, exportName, 0);
     if (result != aiReturn_SUCCESS || !ioError.empty())
     {
         error = !ioError.empty() ? ioError : path + ": cannot write the mesh: " + exporter.GetErrorString();
-        return false; // the temporary files go with `files`
-    }
-    for (std::unique_ptr<AtomicFile>& file : files)
-    {
-        std::string commitError;
-        if (!file->commit(commitError))
-        {
-            error = file->path() + ": " + commitError;
-            return false;
-        }
+        return false; // the caller's set drops the temporary files
     }
     return true;
 }

@@ -9,6 +9,8 @@
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/core/mrIOManager.h>
 
+#include "OutputSet.h"
+
 ModuleSession::~ModuleSession()
 {
     if (m_started)
@@ -77,7 +79,7 @@ mrClipBSP* ModuleSession::load(const std::string& path, bool validate, std::stri
     return bsp;
 }
 
-bool ModuleSession::save(const std::string& path, mrClipBSP* bsp, std::string& error)
+bool ModuleSession::save(OutputSet& outputs, const std::string& path, mrClipBSP* bsp, std::string& error)
 {
     mrIOManager* manager = mrCore::instance().getIOManager();
     if (!m_started || !manager)
@@ -86,5 +88,12 @@ bool ModuleSession::save(const std::string& path, mrClipBSP* bsp, std::string& e
         return false;
     }
     std::vector<srClass*> objects{bsp};
-    return manager->saveFile(path, objects, &error);
+    std::vector<unsigned char> bytes;
+    std::string why;
+    if (!manager->saveBuffer(objects, bytes, &why))
+    {
+        error = path + ": " + why;
+        return false;
+    }
+    return outputs.writeFile(path, bytes.data(), bytes.size(), error);
 }

@@ -4,6 +4,7 @@
 
 #include <meridbsp/platform/core/mrModuleLoader.h>
 
+class OutputSet;
 class mrClipBSP;
 
 // The engine set-up the clip BSP files need: the core initialised and the MeridBSP module
@@ -24,8 +25,8 @@ public:
     // released. With `validate`, a clip BSP whose arrays the queries cannot trust is
     // refused. Errors are complete messages naming the file.
     mrClipBSP* load(const std::string& path, bool validate, std::string& error);
-    // Saves one clip BSP as a chunk file (written beside the target, then renamed).
-    bool save(const std::string& path, mrClipBSP* bsp, std::string& error);
+    // Saves one clip BSP as a chunk file into a new output of `outputs`.
+    bool save(OutputSet& outputs, const std::string& path, mrClipBSP* bsp, std::string& error);
 
     // The file the module was loaded from: the MeridBSP library this program runs with.
     static std::string modulePath();

@@ -5,7 +5,7 @@
 
 #include <meridbsp/clip/mrClipBSP.h>
 
-#include "AtomicFile.h"
+#include "OutputSet.h"
 
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #define STBI_WRITE_NO_STDIO
@@ -98,7 +98,7 @@ bool SliceImage::render(const mrClipBSP& bsp, int axis, float at, int size, std:
     return true;
 }
 
-bool SliceImage::writePng(const std::string& path, std::string& error) const
+bool SliceImage::writePng(OutputSet& outputs, const std::string& path, std::string& error) const
 {
     std::vector<unsigned char> png;
     if (m_rgb.empty() || !stbi_write_png_to_func(appendBytes, &png, m_width, m_height, 3, m_rgb.data(), m_width * 3) ||
@@ -107,12 +107,5 @@ bool SliceImage::writePng(const std::string& path, std::string& error) const
         error = path + ": cannot encode the picture";
         return false;
     }
-    AtomicFile file;
-    std::string why;
-    if (!file.open(path, why) || std::fwrite(png.data(), 1, png.size(), file.file()) != png.size() || !file.commit(why))
-    {
-        error = path + ": " + (why.empty() ? std::string("write failed") : why);
-        return false;
-    }
-    return true;
+    return outputs.writeFile(path, png.data(), png.size(), error);
 }

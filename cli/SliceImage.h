@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+class OutputSet;
 class mrClipBSP;
 
 // A picture of one axis-aligned cross-section of a clip BSP: every pixel is a contents
@@ -22,8 +23,8 @@ public:
     // `axis` is 0, 1 or 2; the longer side of the picture gets `size` pixels. False with a
     // message when the bounds span no area.
     bool render(const mrClipBSP& bsp, int axis, float at, int size, std::string& error);
-    // Encodes the picture as PNG and writes it (beside the target, then renamed).
-    bool writePng(const std::string& path, std::string& error) const;
+    // Encodes the picture as PNG into a new output of `outputs`.
+    bool writePng(OutputSet& outputs, const std::string& path, std::string& error) const;
 
     int width() const { return m_width; }
     int height() const { return m_height; }

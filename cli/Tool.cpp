@@ -24,32 +24,82 @@ int Tool::usage(const std::string& message)
     return EXIT_USAGE;
 }
 
+void Tool::warn(const std::string& message) { std::fprintf(stderr, "meridbsp: warning: %s\n", message.c_str()); }
+
+namespace
+{
+FILE* s_report = nullptr;
+}
+
+FILE* Tool::out() { return s_report ? s_report : stdout; }
+
+void Tool::reportToStderr() { s_report = stderr; }
+
 bool Tool::parseFloat(const std::string& text, float& value)
 {
+    std::string why;
+    return parseFloat(text, value, why);
+}
+
+bool Tool::parseFloat(const std::string& text, float& value, std::string& why)
+{
     if (text.empty() || text.find_first_of(" \t\n\r\f\v") != std::string::npos)
+    {
+        why = "malformed number '" + text + "'";
         return false;
+    }
     errno = 0;
     char* end = nullptr;
     float v = std::strtof(text.c_str(), &end);
-    if (end != text.c_str() + text.size() || !std::isfinite(v))
+    if (end != text.c_str() + text.size())
+    {
+        why = "malformed number '" + text + "'";
         return false;
+    }
+    if (!std::isfinite(v))
+    {
+        why = "'" + text + "' is not a finite float";
+        return false;
+    }
     value = v;
     return true;
 }
 
-bool Tool::parseFloatList(const std::string& text, size_t count, float* values)
+bool Tool::parseVector(const std::string& text, size_t count, float* values, std::string& why)
 {
-    size_t start = 0;
+    // Commas become words of their own; a comma must stand between two numbers.
+    std::string spaced;
+    for (char c : text)
+    {
+        if (c == ',')
+            spaced += " , ";
+        else
+            spaced += c;
+    }
+    std::vector<std::string> words = splitWords(spaced);
+    std::vector<std::string> numbers;
+    for (size_t i = 0; i < words.size(); ++i)
+    {
+        if (words[i] != ",")
+        {
+            numbers.push_back(words[i]);
+            continue;
+        }
+        if (i == 0 || i + 1 == words.size() || words[i - 1] == "," || words[i + 1] == ",")
+        {
+            why = "a comma without a number on each side";
+            return false;
+        }
+    }
+    if (numbers.size() != count)
+    {
+        why = "expected " + std::to_string(count) + " numbers, found " + std::to_string(numbers.size());
+        return false;
+    }
     for (size_t i = 0; i < count; ++i)
     {
-        size_t comma = text.find(',', start);
-        bool last = i + 1 == count;
-        if (last != (comma == std::string::npos))
+        if (!parseFloat(numbers[i], values[i], why))
             return false;
-        std::string item = text.substr(start, last ? std::string::npos : comma - start);
-        if (!parseFloat(item, values[i]))
-            return false;
-        start = comma + 1;
     }
     return true;
 }

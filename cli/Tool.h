@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -21,13 +22,23 @@ public:
     static int fail(const std::string& message);
     // A usage error: the message and a hint to --help; returns EXIT_USAGE.
     static int usage(const std::string& message);
+    // "meridbsp: warning: MESSAGE" on stderr.
+    static void warn(const std::string& message);
+
+    // Where a command's report goes: standard output, or standard error once an output
+    // file has been sent to standard output.
+    static FILE* out();
+    static void reportToStderr();
 
     // A whole token as a finite 32-bit float (read directly as float, so the value is
     // the one nearest the decimal text). False for empty, partial, non-finite or
     // out-of-range text.
     static bool parseFloat(const std::string& text, float& value);
-    // Exactly `count` comma-separated floats ("1,2,3").
-    static bool parseFloatList(const std::string& text, size_t count, float* values);
+    // The same with the reason: "malformed number 'x'" or "'1e40' is not a finite float".
+    static bool parseFloat(const std::string& text, float& value, std::string& why);
+    // Exactly `count` floats separated by commas, blanks or both ("1,2,3", "1 2 3",
+    // "1, 2, 3"), the same wherever the tool takes a vector; false with the reason.
+    static bool parseVector(const std::string& text, size_t count, float* values, std::string& why);
     // Splits a line on blanks and tabs.
     static std::vector<std::string> splitWords(const std::string& line);
 

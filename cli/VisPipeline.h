@@ -4,11 +4,14 @@
 
 #include <meridbsp/pipeline/mrVisPipeline.h>
 
+#include "MeshWriter.h"
+
+class OutputSet;
 class srMeshModel;
 
 // The tool's visibility run: the library's pipeline with the portal file and the portal
-// mesh written to the given files. The library's standard-output line goes to standard
-// error meanwhile.
+// mesh written as outputs of the caller's OutputSet, put in place when the caller commits
+// it. The library's standard-output line goes to standard error meanwhile.
 class VisPipeline
 {
 public:
@@ -16,9 +19,11 @@ public:
     {
         bool midSplit = false;
         std::string portalFile; // where the portal file goes
-        std::string meshFile;   // where the portal mesh goes (.obj, .glb or .ply)
+        std::string meshFile;   // where the portal mesh goes
+        MeshWriter::e_format meshFormat = MeshWriter::FORMAT_OBJ;
     };
 
     // False with a complete message (naming the file) when an output cannot be written.
-    static bool run(srMeshModel* mesh, const Options& options, mrVisPipeline::Result& result, std::string& error);
+    static bool run(srMeshModel* mesh, const Options& options, OutputSet& outputs, mrVisPipeline::Result& result,
+                    std::string& error);
 };

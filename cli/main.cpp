@@ -1,5 +1,6 @@
 // meridbsp: the two BSP pipelines and the clip BSP queries from the shell.
 
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -36,6 +37,9 @@ int main(int argc, char** argv)
 {
     // The library's log is for people; standard output carries the results.
     srSetOutputTarget(&std::cerr);
+    // A write past the file size limit must fail like any other write (and the run clean
+    // up its temporary files), not end the process.
+    std::signal(SIGXFSZ, SIG_IGN);
 
     CLI::App app{"meridbsp: builds BSP trees from triangle meshes and queries clip BSPs.", "meridbsp"};
     app.set_version_flag("--version", std::string("meridbsp ") + meridbspVersion());
@@ -46,13 +50,17 @@ int main(int argc, char** argv)
     vis->add_option("MESH", visArgs.mesh, "Mesh file (OBJ, OFF, PLY, STL, ...)")->required();
     vis->add_flag("--mid-split", visArgs.midSplit, "Choose partition planes by box division alone");
     vis->add_option("--out", visArgs.outDir, "Directory for test.prt and the default portal mesh");
-    vis->add_option("--mesh-out", visArgs.meshOut, "Portal mesh file (.obj, .glb or .ply; default DIR/portals.obj)");
+    vis->add_option("--prt-out", visArgs.prtOut, "Portal file (default DIR/test.prt; - for standard output)");
+    vis->add_option("--mesh-out", visArgs.meshOut,
+                    "Portal mesh file (.obj, .glb or .ply; default DIR/portals.obj; - for standard output)");
+    vis->add_option("--mesh-format", visArgs.meshFormat,
+                    "Portal mesh format when the path has no extension: obj, glb, ply");
     vis->add_flag("--json", visArgs.json, "Print the counts as one JSON object");
 
     Commands::ClipArgs clipArgs;
     CLI::App* clip = app.add_subcommand("clip", "Collision pipeline: a clip BSP file from a mesh");
     clip->add_option("MESH", clipArgs.mesh, "Mesh file")->required();
-    clip->add_option("-o,--output", clipArgs.output, "Clip BSP file to write")->required();
+    clip->add_option("-o,--output", clipArgs.output, "Clip BSP file to write (- for standard output)")->required();
     clip->add_option("--offset", clipArgs.offset, "Offset X,Y,Z added after the matrix (default 0,0,0)");
     clip->add_option("--matrix", clipArgs.matrix, "Matrix m0,...,m8 applied first (default identity)");
 
@@ -60,7 +68,7 @@ int main(int argc, char** argv)
     CLI::App* box = app.add_subcommand("box", "A box clip BSP file");
     box->add_option("MIN", boxArgs.mins, "Minimum corner MINX,MINY,MINZ")->required();
     box->add_option("MAX", boxArgs.maxs, "Maximum corner MAXX,MAXY,MAXZ")->required();
-    box->add_option("-o,--output", boxArgs.output, "Clip BSP file to write")->required();
+    box->add_option("-o,--output", boxArgs.output, "Clip BSP file to write (- for standard output)")->required();
 
     Commands::FileArgs infoArgs;
     CLI::App* info = app.add_subcommand("info", "Summary of a clip BSP file");
@@ -87,7 +95,7 @@ int main(int argc, char** argv)
     slice->add_option("--axis", sliceArgs.axis, "Axis across the slice: x, y or z")->required();
     slice->add_option("--at", sliceArgs.at, "Coordinate of the slice on that axis")->required();
     slice->add_option("--size", sliceArgs.size, "Pixels along the longer side (default 512)");
-    slice->add_option("-o,--output", sliceArgs.output, "PNG file to write")->required();
+    slice->add_option("-o,--output", sliceArgs.output, "PNG file to write (- for standard output)")->required();
 
     Commands::DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Both pipelines on the built-in level");

@@ -2,6 +2,7 @@
 // standard error and exit code.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -10,10 +11,15 @@
 
 #include <assimp/scene.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <meridbsp/mrVersion.h>
 #include <meridbsp/platform/core/mrIOManager.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/TestSupport.h"
 
@@ -103,13 +109,15 @@ protected:
         ASSERT_EQ(run("box -16,-16,-16 16,16,16 -o box.mrc").code, 0);
     }
 
-    // Runs the tool in the test's directory with `args` (shell words), feeding `input` on stdin.
-    Outcome run(const std::string& args, const std::string& input = std::string())
+    // Runs the tool in the test's directory with `args` (shell words), feeding `input` on
+    // stdin; `shell` runs before it in the same shell (for limits).
+    Outcome run(const std::string& args, const std::string& input = std::string(),
+                const std::string& shell = std::string())
     {
         std::string in = dir.file(".stdin"), out = dir.file(".stdout"), err = dir.file(".stderr");
         mtest::writeFile(in, input);
-        std::string command =
-            "cd '" + dir.path() + "' && '" + BINARY + "' " + args + " <'" + in + "' >'" + out + "' 2>'" + err + "'";
+        std::string command = "cd '" + dir.path() + "' && " + shell + " '" + BINARY + "' " + args + " <'" + in +
+                              "' >'" + out + "' 2>'" + err + "'";
         int status = std::system(command.c_str());
         Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, mtest::readFile(out), mtest::readFile(err)};
         for (const std::string& f : {in, out, err})
@@ -157,12 +165,12 @@ TEST_F(CliTest, MalformedNumbersAreUsageErrors)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"point box.mrc 1 abc 3", "malformed number 'abc'"},
-        {"point box.mrc 1 2 nan", "malformed number 'nan'"},
-        {"trace box.mrc 0 0 0 1e39 0 0", "malformed number '1e39'"},
-        {"box 1,2 3,4,5 -o b.mrc", "expected the minimum corner as MINX,MINY,MINZ"},
-        {"box 1,2,3 3,4,5x -o b.mrc", "expected the maximum corner as MAXX,MAXY,MAXZ"},
-        {"clip room.obj -o c.mrc --offset 1,2", "expected three comma-separated numbers X,Y,Z"},
-        {"clip room.obj -o c.mrc --matrix 1,0,0,0,1,0,0,0", "expected nine comma-separated numbers"},
+        {"point box.mrc 1 2 nan", "'nan' is not a finite float"},
+        {"trace box.mrc 0 0 0 1e39 0 0", "'1e39' is not a finite float"},
+        {"box 1,2 3,4,5 -o b.mrc", "1,2: expected 3 numbers, found 2 (expected the minimum corner as MINX,MINY,MINZ)"},
+        {"box 1,2,3 3,4,5x -o b.mrc", "malformed number '5x' (expected the maximum corner as MAXX,MAXY,MAXZ)"},
+        {"clip room.obj -o c.mrc --offset 1,2", "expected 3 numbers, found 2 (expected three numbers X,Y,Z)"},
+        {"clip room.obj -o c.mrc --matrix 1,0,0,0,1,0,0,0", "(expected nine numbers m0,...,m8)"},
         {"slice box.mrc --axis w --at 0 -o a.png", "--axis w: expected x, y or z"},
         {"slice box.mrc --axis z --at 1..2 -o a.png", "--at 1..2: malformed number"},
         {"slice box.mrc --axis z --at 0 --size 0 -o a.png", "--size 0: expected 1 to 8192 pixels"},
@@ -422,8 +430,15 @@ TEST_F(CliTest, OutputsThatCannotBeMadeAreBadInputAndWriteNothing)
     expectRun("box 0,0,0 1,1,1 -o sub", "", 1, nullptr, "meridbsp: error: sub: is a directory, not a file name");
     expectRun("demo --out missing/deeper", "", 1, nullptr,
               "meridbsp: error: missing/deeper: cannot create the directory: No such file or directory");
-    // A box given upside down has bounds that enclose nothing to draw.
-    ASSERT_EQ(run("box 1,1,1 -100,-100,-100 -o flat.mrc").code, 0);
+    // A clip BSP whose bounds enclose nothing to draw: the box's lower bound moved up to
+    // its upper one.
+    std::string bytes = file("box.mrc");
+    const std::string low(std::string("\0\0\0\xc2", 4) + std::string("\0\0\0\xc2", 4) + std::string("\0\0\0\xc2", 4));
+    std::string::size_type at = bytes.find(low);
+    ASSERT_NE(at, std::string::npos);
+    for (int k = 0; k < 3; ++k)
+        bytes[at + 4 * (size_t)k + 3] = '\x42';
+    mtest::writeFile(dir.file("flat.mrc"), bytes);
     expectRun("slice flat.mrc --axis z --at 0 -o flat.png", "", 1, nullptr,
               "meridbsp: error: flat.mrc: the clip BSP's bounds span no area on this slice");
     EXPECT_FALSE(exists(dir.file("flat.png")));
@@ -455,6 +470,154 @@ TEST_F(CliTest, AFailedRunLeavesEarlierOutputsAndTheInputAlone)
                   (std::string("meridbsp: error: ") + c.second + ": refusing to overwrite the input file").c_str());
     EXPECT_EQ(file("room.obj"), ROOM_OBJ);
     EXPECT_EQ(file("box.mrc"), box);
+}
+
+// ---- Output paths that are not plain files ------------------------------------------------
+// Never a path under /dev here: run as root, a tool that renames over its output would
+// replace the machine's device node. /proc/self/fd/1 stands for /dev/stdout.
+
+TEST_F(CliTest, StandardOutputTakesEveryKindOfOutput)
+{
+    ASSERT_EQ(run("clip room.obj -o room.mrc").code, 0);
+    ASSERT_EQ(run("slice box.mrc --axis z --at 0 --size 64 -o cut.png").code, 0);
+    ASSERT_EQ(run("vis room.obj --mesh-out room.ply").code, 0);
+    const std::pair<const char*, std::string> cases[] = {
+        {"box -16,-16,-16 16,16,16 -o -", file("box.mrc")},
+        {"box -16,-16,-16 16,16,16 -o /proc/self/fd/1", file("box.mrc")},
+        {"clip room.obj -o -", file("room.mrc")},
+        {"slice box.mrc --axis z --at 0 --size 64 -o -", file("cut.png")},
+        {"vis room.obj --prt-out - --mesh-out p.obj", file("test.prt")},
+        {"vis room.obj --mesh-out - --mesh-format ply", file("room.ply")},
+    };
+    for (const auto& c : cases)
+    {
+        Outcome r = run(c.first);
+        EXPECT_EQ(r.code, 0) << c.first << ": " << r.err;
+        EXPECT_EQ(r.out, c.second) << c.first; // the bytes alone: the report went to stderr
+        EXPECT_NE(r.err.find("wrote "), std::string::npos) << c.first;
+    }
+    // An OBJ on standard output goes without its material file.
+    Outcome r = run("vis room.obj --mesh-out - --mesh-format obj");
+    EXPECT_EQ(r.out.find("mtllib"), std::string::npos);
+    EXPECT_NE(r.out.find("\nf "), std::string::npos);
+    EXPECT_FALSE(exists(dir.file("-")));
+
+    expectRun("vis room.obj --prt-out - --mesh-out - --mesh-format ply", "", 2, "",
+              "only one output can go to standard output");
+    expectRun("vis room.obj --prt-out - --json", "", 2, "", "--json: standard output already carries an output file");
+    expectRun("vis room.obj --mesh-out -", "", 2, "", "name one with --mesh-format");
+    expectRun("vis room.obj --mesh-out p.obj --mesh-format stl", "", 2, "",
+              "--mesh-format stl: expected obj, glb or ply");
+}
+
+TEST_F(CliTest, PipesAndLinksAreWrittenThroughNotReplaced)
+{
+    // A named pipe: its reader gets the bytes, and it stays a pipe. The read end is open
+    // (and never blocks) before the tool writes, so a tool that replaced the pipe cannot
+    // hang the test.
+    const std::string fifo = dir.file("pipe");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    Outcome r = run("box -16,-16,-16 16,16,16 -o pipe");
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::string got;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(reader, buf, sizeof buf)) > 0;)
+        got.append(buf, (size_t)n);
+    ::close(reader);
+    EXPECT_EQ(got, file("box.mrc"));
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+
+    // A link to a file, and a link to nothing yet: the link stays, the file behind it is
+    // written.
+    std::filesystem::create_directory(dir.file("real"));
+    mtest::writeFile(dir.file("real/old.mrc"), "old");
+    std::filesystem::create_symlink("real/old.mrc", dir.file("link.mrc"));
+    std::filesystem::create_symlink("real/new.mrc", dir.file("dangling.mrc"));
+    for (const char* name : {"link.mrc", "dangling.mrc"})
+    {
+        r = run(std::string("box -16,-16,-16 16,16,16 -o ") + name);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_TRUE(std::filesystem::is_symlink(dir.file(name))) << name;
+    }
+    EXPECT_EQ(file("real/old.mrc"), file("box.mrc"));
+    EXPECT_EQ(file("real/new.mrc"), file("box.mrc"));
+
+    // A socket is no place for a file.
+    int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const std::string sockPath = dir.file("sock");
+    ASSERT_LT(sockPath.size(), sizeof addr.sun_path);
+    std::strcpy(addr.sun_path, sockPath.c_str());
+    ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    expectRun("box 0,0,0 1,1,1 -o sock", "", 1, "", "meridbsp: error: sock: is a socket, not a file");
+    ::close(sock);
+}
+
+TEST_F(CliTest, AFailedWritePutsNoneOfTheRunsOutputsInPlace)
+{
+    // Past the file size limit (4 KiB) the portal file fits and the portal mesh does not.
+    Outcome r = run("vis '" + DEMO_LEVEL + "'", "", "ulimit -f 4 &&");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: portals.obj: write failed: File too large"), std::string::npos) << r.err;
+    r = run("slice box.mrc --axis z --at 0 --size 1000 -o cut.png", "", "ulimit -f 1 &&");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("meridbsp: error: cut.png: write failed: File too large"), std::string::npos) << r.err;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+    {
+        std::string name = e.path().filename().string();
+        EXPECT_TRUE(name == "room.obj" || name == "box.mrc") << name;
+    }
+}
+
+// ---- Values that make no sense ---------------------------------------------------------------
+
+TEST_F(CliTest, ValuesThatMakeNoSenseAreRefused)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"box 16,16,16 -16,-16,-16 -o b.mrc", "the minimum corner is above the maximum on x (16 > -16)"},
+        {"box 0,5,0 1,1,1 -o b.mrc", "the minimum corner is above the maximum on y (5 > 1)"},
+        {"clip room.obj -o c.mrc --matrix 0,0,0,0,0,0,0,0,0", "the matrix is singular (determinant 0)"},
+        {"clip room.obj -o c.mrc --matrix 1,0,0,2,0,0,0,0,1", "the matrix is singular"},
+        {"clip room.obj -o c.mrc --offset 1e40,0,0", "--offset 1e40,0,0: '1e40' is not a finite float"},
+        {"clip room.obj -o c.mrc --offset nan,0,0", "'nan' is not a finite float"},
+        {"clip room.obj -o c.mrc --matrix 1,0,0,0,inf,0,0,0,1", "'inf' is not a finite float"},
+        {"point box.mrc 1,,2", "a comma without a number on each side"},
+    };
+    for (const auto& c : cases)
+        expectRun(c.first, "", 2, "", c.second);
+    EXPECT_FALSE(exists(dir.file("b.mrc")));
+    EXPECT_FALSE(exists(dir.file("c.mrc")));
+
+    Outcome r = run("box 0,0,0 1,1,0 -o flat.mrc");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_NE(r.err.find("meridbsp: warning: the box has no size on z (both corners at 0): no point is inside it"),
+              std::string::npos)
+        << r.err;
+}
+
+TEST_F(CliTest, VectorsTakeCommasOrSpaces)
+{
+    expectRun("point box.mrc 0,0,0", "", 0, "-2\n", nullptr);
+    expectRun("point box.mrc '0, 0, 20'", "", 0, "-1\n", nullptr);
+    expectRun("point box.mrc", "0,0,0\n20, 0 ,0\n", 0, "-2\n-1\n", nullptr);
+    expectRun("trace box.mrc -32,0,0 -20,0,0", "", 0, "1 1 -20 0 0 0 0 1 0 0 0 0\n", nullptr);
+    ASSERT_EQ(run("box '-16 -16 -16' '16 16 16' -o spaced.mrc").code, 0);
+    EXPECT_EQ(file("spaced.mrc"), file("box.mrc"));
+    ASSERT_EQ(run("clip room.obj -o a.mrc --offset 1,2,3 --matrix 0,1,0,-1,0,0,0,0,1").code, 0);
+    ASSERT_EQ(run("clip room.obj -o b.mrc --offset '1 2 3' --matrix '0 1 0 -1 0 0 0 0 1'").code, 0);
+    EXPECT_EQ(file("a.mrc"), file("b.mrc"));
+}
+
+TEST_F(CliTest, AMeshGivenForAClipBSPFileGetsTheMissingStep)
+{
+    for (const char* args : {"point room.obj 0 0 0", "trace room.obj 0 0 0 1 1 1", "info room.obj", "dump room.obj",
+                             "slice room.obj --axis z --at 0 -o r.png"})
+        expectRun(args, "", 1, "",
+                  "meridbsp: error: room.obj: this is a mesh file, not a clip BSP file; make one from it first with "
+                  "'meridbsp clip room.obj -o OUT.mrc'");
 }
 
 // ---- Demo ---------------------------------------------------------------------------------
