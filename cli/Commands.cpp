@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "AtomicFile.h"
+#include "MeshHealth.h"
 #include "MeshReader.h"
 #include "MeshWriter.h"
 #include "ModuleSession.h"
@@ -106,7 +107,50 @@ srMeshModel* readMesh(const std::string& path, MeshReader::Stats* stats = nullpt
     return mesh;
 }
 
-nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, double elapsed)
+// A mesh read for a pipeline, with its health told on standard error and its degenerate
+// triangles dropped unless they are to be kept.
+struct CheckedMesh
+{
+    MeshHealth::Report health;
+    long dropped = 0;
+};
+
+srMeshModel* readCheckedMesh(const std::string& path, bool keepDegenerate, CheckedMesh& checked)
+{
+    srMeshModel* mesh = readMesh(path);
+    if (!mesh)
+        return nullptr;
+    checked.health = MeshHealth::measure(*mesh);
+    long degenerate = checked.health.degenerate;
+    if (degenerate > 0 && degenerate == checked.health.triangles && !keepDegenerate)
+    {
+        mesh->release();
+        Tool::fail(path, "every triangle is degenerate (collinear or coincident points), so none is left; "
+                         "--keep-degenerate passes them on as they are");
+        return nullptr;
+    }
+    if (degenerate > 0 && !keepDegenerate)
+    {
+        checked.dropped = MeshHealth::dropDegenerate(*mesh);
+        Tool::warn("dropped " + Tool::count(checked.dropped, "degenerate triangle", "degenerate triangles") +
+                   " (collinear or coincident points), which have no plane; --keep-degenerate keeps them");
+    }
+    else if (degenerate > 0)
+        Tool::warn("kept " + Tool::count(degenerate, "degenerate triangle", "degenerate triangles") +
+                   " (collinear or coincident points): without a plane, the tree may be wrong around them");
+    for (const std::string& problem : MeshHealth::problems(checked.health))
+        Tool::warn(problem);
+    return mesh;
+}
+
+nlohmann::ordered_json healthJson(const CheckedMesh& checked)
+{
+    nlohmann::ordered_json j = MeshHealth::json(checked.health);
+    j["droppedTriangles"] = checked.dropped;
+    return j;
+}
+
+nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const CheckedMesh& checked, double elapsed)
 {
     nlohmann::ordered_json j;
     j["planes"] = r.planes;
@@ -121,6 +165,7 @@ nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, double elapsed)
     j["visleafs"] = r.numVisleafs;
     j["visportals"] = r.numVisportals;
     j["meshPolys"] = r.portalMeshPolys;
+    j["health"] = healthJson(checked);
     j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
     return j;
 }
@@ -317,12 +362,12 @@ int answerQueries(const Commands::FileArgs& args, size_t count, const char* usag
 
 // A matrix the mesh cannot be undone from is refused: its determinant, against the product
 // of its column lengths (the largest it can be), must not vanish. Empty when usable.
-std::string matrixProblem(const srMatrix3T<float>& matrix)
+std::string matrixProblem(const srMatrix3T<float>& matrix, double& det)
 {
     const float* m = matrix.m;
-    double det = (double)m[0] * ((double)m[4] * m[8] - (double)m[5] * m[7]) -
-                 (double)m[3] * ((double)m[1] * m[8] - (double)m[2] * m[7]) +
-                 (double)m[6] * ((double)m[1] * m[5] - (double)m[2] * m[4]);
+    det = (double)m[0] * ((double)m[4] * m[8] - (double)m[5] * m[7]) -
+          (double)m[3] * ((double)m[1] * m[8] - (double)m[2] * m[7]) +
+          (double)m[6] * ((double)m[1] * m[5] - (double)m[2] * m[4]);
     double bound = 1.0;
     for (int c = 0; c < 3; ++c)
         bound *= std::sqrt((double)m[3 * c] * m[3 * c] + (double)m[3 * c + 1] * m[3 * c + 1] +
@@ -357,7 +402,8 @@ int Commands::vis(const VisArgs& args)
         return code;
     if (args.json && Tool::out() == stderr)
         return Tool::usage("--json: standard output already carries an output file");
-    Released<srMeshModel> mesh(readMesh(args.mesh));
+    CheckedMesh checked;
+    Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
@@ -372,7 +418,7 @@ int Commands::vis(const VisArgs& args)
 
     if (args.json)
     {
-        std::fprintf(Tool::out(), "%s\n", visJson(result, elapsed).dump().c_str());
+        std::fprintf(Tool::out(), "%s\n", visJson(result, checked, elapsed).dump().c_str());
         return Tool::EXIT_OK;
     }
     std::fprintf(Tool::out(), "%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
@@ -392,20 +438,38 @@ int Commands::clip(const ClipArgs& args)
     srVector3T<float> offset(xyz[0], xyz[1], xyz[2]);
     if (!args.matrix.empty() && !Tool::parseVector(args.matrix, 9, matrix.m, why))
         return Tool::usage("--matrix " + args.matrix + ": " + why + " (expected nine numbers m0,...,m8)");
-    std::string singular = matrixProblem(matrix);
+    double det = 0;
+    std::string singular = matrixProblem(matrix, det);
     if (!singular.empty())
         return Tool::usage("--matrix " + args.matrix + ": " + singular);
 
     AtomicFile::protectInput(args.mesh);
     if (int code = checkOutputs({args.output}))
         return code;
+    if (args.json && Tool::out() == stderr)
+        return Tool::usage("--json: standard output already carries an output file");
     ModuleSession session;
     std::string error;
     if (!session.start(error))
         return Tool::fail(error);
-    Released<srMeshModel> mesh(readMesh(args.mesh));
+    CheckedMesh checked;
+    Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
+    // A mirroring matrix turns the faces the other way round.
+    MeshHealth::Report placed = checked.health;
+    if (det < 0)
+    {
+        std::swap(placed.partsIn, placed.partsOut);
+        placed.signedVolume = -placed.signedVolume;
+        if (placed.orientation == MeshHealth::ORIENTATION_IN)
+            placed.orientation = MeshHealth::ORIENTATION_OUT;
+        else if (placed.orientation == MeshHealth::ORIENTATION_OUT)
+            placed.orientation = MeshHealth::ORIENTATION_IN;
+    }
+    std::string inward = MeshHealth::inwardNote(placed);
+    if (!inward.empty())
+        Tool::note(inward);
 
     mrClipPipeline::Settings settings;
     settings.offset = offset;
@@ -420,12 +484,85 @@ int Commands::clip(const ClipArgs& args)
     OutputSet outputs;
     if (!saveClipBSP(session, outputs, args.output, result.clipBSP) || !commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
+    double elapsed = Tool::nowMs() - start;
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["file"] = args.output;
+        j["nodes"] = bsp->m_numnodes;
+        j["planes"] = bsp->m_numplanes;
+        j["triangles"] = mesh->m_numpolys;
+        j["emptyLeafs"] = result.numEmptyLeafs;
+        j["solidLeafs"] = result.numSolidLeafs;
+        j["leafFaces"] = result.numLeafFaces;
+        j["mins"] = {bsp->m_mins.x, bsp->m_mins.y, bsp->m_mins.z};
+        j["maxs"] = {bsp->m_maxs.x, bsp->m_maxs.y, bsp->m_maxs.z};
+        j["health"] = healthJson(checked);
+        j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
+        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
+        return Tool::EXIT_OK;
+    }
     std::fprintf(Tool::out(), "wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(),
                  bsp->m_numnodes, bsp->m_numplanes, mesh->m_numpolys);
     std::fprintf(Tool::out(), "leaves: %d empty, %d solid; %d faces reached leaves\n", result.numEmptyLeafs,
                  result.numSolidLeafs, result.numLeafFaces);
     std::fprintf(Tool::out(), "bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
-    std::fprintf(Tool::out(), "time %s\n", ms(Tool::nowMs() - start).c_str());
+    std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
+    return Tool::EXIT_OK;
+}
+
+int Commands::check(const FileArgs& args)
+{
+    Released<srMeshModel> mesh(readMesh(args.file));
+    if (!mesh.get())
+        return Tool::EXIT_BAD_INPUT;
+    MeshHealth::Report r = MeshHealth::measure(*mesh.get());
+    std::vector<std::string> problems = MeshHealth::problems(r);
+    if (r.degenerate > 0)
+        problems.insert(problems.begin(),
+                        Tool::count(r.degenerate, "degenerate triangle", "degenerate triangles") +
+                            " (collinear or coincident points), without a plane: clip and vis drop them "
+                            "(--keep-degenerate keeps them)");
+    std::string orientation;
+    if (r.orientation == MeshHealth::ORIENTATION_IN)
+        orientation = "faces point inward: clip makes the inside open space and the outside solid (a hollow level)";
+    else if (r.orientation == MeshHealth::ORIENTATION_OUT)
+        orientation = "faces point outward: clip makes the inside solid (a prop; a level's rooms would be solid)";
+    else if (r.orientation == MeshHealth::ORIENTATION_NONE)
+        orientation = "the triangles enclose no volume, so which side is inside is not defined";
+
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["file"] = args.file;
+        nlohmann::ordered_json health = MeshHealth::json(r);
+        for (auto& item : health.items())
+            j[item.key()] = item.value();
+        j["problems"] = problems;
+        j["orientationNote"] =
+            orientation.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(orientation);
+        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
+        return Tool::EXIT_OK;
+    }
+    FILE* out = Tool::out();
+    std::fprintf(out, "file %s\n", args.file.c_str());
+    std::fprintf(out, "triangles %ld\n", r.triangles);
+    std::fprintf(out, "degenerate triangles %ld\n", r.degenerate);
+    std::fprintf(out, "open edges %ld\n", r.openEdges);
+    std::fprintf(out, "T-junction edges %ld\n", r.tJunctionEdges);
+    std::fprintf(out, "non-manifold edges %ld\n", r.nonManifoldEdges);
+    std::fprintf(out, "misoriented edges %ld\n", r.misorientedEdges);
+    std::fprintf(out, "components %ld\n", r.components);
+    if (r.hasBox)
+        std::fprintf(out, "box %s to %s\n", vec3(r.mins).c_str(), vec3(r.maxs).c_str());
+    std::fprintf(out, "orientation %s (signed volume %s; parts facing out %ld, in %ld)\n",
+                 MeshHealth::orientationName(r.orientation), Tool::g9(r.signedVolume).c_str(), r.partsOut, r.partsIn);
+    for (const std::string& problem : problems)
+        std::fprintf(out, "problem: %s\n", problem.c_str());
+    if (!orientation.empty())
+        std::fprintf(out, "note: %s\n", orientation.c_str());
+    if (problems.empty())
+        std::fprintf(out, "no problems found\n");
     return Tool::EXIT_OK;
 }
 

@@ -16,6 +16,7 @@ public:
         std::string prtOut;     // empty: test.prt in outDir
         std::string meshOut;    // empty: portals.obj in outDir
         std::string meshFormat; // obj, glb or ply; empty: from meshOut's extension
+        bool keepDegenerate = false;
         bool json = false;
     };
     struct ClipArgs
@@ -24,6 +25,8 @@ public:
         std::string output;
         std::string offset; // three numbers; empty: 0,0,0
         std::string matrix; // nine numbers m0 to m8; empty: identity
+        bool keepDegenerate = false;
+        bool json = false;
     };
     struct BoxArgs
     {
@@ -50,6 +53,7 @@ public:
         std::string outDir = "demo-out";
     };
 
+    static int check(const FileArgs& args);
     static int vis(const VisArgs& args);
     static int clip(const ClipArgs& args);
     static int box(const BoxArgs& args);

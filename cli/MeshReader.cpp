@@ -171,6 +171,20 @@ bool checkHeader(const char* data, size_t size, std::string& error)
     return true;
 }
 
+// For a file that holds only a skeleton or an animation (motion capture, for example),
+// the importer makes up a mesh of its own that draws the bones: one mesh, skinned to
+// them, under the material "SkeletonMaterial". It is no surface to build a tree from.
+bool isSkeletonDrawing(const aiScene* scene)
+{
+    if (scene->mNumMeshes != 1 || !scene->mMeshes[0] || scene->mMeshes[0]->mNumBones == 0)
+        return false;
+    unsigned material = scene->mMeshes[0]->mMaterialIndex;
+    aiString name;
+    return material < scene->mNumMaterials && scene->mMaterials[material] &&
+           scene->mMaterials[material]->Get(AI_MATKEY_NAME, name) == AI_SUCCESS &&
+           std::strcmp(name.C_Str(), "SkeletonMaterial") == 0;
+}
+
 srMeshModel* convertScene(Assimp::Importer& importer, std::string& error, MeshReader::Stats* stats)
 {
     const aiScene* scene = importer.GetScene();
@@ -178,6 +192,11 @@ srMeshModel* convertScene(Assimp::Importer& importer, std::string& error, MeshRe
     {
         if (!scene)
             error = "cannot read the mesh";
+        return nullptr;
+    }
+    if (isSkeletonDrawing(scene))
+    {
+        error = "the file holds no surface triangles, only a skeleton or an animation";
         return nullptr;
     }
     // Triangulation only: merging vertices or reordering would change which planes and

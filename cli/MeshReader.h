@@ -15,8 +15,9 @@ class srMeshModel;
 // material name can mark the special solid kind of the collision pipeline.
 //
 // Rejected with a message: unreadable, empty or unparsable files, files without a
-// single triangle, non-finite coordinates, vertex indices out of range. Degenerate
-// triangles are kept.
+// single triangle, files that hold only a skeleton or an animation (which the importer
+// would draw as a made-up mesh), non-finite coordinates, vertex indices out of range.
+// Degenerate triangles are kept.
 class MeshReader
 {
 public:

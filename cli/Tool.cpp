@@ -26,6 +26,8 @@ int Tool::usage(const std::string& message)
 
 void Tool::warn(const std::string& message) { std::fprintf(stderr, "meridbsp: warning: %s\n", message.c_str()); }
 
+void Tool::note(const std::string& message) { std::fprintf(stderr, "meridbsp: note: %s\n", message.c_str()); }
+
 namespace
 {
 FILE* s_report = nullptr;
@@ -119,6 +121,11 @@ std::vector<std::string> Tool::splitWords(const std::string& line)
             words.push_back(line.substr(start, i - start));
     }
     return words;
+}
+
+std::string Tool::count(long n, const char* one, const char* many)
+{
+    return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
 std::string Tool::g9(double value)

@@ -24,6 +24,8 @@ public:
     static int usage(const std::string& message);
     // "meridbsp: warning: MESSAGE" on stderr.
     static void warn(const std::string& message);
+    // "meridbsp: note: MESSAGE" on stderr.
+    static void note(const std::string& message);
 
     // Where a command's report goes: standard output, or standard error once an output
     // file has been sent to standard output.
@@ -42,6 +44,8 @@ public:
     // Splits a line on blanks and tabs.
     static std::vector<std::string> splitWords(const std::string& line);
 
+    // "1 triangle", "3 triangles".
+    static std::string count(long n, const char* one, const char* many);
     // Floats in every output: "%.9g", enough digits to read the same float back.
     static std::string g9(double value);
     // Wall-clock milliseconds since an arbitrary start.

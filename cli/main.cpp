@@ -55,6 +55,8 @@ int main(int argc, char** argv)
                     "Portal mesh file (.obj, .glb or .ply; default DIR/portals.obj; - for standard output)");
     vis->add_option("--mesh-format", visArgs.meshFormat,
                     "Portal mesh format when the path has no extension: obj, glb, ply");
+    vis->add_flag("--keep-degenerate", visArgs.keepDegenerate,
+                  "Pass triangles without a plane to the library (dropped by default)");
     vis->add_flag("--json", visArgs.json, "Print the counts as one JSON object");
 
     Commands::ClipArgs clipArgs;
@@ -63,6 +65,14 @@ int main(int argc, char** argv)
     clip->add_option("-o,--output", clipArgs.output, "Clip BSP file to write (- for standard output)")->required();
     clip->add_option("--offset", clipArgs.offset, "Offset X,Y,Z added after the matrix (default 0,0,0)");
     clip->add_option("--matrix", clipArgs.matrix, "Matrix m0,...,m8 applied first (default identity)");
+    clip->add_flag("--keep-degenerate", clipArgs.keepDegenerate,
+                   "Pass triangles without a plane to the library (dropped by default)");
+    clip->add_flag("--json", clipArgs.json, "Print the counts as one JSON object");
+
+    Commands::FileArgs checkArgs;
+    CLI::App* check = app.add_subcommand("check", "Health of a mesh: holes, bad edges, degenerate triangles, facing");
+    check->add_option("MESH", checkArgs.file, "Mesh file")->required();
+    check->add_flag("--json", checkArgs.json, "Print the report as one JSON object");
 
     Commands::BoxArgs boxArgs;
     CLI::App* box = app.add_subcommand("box", "A box clip BSP file");
@@ -127,6 +137,8 @@ int main(int argc, char** argv)
         return Commands::vis(visArgs);
     if (clip->parsed())
         return Commands::clip(clipArgs);
+    if (check->parsed())
+        return Commands::check(checkArgs);
     if (box->parsed())
         return Commands::box(boxArgs);
     if (info->parsed())

@@ -326,10 +326,34 @@ TEST_F(CliTest, VisJsonIsTheOnlyOutput)
     EXPECT_EQ(r.code, 0) << r.err;
     std::vector<std::string> l = lines(r.out);
     ASSERT_EQ(l.size(), 1u) << r.out;
-    EXPECT_EQ(jsonKeys(l[0]),
-              (std::vector<std::string>{"planes", "surfaces", "faces", "numSplitNodes", "numLeafFaces", "numNodeFaces",
-                                        "numSolidLeafs", "numEmptyLeafs", "numLinkedFaces", "visleafs", "visportals",
-                                        "meshPolys", "ms"}));
+    EXPECT_EQ(jsonKeys(l[0]), (std::vector<std::string>{"planes",
+                                                        "surfaces",
+                                                        "faces",
+                                                        "numSplitNodes",
+                                                        "numLeafFaces",
+                                                        "numNodeFaces",
+                                                        "numSolidLeafs",
+                                                        "numEmptyLeafs",
+                                                        "numLinkedFaces",
+                                                        "visleafs",
+                                                        "visportals",
+                                                        "meshPolys",
+                                                        "health",
+                                                        "triangles",
+                                                        "degenerateTriangles",
+                                                        "openEdges",
+                                                        "tJunctionEdges",
+                                                        "nonManifoldEdges",
+                                                        "misorientedEdges",
+                                                        "components",
+                                                        "mins",
+                                                        "maxs",
+                                                        "signedVolume",
+                                                        "orientation",
+                                                        "partsOut",
+                                                        "partsIn",
+                                                        "droppedTriangles",
+                                                        "ms"}));
     EXPECT_EQ(jsonNumber(l[0], "faces"), 84);
     // The library's own lines, the portal writer's included, went to stderr.
     EXPECT_NE(r.err.find("writing test.prt"), std::string::npos) << r.err;
@@ -365,9 +389,9 @@ TEST_F(CliTest, VisIsDeterministicInBothModesAndKeepsDegenerateTriangles)
         EXPECT_EQ(importedFaceCount(dir.file("b/p.ply")), importedFaceCount(dir.file("a/portals.obj")));
     }
 
-    // The room plus a triangle whose corners lie on one line.
+    // The room plus a triangle whose corners lie on one line, passed to the library.
     mtest::writeFile(dir.file("room.obj"), std::string(ROOM_OBJ) + "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 9 10 11\n");
-    Outcome r = run("vis room.obj --json --mesh-out room.glb");
+    Outcome r = run("vis room.obj --json --keep-degenerate --mesh-out room.glb");
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(jsonNumber(r.out, "faces"), 13);
     EXPECT_TRUE(exists(dir.file("room.glb")));
@@ -399,11 +423,18 @@ TEST_F(CliTest, BrokenMeshesAreRejectedWithTheReason)
         {"short.off", "OFF\n8 1 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n",
          "the OFF header promises 8 vertices and 1 faces, but the file has only 4 lines of them"},
         {"nocount.off", "OFF\n", "the OFF header has no vertex and face counts"},
+        // Motion capture: the importer would draw the bones as a mesh of its own.
+        {"walk.bvh",
+         "HIERARCHY\nROOT Hips\n{\n OFFSET 0 0 0\n CHANNELS 3 Zrotation Xrotation Yrotation\n JOINT Leg\n {\n"
+         "  OFFSET 3 0 0\n  CHANNELS 3 Zrotation Xrotation Yrotation\n  End Site\n  {\n   OFFSET 0 -5 0\n  }\n }\n}\n"
+         "MOTION\nFrames: 1\nFrame Time: 0.033333\n0 0 0 0 0 0\n",
+         "the file holds no surface triangles, only a skeleton or an animation"},
     };
     for (const auto& c : cases)
     {
         mtest::writeFile(dir.file(c.name), c.text);
-        for (const std::string& args : {std::string("vis ") + c.name, std::string("clip ") + c.name + " -o out.mrc"})
+        for (const std::string& args : {std::string("vis ") + c.name, std::string("clip ") + c.name + " -o out.mrc",
+                                        std::string("check ") + c.name})
         {
             Outcome r = run(args);
             EXPECT_EQ(r.code, 1) << args;
@@ -618,6 +649,149 @@ TEST_F(CliTest, AMeshGivenForAClipBSPFileGetsTheMissingStep)
         expectRun(args, "", 1, "",
                   "meridbsp: error: room.obj: this is a mesh file, not a clip BSP file; make one from it first with "
                   "'meridbsp clip room.obj -o OUT.mrc'");
+}
+
+// ---- Mesh health ---------------------------------------------------------------------------
+
+// The room's twelve triangles with `faces` in place of its face lines, and `extra` after them.
+std::string roomWith(const std::string& faces, const std::string& extra = std::string())
+{
+    std::string obj = ROOM_OBJ;
+    return obj.substr(0, obj.find("f ")) + faces + extra;
+}
+
+const std::string ROOM_FACES = "f 1 2 3\nf 1 3 4\nf 5 7 6\nf 5 8 7\nf 1 5 6\nf 1 6 2\n"
+                               "f 4 3 7\nf 4 7 8\nf 1 4 8\nf 1 8 5\nf 2 6 7\nf 2 7 3\n";
+const std::string ROOM_OUTWARD = "f 1 3 2\nf 1 4 3\nf 5 6 7\nf 5 7 8\nf 1 6 5\nf 1 2 6\n"
+                                 "f 4 7 3\nf 4 8 7\nf 1 8 4\nf 1 5 8\nf 2 7 6\nf 2 3 7\n";
+// A second room beside the first (x 100..164), its faces pointing out.
+const std::string SECOND_ROOM = "v 100 0 0\nv 164 0 0\nv 164 64 0\nv 100 64 0\n"
+                                "v 100 0 64\nv 164 0 64\nv 164 64 64\nv 100 64 64\n"
+                                "f 9 11 10\nf 9 12 11\nf 13 14 15\nf 13 15 16\nf 9 14 13\nf 9 10 14\n"
+                                "f 12 15 11\nf 12 16 15\nf 9 16 12\nf 9 13 16\nf 10 15 14\nf 10 11 15\n";
+
+TEST_F(CliTest, CheckCountsWhatTheMeshHolds)
+{
+    // Counts: triangles, degenerate, open, T-junction, non-manifold, misoriented edges,
+    // components; then the orientation.
+    const struct
+    {
+        const char* name;
+        std::string obj;
+        std::vector<long> counts;
+        const char* orientation;
+    } cases[] = {
+        {"closed, inward", ROOM_OBJ, {12, 0, 0, 0, 0, 0, 1}, "in"},
+        {"closed, outward", roomWith(ROOM_OUTWARD), {12, 0, 0, 0, 0, 0, 1}, "out"},
+        {"a triangle missing", roomWith(ROOM_FACES.substr(8)), {11, 0, 3, 0, 0, 0, 1}, "in"},
+        {"collinear and coincident points",
+         roomWith(ROOM_FACES, "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 9 10 11\nf 1 1 2\n"),
+         {14, 2, 0, 0, 0, 0, 1},
+         "in"},
+        {"a triangle flipped", roomWith("f 1 3 2\n" + ROOM_FACES.substr(8)), {12, 0, 0, 0, 0, 3, 1}, "mixed"},
+        {"a triangle twice", roomWith(ROOM_FACES, "f 1 2 3\n"), {13, 0, 0, 0, 3, 0, 1}, "in"},
+        {"one room in, one out", roomWith(ROOM_FACES, SECOND_ROOM), {24, 0, 0, 0, 0, 0, 2}, "mixed"},
+        {"flat", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n", {1, 0, 3, 0, 0, 0, 1}, "none"},
+        {"the demo level: corridors meet rooms in T-junctions",
+         mtest::readFile(DEMO_LEVEL),
+         {84, 0, 0, 72, 0, 0, 1},
+         "in"},
+    };
+    const char* keys[] = {"triangles",        "degenerateTriangles", "openEdges", "tJunctionEdges",
+                          "nonManifoldEdges", "misorientedEdges",    "components"};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        mtest::writeFile(dir.file("m.obj"), c.obj);
+        Outcome r = run("check m.obj --json");
+        ASSERT_EQ(r.code, 0) << r.err;
+        for (size_t k = 0; k < c.counts.size(); ++k)
+            EXPECT_EQ(jsonNumber(r.out, keys[k]), c.counts[k]) << keys[k];
+        EXPECT_NE(r.out.find(std::string("\"orientation\":\"") + c.orientation + "\""), std::string::npos) << r.out;
+    }
+}
+
+TEST_F(CliTest, CheckGivesOneLineOfAdvicePerProblem)
+{
+    expectRun("check room.obj", "", 0,
+              "file room.obj\ntriangles 12\ndegenerate triangles 0\nopen edges 0\nT-junction edges 0\n"
+              "non-manifold edges 0\nmisoriented edges 0\ncomponents 1\nbox 0 0 0 to 64 64 64\n"
+              "orientation in (signed volume -262144; parts facing out 0, in 1)\n"
+              "note: faces point inward: clip makes the inside open space and the outside solid (a hollow level)\n"
+              "no problems found\n",
+              nullptr);
+    // The room with a triangle missing and a degenerate one; the second room with its first
+    // triangle flipped and its last twice (which makes one of the flipped edges non-manifold).
+    std::string second = SECOND_ROOM;
+    second.replace(second.find("f 9 11 10"), 9, "f 9 10 11");
+    mtest::writeFile(
+        dir.file("bad.obj"),
+        roomWith(ROOM_FACES.substr(8), second + "f 10 11 15\n" + "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 17 18 19\n"));
+    Outcome r = run("check bad.obj");
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::vector<std::string> problems;
+    for (const std::string& line : lines(r.out))
+        if (line.rfind("problem: ", 0) == 0)
+            problems.push_back(line);
+    EXPECT_EQ(problems,
+              (std::vector<std::string>{
+                  "problem: 1 degenerate triangle (collinear or coincident points), without a plane: clip and vis "
+                  "drop them (--keep-degenerate keeps them)",
+                  "problem: 3 open edges: the mesh is not closed, so solid and empty space may leak into each other",
+                  "problem: 3 non-manifold edges (shared by more than two triangles): inside and outside are "
+                  "ambiguous along them",
+                  "problem: 2 edges join triangles wound against each other: some faces point the wrong way",
+                  "problem: faces point out on 1 part and in on 1 part: some parts will be inside out"}))
+        << r.out;
+}
+
+TEST_F(CliTest, ClipAndVisWarnAboutTheMeshAndDropDegenerateTriangles)
+{
+    mtest::writeFile(dir.file("holed.obj"), roomWith(ROOM_FACES.substr(8)));
+    for (const char* args : {"clip holed.obj -o h.mrc --json", "vis holed.obj --json"})
+    {
+        Outcome r = run(args);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_NE(r.err.find("meridbsp: warning: 3 open edges: the mesh is not closed, so solid and empty space "
+                             "may leak into each other"),
+                  std::string::npos)
+            << args << r.err;
+        EXPECT_NE(r.out.find("\"health\":{\"triangles\":11,\"degenerateTriangles\":0,\"openEdges\":3,"),
+                  std::string::npos)
+            << args << r.out;
+    }
+
+    // Inward faces make the clip BSP's inside open: a note, unless a mirror turns them out.
+    const char* note = "meridbsp: note: the faces point inward (signed volume -262144): the inside of the clip BSP "
+                       "will be open space";
+    EXPECT_NE(run("clip room.obj -o a.mrc").err.find(note), std::string::npos);
+    EXPECT_EQ(run("clip room.obj -o a.mrc --matrix -1,0,0,0,1,0,0,0,1").err.find("note:"), std::string::npos);
+    mtest::writeFile(dir.file("prop.obj"), roomWith(ROOM_OUTWARD));
+    EXPECT_EQ(run("clip prop.obj -o a.mrc").err.find("note:"), std::string::npos);
+
+    // Degenerate triangles are dropped unless kept; all of them dropped leaves nothing.
+    mtest::writeFile(dir.file("degenerate.obj"), roomWith(ROOM_FACES, "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 9 10 11\n"));
+    const std::pair<const char*, long> runs[] = {{"vis degenerate.obj --json", 12},
+                                                 {"vis degenerate.obj --json --keep-degenerate", 13},
+                                                 {"clip degenerate.obj -o d.mrc --json", 12},
+                                                 {"clip degenerate.obj -o d.mrc --json --keep-degenerate", 13}};
+    for (const auto& c : runs)
+    {
+        Outcome r = run(c.first);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_EQ(jsonNumber(r.out, c.first[0] == 'v' ? "faces" : "planes"), c.second) << c.first;
+        EXPECT_EQ(jsonNumber(r.out, "droppedTriangles"), 13 - c.second) << c.first;
+        EXPECT_NE(r.err.find(c.second == 12 ? "meridbsp: warning: dropped 1 degenerate triangle (collinear or "
+                                              "coincident points), which have no plane; --keep-degenerate keeps them"
+                                            : "meridbsp: warning: kept 1 degenerate triangle"),
+                  std::string::npos)
+            << c.first << r.err;
+    }
+    mtest::writeFile(dir.file("line.obj"), "v 1 1 1\nv 2 2 2\nv 3 3 3\nf 1 2 3\n");
+    expectRun("clip line.obj -o l.mrc", "", 1, "",
+              "meridbsp: error: line.obj: every triangle is degenerate (collinear or coincident points), so none "
+              "is left; --keep-degenerate passes them on as they are");
+    EXPECT_EQ(run("vis line.obj --keep-degenerate").code, 0);
 }
 
 // ---- Demo ---------------------------------------------------------------------------------
