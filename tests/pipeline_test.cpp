@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <meridbsp/clip/mrClipBSP.h>
@@ -118,6 +119,29 @@ TEST(VisPipeline, ReportsWhatCannotBeDoneAndWhatMayGoWrong)
         EXPECT_EQ(result.warnings.size(), far > 37800.0f ? 1u : 0u) << far;
         EXPECT_EQ(result.portalMesh, nullptr);
     }
+}
+
+TEST(VisPipeline, FindsTheOpenSpaceJoinedToTheOutside)
+{
+    srMeshModel mesh;
+    mtest::addTwoRoomLevel(mesh);
+    mrVisPipeline::Settings settings;
+    settings.portalMesh = false;
+    settings.insidePoints = {V(32, 32, 32), V(-100, 0, 0)};
+    mrVisPipeline::Result result;
+    std::string error;
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, result, error)) << error;
+    const mrLeakFinder::Report& r = result.leaks;
+    EXPECT_EQ(r.openLeaves, result.numEmptyLeafs);
+    EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed), std::make_tuple(0L, r.openLeaves));
+    ASSERT_EQ(r.points.size(), 2u);
+    EXPECT_TRUE(r.points[0].inOpenLeaf);
+    EXPECT_FALSE(r.points[1].inOpenLeaf);
+
+    settings.findLeaks = false;
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, result, error)) << error;
+    EXPECT_EQ(result.leaks.openLeaves, 0);
+    EXPECT_TRUE(result.leaks.points.empty());
 }
 
 TEST(ClipPipeline, GivesWhatTheGeneratorGivesWithOffsetAndMatrix)

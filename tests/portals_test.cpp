@@ -16,6 +16,7 @@
 #include <meridbsp/platform/geom/mrWinding.h>
 #include <meridbsp/portals/mrBSPPortal.h>
 #include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/portals/mrLeakFinder.h>
 #include <meridbsp/solid/mrBSPTree.h>
 
 #include "support/TestSupport.h"
@@ -630,3 +631,123 @@ INSTANTIATE_TEST_SUITE_P(LevelsAndPartitionModes, TwoRoomLevel,
                              return std::string(std::get<0>(info.param) ? "BackToBack" : "Corridor") +
                                     (std::get<1>(info.param) ? "MidSplit" : "Normal");
                          });
+
+// ---------------------------------------------------------------------------------------
+// Leaks: open space joined to the outside
+
+namespace
+{
+// Removes the triangles whose three corners all lie on x = at (or only the first of them).
+void removeWallAtX(srMeshModel& mesh, float at, bool firstOnly)
+{
+    std::vector<srVector3i>& tris = mesh.m_polyVerts;
+    for (size_t t = 0; t < tris.size();)
+    {
+        bool onWall = true;
+        for (int k = 0; k < 3; ++k)
+            onWall = onWall && mesh.m_verts[(size_t)tris[t][k]].x == at;
+        if (!onWall)
+        {
+            ++t;
+            continue;
+        }
+        tris.erase(tris.begin() + (long)t);
+        if (firstOnly)
+            break;
+    }
+    mesh.m_numpolys = (long)tris.size();
+}
+
+mrLeakFinder::Report leaksOf(srMeshModel& mesh, int midSplit, const std::vector<V>& points)
+{
+    mtest::LogCapture log;
+    mtest::VisRun run(mesh, midSplit);
+    run.portalizer.portalize(run.head);
+    mrLeakFinder::Report report;
+    mrLeakFinder::find(run.head, &run.portalizer.m_outsideNode, points, report);
+    return report;
+}
+} // namespace
+
+TEST(Leaks, AClosedLevelIsEnclosedAndAPropIsOpenOutside)
+{
+    for (int midSplit = 0; midSplit < 2; ++midSplit)
+    {
+        SCOPED_TRACE(midSplit);
+        srMeshModel level;
+        mtest::addTwoRoomLevel(level);
+        mrLeakFinder::Report r = leaksOf(level, midSplit, {V(32, 32, 32), V(160, 32, 32), V(32, 32, -50)});
+        EXPECT_GT(r.openLeaves, 1);
+        EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed), std::make_tuple(0L, r.openLeaves));
+        ASSERT_EQ(r.points.size(), 3u);
+        for (int i = 0; i < 3; ++i)
+        {
+            EXPECT_EQ(r.points[(size_t)i].inOpenLeaf, i < 2) << i;
+            EXPECT_EQ(r.points[(size_t)i].insideBox, i < 2) << i;
+            EXPECT_FALSE(r.points[(size_t)i].leaks);
+            EXPECT_TRUE(r.points[(size_t)i].path.empty());
+        }
+
+        // A closed box facing out: its inside is solid, and all open space is outside.
+        srMeshModel prop;
+        mtest::addBox(prop, V(0, 0, 0), V(64, 64, 64), true);
+        r = leaksOf(prop, midSplit, {V(32, 32, 32)});
+        EXPECT_GT(r.openLeaves, 0);
+        EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed), std::make_tuple(r.openLeaves, 0L));
+        EXPECT_FALSE(r.points[0].inOpenLeaf);
+    }
+}
+
+TEST(Leaks, AMissingWallLeaksAndThePathGoesOutThroughTheHole)
+{
+    for (int midSplit = 0; midSplit < 2; ++midSplit)
+    {
+        SCOPED_TRACE(midSplit);
+        // Room A's end wall at x = 0 (y and z 0 to 64) is gone; ask from room B, beyond the
+        // corridor.
+        srMeshModel level;
+        mtest::addTwoRoomLevel(level);
+        removeWallAtX(level, 0.0f, false);
+        mrLeakFinder::Report r = leaksOf(level, midSplit, {V(160, 32, 32), V(32, 32, 32)});
+        EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed), std::make_tuple(r.openLeaves, 0L));
+        for (const mrLeakFinder::Leak& leak : r.points)
+        {
+            ASSERT_TRUE(leak.leaks);
+            const std::vector<V>& path = leak.path;
+            ASSERT_GE(path.size(), 2u);
+            EXPECT_EQ(path.front(), leak.point);
+            // It ends on the box the outer portals enclose: the mesh's box widened by 24.
+            const V& end = path.back();
+            EXPECT_TRUE(end.x == -24 || end.x == 216 || end.y == -24 || end.y == 88 || end.z == -24 || end.z == 88);
+            // One step crosses x = 0 through the hole.
+            bool throughHole = false;
+            for (size_t i = 0; i + 1 < path.size(); ++i)
+            {
+                const V &a = path[i], &b = path[i + 1];
+                if (a.x <= 0 || b.x > 0)
+                    continue;
+                double t = (double)a.x / ((double)a.x - b.x);
+                double y = a.y + t * (b.y - a.y), z = a.z + t * (b.z - a.z);
+                throughHole = throughHole || (y >= 0 && y <= 64 && z >= 0 && z <= 64);
+            }
+            EXPECT_TRUE(throughHole);
+        }
+        // The same again gives the same paths.
+        mrLeakFinder::Report again = leaksOf(level, midSplit, {V(160, 32, 32), V(32, 32, 32)});
+        EXPECT_EQ(again.points[0].path, r.points[0].path);
+        EXPECT_EQ(again.points[1].path, r.points[1].path);
+    }
+}
+
+TEST(Leaks, OneTriangleOfAWallIsNoLeakSinceItsPartnerKeepsThePlane)
+{
+    // Every plane splits the whole cell it is chosen in: the other triangle of the wall
+    // still brings the wall's plane, and the space behind it receives no faces, so it is
+    // solid. The hole shows only as open edges in the mesh.
+    srMeshModel level;
+    mtest::addTwoRoomLevel(level);
+    removeWallAtX(level, 0.0f, true);
+    mrLeakFinder::Report r = leaksOf(level, 0, {V(32, 32, 32)});
+    EXPECT_EQ(r.reachable, 0);
+    EXPECT_FALSE(r.points[0].leaks);
+}

@@ -43,6 +43,7 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
 {
     result.release();
     result.warnings.clear();
+    result.leaks = mrLeakFinder::Report();
     if (!mesh)
     {
         error = "no mesh";
@@ -110,6 +111,8 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
                 mrBSPPortalizer::m_materials[i] = nullptr;
             }
         }
+        if (ok && settings.findLeaks)
+            mrLeakFinder::find(head, &portalizer.m_outsideNode, settings.insidePoints, result.leaks);
         // Frees the portals and the outer portal planes, which freeAllPortals leaves.
         portalizer.releasePortals(head);
     }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <meridbsp/platform/dx/srVector3T.h>
+#include <meridbsp/portals/mrLeakFinder.h>
 
 class mrBSPNode;
 class mrBSPPortalizer;
@@ -37,6 +38,11 @@ public:
         FILE* portalStream = nullptr;
         // Build the mesh of the portals that face solid space (Result::portalMesh).
         bool portalMesh = true;
+        // Find the open leaves joined to the outside (Result::leaks), and for each of
+        // these points, meant to lie inside the level, whether its open space leaks out
+        // and by which portals.
+        bool findLeaks = true;
+        std::vector<srVector3T<float>> insidePoints;
     };
 
     struct Result
@@ -66,6 +72,9 @@ public:
         // it or by release(); its polygons' materials live as long as it does.
         srMeshModel* portalMesh = nullptr;
         int portalMeshPolys = 0;
+        // With Settings::findLeaks: the open leaves that reach the outside, and what each
+        // inside point tells.
+        mrLeakFinder::Report leaks;
         // Things a user should know about the input or the result.
         std::vector<std::string> warnings;
 
