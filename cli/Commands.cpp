@@ -150,7 +150,40 @@ nlohmann::ordered_json healthJson(const CheckedMesh& checked)
     return j;
 }
 
-nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const CheckedMesh& checked, double elapsed)
+nlohmann::ordered_json leakJson(const mrLeakFinder::Report& r, const std::string& leakFile)
+{
+    nlohmann::ordered_json j;
+    j["openLeaves"] = {{"total", r.openLeaves}, {"reachOutside", r.reachable}, {"enclosed", r.enclosed}};
+    nlohmann::ordered_json points = nlohmann::ordered_json::array();
+    nlohmann::ordered_json paths = nlohmann::ordered_json::array();
+    for (const mrLeakFinder::Leak& leak : r.points)
+    {
+        nlohmann::ordered_json p;
+        p["point"] = {leak.point.x, leak.point.y, leak.point.z};
+        p["openSpace"] = leak.inOpenLeaf;
+        p["insideBox"] = leak.insideBox;
+        p["leaks"] = leak.leaks;
+        points.push_back(p);
+        if (!leak.leaks)
+            continue;
+        nlohmann::ordered_json path;
+        path["inside"] = {leak.point.x, leak.point.y, leak.point.z};
+        path["portals"] = leak.path.size() - 1;
+        path["path"] = nlohmann::ordered_json::array();
+        for (const srVector3T<float>& v : leak.path)
+            path["path"].push_back({v.x, v.y, v.z});
+        paths.push_back(path);
+    }
+    j["insidePoints"] = points;
+    if (paths.empty())
+        j["leak"] = nullptr;
+    else
+        j["leak"] = {{"file", leakFile}, {"paths", paths}};
+    return j;
+}
+
+nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const CheckedMesh& checked, const std::string& leakFile,
+                               double elapsed)
 {
     nlohmann::ordered_json j;
     j["planes"] = r.planes;
@@ -166,8 +199,45 @@ nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const CheckedMesh
     j["visportals"] = r.numVisportals;
     j["meshPolys"] = r.portalMeshPolys;
     j["health"] = healthJson(checked);
+    nlohmann::ordered_json leaks = leakJson(r.leaks, leakFile);
+    for (auto& item : leaks.items())
+        j[item.key()] = item.value();
     j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
     return j;
+}
+
+// What the open space of the tree is joined to, true for a closed prop (its outside is
+// open by design) and for a level (everything should be enclosed) alike.
+std::string openSpaceSentence(const mrLeakFinder::Report& r)
+{
+    std::string leaves = Tool::count(r.openLeaves, "open leaf", "open leaves");
+    if (r.openLeaves == 0)
+        return "open space: none";
+    if (r.reachable == 0)
+        return "open space: all " + leaves + " enclosed, none reaches the outside";
+    if (r.enclosed == 0)
+        return "open space: all " + leaves + " reach the outside, none is enclosed (right for a prop; a level leaks)";
+    return "open space: " + std::to_string(r.enclosed) + " of " + leaves + " enclosed, " + std::to_string(r.reachable) +
+           " reach the outside";
+}
+
+// One line per inside point that tells something: its open space leaks, or it lies in solid
+// space where nothing can be tested.
+std::vector<std::string> leakWarnings(const mrLeakFinder::Report& r, const std::string& leakFile)
+{
+    std::vector<std::string> lines;
+    for (const mrLeakFinder::Leak& leak : r.points)
+    {
+        std::string at = vec3(leak.point);
+        if (!leak.inOpenLeaf)
+            lines.push_back("inside point " + at + " lies in solid space, so nothing is tested from it" +
+                            (leak.insideBox ? "" : " (it is outside the mesh's box)"));
+        else if (leak.leaks)
+            lines.push_back("leak: the open space at " + at + " reaches the outside through " +
+                            Tool::count((long)leak.path.size() - 1, "portal", "portals") + "; the path is in " +
+                            leakFile);
+    }
+    return lines;
 }
 
 void printVisSummary(const mrVisPipeline::Result& r, const VisPipeline::Options& o)
@@ -396,9 +466,20 @@ int Commands::vis(const VisArgs& args)
         return Tool::usage("--mesh-out " + options.meshFile +
                            ": unsupported mesh format (use .obj, .glb or .ply, or name one with --mesh-format)");
 
+    for (const std::string& text : args.inside)
+    {
+        float v[3];
+        std::string why;
+        if (!Tool::parseVector(text, 3, v, why))
+            return Tool::usage("--inside " + text + ": " + why + " (expected a point X,Y,Z)");
+        options.insidePoints.emplace_back(v[0], v[1], v[2]);
+    }
+    if (!options.insidePoints.empty())
+        options.leakFile = args.leakOut.empty() ? Tool::joinPath(args.outDir, "leak.obj") : args.leakOut;
+
     AtomicFile::protectInput(args.mesh);
-    if (int code = checkOutputs(
-            {options.portalFile, options.meshFile, MeshWriter::companionPath(options.meshFile, options.meshFormat)}))
+    if (int code = checkOutputs({options.portalFile, options.meshFile,
+                                 MeshWriter::companionPath(options.meshFile, options.meshFormat), options.leakFile}))
         return code;
     if (args.json && Tool::out() == stderr)
         return Tool::usage("--json: standard output already carries an output file");
@@ -415,14 +496,21 @@ int Commands::vis(const VisArgs& args)
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
     double elapsed = Tool::nowMs() - start;
+    for (const std::string& warning : result.warnings)
+        Tool::warn(warning);
+    for (const std::string& line : leakWarnings(result.leaks, options.leakFile))
+        Tool::warn(line);
 
     if (args.json)
     {
-        std::fprintf(Tool::out(), "%s\n", visJson(result, checked, elapsed).dump().c_str());
+        std::fprintf(Tool::out(), "%s\n", visJson(result, checked, options.leakFile, elapsed).dump().c_str());
         return Tool::EXIT_OK;
     }
     std::fprintf(Tool::out(), "%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
     printVisSummary(result, options);
+    std::fprintf(Tool::out(), "%s\n", openSpaceSentence(result.leaks).c_str());
+    if (!options.leakFile.empty())
+        std::fprintf(Tool::out(), "wrote %s\n", options.leakFile.c_str());
     std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
     return Tool::EXIT_OK;
 }
@@ -480,6 +568,8 @@ int Commands::clip(const ClipArgs& args)
         if (!mrClipPipeline::run(mesh.get(), settings, result, error))
             return Tool::fail(args.mesh, error);
     }
+    for (const std::string& warning : result.warnings)
+        Tool::warn(warning);
     const mrClipBSP* bsp = result.clipBSP;
     OutputSet outputs;
     if (!saveClipBSP(session, outputs, args.output, result.clipBSP) || !commitOutputs(outputs))

@@ -13,9 +13,11 @@ public:
         std::string mesh;
         bool midSplit = false;
         std::string outDir = ".";
-        std::string prtOut;     // empty: test.prt in outDir
-        std::string meshOut;    // empty: portals.obj in outDir
-        std::string meshFormat; // obj, glb or ply; empty: from meshOut's extension
+        std::string prtOut;              // empty: test.prt in outDir
+        std::string meshOut;             // empty: portals.obj in outDir
+        std::string meshFormat;          // obj, glb or ply; empty: from meshOut's extension
+        std::vector<std::string> inside; // points meant to lie inside the level
+        std::string leakOut;             // empty: leak.obj in outDir
         bool keepDegenerate = false;
         bool json = false;
     };

@@ -9,6 +9,7 @@
 #include "MeshWriter.h"
 #include "OutputSet.h"
 #include "StdoutRedirect.h"
+#include "Tool.h"
 
 bool VisPipeline::run(srMeshModel* mesh, const Options& options, OutputSet& outputs, mrVisPipeline::Result& result,
                       std::string& error)
@@ -21,6 +22,8 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, OutputSet& outp
     settings.portalFile = options.portalFile;
     settings.portalStream = prt->file();
     settings.portalMesh = true;
+    settings.findLeaks = true;
+    settings.insidePoints = options.insidePoints;
     {
         StdoutRedirect quietStdout;
         if (!mrVisPipeline::run(mesh, settings, result, error))
@@ -29,7 +32,36 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, OutputSet& outp
             return false;
         }
     }
-    const bool ok = MeshWriter::write(*result.portalMesh, options.meshFile, options.meshFormat, outputs, error);
+    bool ok = MeshWriter::write(*result.portalMesh, options.meshFile, options.meshFormat, outputs, error);
     result.release();
+    if (ok && !options.insidePoints.empty())
+    {
+        std::string obj = leakObj(result.leaks);
+        ok = outputs.writeFile(options.leakFile, obj.data(), obj.size(), error);
+    }
     return ok;
+}
+
+std::string VisPipeline::leakObj(const mrLeakFinder::Report& report)
+{
+    std::string obj = "# Leak paths: from each inside point whose open space reaches the outside, through the\n"
+                      "# centres of the portals crossed on the shortest way out, to the box the outer portals\n"
+                      "# enclose.\n";
+    std::string lines;
+    size_t next = 1;
+    for (const mrLeakFinder::Leak& leak : report.points)
+    {
+        if (!leak.leaks)
+            continue;
+        lines += "l";
+        for (const srVector3T<float>& p : leak.path)
+        {
+            obj += "v " + Tool::g9(p.x) + " " + Tool::g9(p.y) + " " + Tool::g9(p.z) + "\n";
+            lines += " " + std::to_string(next++);
+        }
+        lines += "\n";
+    }
+    if (lines.empty())
+        obj += "# No leak: the open space around every inside point is enclosed.\n";
+    return obj + lines;
 }

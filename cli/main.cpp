@@ -55,6 +55,11 @@ int main(int argc, char** argv)
                     "Portal mesh file (.obj, .glb or .ply; default DIR/portals.obj; - for standard output)");
     vis->add_option("--mesh-format", visArgs.meshFormat,
                     "Portal mesh format when the path has no extension: obj, glb, ply");
+    vis->add_option("--inside", visArgs.inside,
+                    "A point X,Y,Z inside the level (repeatable): report a leak if its open space reaches the outside")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    vis->add_option("--leak-out", visArgs.leakOut, "Leak path file with --inside (default DIR/leak.obj)");
     vis->add_flag("--keep-degenerate", visArgs.keepDegenerate,
                   "Pass triangles without a plane to the library (dropped by default)");
     vis->add_flag("--json", visArgs.json, "Print the counts as one JSON object");

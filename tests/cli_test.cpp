@@ -326,34 +326,16 @@ TEST_F(CliTest, VisJsonIsTheOnlyOutput)
     EXPECT_EQ(r.code, 0) << r.err;
     std::vector<std::string> l = lines(r.out);
     ASSERT_EQ(l.size(), 1u) << r.out;
-    EXPECT_EQ(jsonKeys(l[0]), (std::vector<std::string>{"planes",
-                                                        "surfaces",
-                                                        "faces",
-                                                        "numSplitNodes",
-                                                        "numLeafFaces",
-                                                        "numNodeFaces",
-                                                        "numSolidLeafs",
-                                                        "numEmptyLeafs",
-                                                        "numLinkedFaces",
-                                                        "visleafs",
-                                                        "visportals",
-                                                        "meshPolys",
-                                                        "health",
-                                                        "triangles",
-                                                        "degenerateTriangles",
-                                                        "openEdges",
-                                                        "tJunctionEdges",
-                                                        "nonManifoldEdges",
-                                                        "misorientedEdges",
-                                                        "components",
-                                                        "mins",
-                                                        "maxs",
-                                                        "signedVolume",
-                                                        "orientation",
-                                                        "partsOut",
-                                                        "partsIn",
-                                                        "droppedTriangles",
-                                                        "ms"}));
+    EXPECT_EQ(jsonKeys(l[0]),
+              (std::vector<std::string>{
+                  "planes", "surfaces", "faces", "numSplitNodes", "numLeafFaces", "numNodeFaces", "numSolidLeafs",
+                  "numEmptyLeafs", "numLinkedFaces", "visleafs", "visportals", "meshPolys",
+                  // the mesh's health
+                  "health", "triangles", "degenerateTriangles", "openEdges", "tJunctionEdges", "nonManifoldEdges",
+                  "misorientedEdges", "components", "mins", "maxs", "signedVolume", "orientation", "partsOut",
+                  "partsIn", "droppedTriangles",
+                  // the open space
+                  "openLeaves", "total", "reachOutside", "enclosed", "insidePoints", "leak", "ms"}));
     EXPECT_EQ(jsonNumber(l[0], "faces"), 84);
     // The library's own lines, the portal writer's included, went to stderr.
     EXPECT_NE(r.err.find("writing test.prt"), std::string::npos) << r.err;
@@ -792,6 +774,69 @@ TEST_F(CliTest, ClipAndVisWarnAboutTheMeshAndDropDegenerateTriangles)
               "meridbsp: error: line.obj: every triangle is degenerate (collinear or coincident points), so none "
               "is left; --keep-degenerate passes them on as they are");
     EXPECT_EQ(run("vis line.obj --keep-degenerate").code, 0);
+}
+
+// ---- Leaks ---------------------------------------------------------------------------------
+
+TEST_F(CliTest, InsidePointsTellWhetherTheLevelLeaksAndWhichWay)
+{
+    // The demo level, and the same without room A's west wall (x = 0, y 0 to 256).
+    std::string level = mtest::readFile(DEMO_LEVEL);
+    const std::string wall = "f 1 4 6\nf 1 6 5\n";
+    ASSERT_NE(level.find(wall), std::string::npos);
+    mtest::writeFile(dir.file("level.obj"), level);
+    mtest::writeFile(dir.file("open.obj"), level.replace(level.find(wall), wall.size(), ""));
+
+    Outcome r = run("vis level.obj --inside 128,128,64 --inside '128 512 64'");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err.find("warning: leak:"), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find("\nopen space: all 9 open leaves enclosed, none reaches the outside\nwrote leak.obj\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(file("leak.obj").find("# No leak"), std::string::npos);
+
+    r = run("vis open.obj --out . --inside 128,128,64 --inside 128,512,64");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.err.find("meridbsp: warning: leak: the open space at 128 128 64 reaches the outside through 1 portal; "
+                         "the path is in leak.obj"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("meridbsp: warning: leak: the open space at 128 512 64 reaches the outside through"),
+              std::string::npos);
+    EXPECT_NE(r.out.find("open space: all 9 open leaves reach the outside, none is enclosed"), std::string::npos);
+    // From room A straight out through the missing wall to the outer box at x = -24.
+    const std::string obj = file("leak.obj");
+    EXPECT_NE(obj.find("v 128 128 64\nv -24 128 64\n"), std::string::npos) << obj;
+    EXPECT_NE(obj.find("\nl 1 2\nl 3 "), std::string::npos) << obj;
+
+    r = run("vis open.obj --json --inside 128,128,64 --leak-out paths.obj");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_NE(r.out.find("\"openLeaves\":{\"total\":9,\"reachOutside\":9,\"enclosed\":0},\"insidePoints\":[{\"point\":"
+                         "[128.0,128.0,64.0],\"openSpace\":true,\"insideBox\":true,\"leaks\":true}],\"leak\":{\"file\":"
+                         "\"paths.obj\",\"paths\":[{\"inside\":[128.0,128.0,64.0],\"portals\":1,\"path\":[[128.0,128.0,"
+                         "64.0],[-24.0,128.0,64.0]]}]}"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(file("paths.obj"), obj.substr(0, obj.find("v 128 512")) + "l 1 2\n");
+
+    // Without inside points only the count, and no path file; a point in the rock is
+    // pointed out; a malformed one is refused.
+    std::filesystem::create_directory(dir.file("plain"));
+    r = run("vis open.obj --inside 320,320,48 --json");
+    EXPECT_NE(r.err.find("meridbsp: warning: inside point 320 320 48 lies in solid space, so nothing is tested from "
+                         "it\n"),
+              std::string::npos)
+        << r.err;
+    r = run("vis level.obj --out plain");
+    EXPECT_FALSE(exists(dir.file("plain/leak.obj")));
+    EXPECT_NE(r.out.find("open space: all 9 open leaves enclosed"), std::string::npos);
+    mtest::writeFile(dir.file("prop.obj"), roomWith(ROOM_OUTWARD));
+    EXPECT_NE(run("vis prop.obj --out plain")
+                  .out.find(" reach the outside, none is enclosed (right for a prop; a "
+                            "level leaks)\n"),
+              std::string::npos);
+    expectRun("vis level.obj --inside 1,2", "", 2, "",
+              "--inside 1,2: expected 3 numbers, found 2 (expected a point X,Y,Z)");
 }
 
 // ---- Demo ---------------------------------------------------------------------------------
