@@ -70,7 +70,7 @@ bool followDangling(std::string path, std::string& end, std::string& error)
         ssize_t n = ::readlink(path.c_str(), buf.data(), buf.size() - 1);
         if (n < 0)
         {
-            error = errnoText("cannot read the symbolic link", errno);
+            error = errnoText("cannot follow the symbolic link", errno);
             return false;
         }
         std::string link(buf.data(), (size_t)n);
@@ -119,14 +119,9 @@ bool resolve(const std::string& path, Target& target, std::string& error)
             target.path = path;
             return true;
         }
-        if (S_ISSOCK(st.st_mode))
-        {
-            error = "is a socket, not a file";
-            return false;
-        }
         if (!S_ISREG(st.st_mode))
         {
-            error = "is neither a regular file nor a device or named pipe";
+            error = std::string("is ") + (S_ISSOCK(st.st_mode) ? "a socket" : "a special file") + ", not a file";
             return false;
         }
         for (const auto& input : protectedFiles())
@@ -215,7 +210,7 @@ bool copyThrough(const std::string& temp, int out, std::string& error)
     int in = ::open(temp.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0)
     {
-        error = errnoText("cannot read the finished output back", errno);
+        error = errnoText("write failed", errno);
         return false;
     }
     struct sigaction ignore, saved;
@@ -231,7 +226,7 @@ bool copyThrough(const std::string& temp, int out, std::string& error)
             continue;
         if (n < 0)
         {
-            error = errnoText("cannot read the finished output back", errno);
+            error = errnoText("write failed", errno);
             ok = false;
             break;
         }
@@ -434,7 +429,7 @@ bool AtomicFile::install(std::string& error)
         int out = ::open(m_target.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
         if (out < 0)
         {
-            error = errnoText("cannot open for writing", errno);
+            error = errnoText("write failed", errno);
             ok = false;
         }
         else

@@ -431,7 +431,8 @@ int answerQueries(const Commands::FileArgs& args, size_t count, const char* usag
 }
 
 // A matrix the mesh cannot be undone from is refused: its determinant, against the product
-// of its column lengths (the largest it can be), must not vanish. Empty when usable.
+// of its column lengths (the largest it can be), must not vanish. Empty when usable. The
+// entries are finite floats, so in double nothing here overflows.
 std::string matrixProblem(const srMatrix3T<float>& matrix, double& det)
 {
     const float* m = matrix.m;
@@ -442,8 +443,6 @@ std::string matrixProblem(const srMatrix3T<float>& matrix, double& det)
     for (int c = 0; c < 3; ++c)
         bound *= std::sqrt((double)m[3 * c] * m[3 * c] + (double)m[3 * c + 1] * m[3 * c + 1] +
                            (double)m[3 * c + 2] * m[3 * c + 2]);
-    if (!std::isfinite(det) || !std::isfinite(bound))
-        return "the matrix's determinant is not finite";
     if (bound == 0.0 || std::fabs(det) < 1e-6 * bound)
         return "the matrix is singular (determinant " + Tool::g9(det) + "): it would flatten the mesh";
     return std::string();

@@ -567,6 +567,18 @@ TEST_F(CliTest, PipesAndLinksAreWrittenThroughNotReplaced)
     ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     expectRun("box 0,0,0 1,1,1 -o sock", "", 1, "", "meridbsp: error: sock: is a socket, not a file");
     ::close(sock);
+
+    // Links in a loop lead nowhere; a device, a pipe or standard output needs a temporary
+    // file in the temporary directory.
+    std::filesystem::create_symlink("loop2", dir.file("loop1"));
+    std::filesystem::create_symlink("loop1", dir.file("loop2"));
+    expectRun("box 0,0,0 1,1,1 -o loop1", "", 1, "",
+              "meridbsp: error: loop1: cannot follow the symbolic link: Too many levels of symbolic links");
+    Outcome t = run("box 0,0,0 1,1,1 -o -", "", "TMPDIR=/nonexistent-dir");
+    EXPECT_EQ(t.code, 1);
+    EXPECT_NE(t.err.find("meridbsp: error: -: cannot create a temporary file: No such file or directory"),
+              std::string::npos)
+        << t.err;
 }
 
 TEST_F(CliTest, AFailedWritePutsNoneOfTheRunsOutputsInPlace)
@@ -822,9 +834,13 @@ TEST_F(CliTest, InsidePointsTellWhetherTheLevelLeaksAndWhichWay)
     // Without inside points only the count, and no path file; a point in the rock is
     // pointed out; a malformed one is refused.
     std::filesystem::create_directory(dir.file("plain"));
-    r = run("vis open.obj --inside 320,320,48 --json");
+    r = run("vis open.obj --inside 320,320,48 --inside 320,320,-100 --json");
     EXPECT_NE(r.err.find("meridbsp: warning: inside point 320 320 48 lies in solid space, so nothing is tested from "
                          "it\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("meridbsp: warning: inside point 320 320 -100 lies in solid space, so nothing is tested "
+                         "from it (it is outside the mesh's box)\n"),
               std::string::npos)
         << r.err;
     r = run("vis level.obj --out plain");
