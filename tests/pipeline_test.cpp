@@ -48,9 +48,30 @@ TEST(VisPipeline, GivesWhatTheStepsGiveInBothModes)
             mrVisPipeline::Settings settings;
             settings.midSplit = midSplit != 0;
             settings.portalFile = dir.file("test.prt");
+            // An observer sees the portalized tree once and changes nothing: the portals
+            // it finds between open leaves are the portal file's.
+            int calls = 0, openPortals = 0;
+            settings.observer = [&](const mrBSPNode* head, const mrBSPPortalizer&)
+            {
+                ++calls;
+                std::vector<const mrBSPNode*> stack{head};
+                for (; !stack.empty(); stack.pop_back())
+                {
+                    const mrBSPNode* n = stack.back();
+                    if (n->m_plane)
+                    {
+                        stack.insert(stack.begin(), {n->m_children[0], n->m_children[1]});
+                        continue;
+                    }
+                    for (const mrBSPPortal* p = n->m_portals; p; p = p->m_next[p->m_nodes[0] == n ? 0 : 1])
+                        openPortals += p->m_nodes[0] == n && n->m_contents == 0 && p->m_nodes[1]->m_contents == 0;
+                }
+            };
             mrVisPipeline::Result result;
             std::string error;
             ASSERT_TRUE(mrVisPipeline::run(&mesh, settings, result, error)) << error;
+            EXPECT_EQ(calls, 1);
+            EXPECT_EQ(openPortals, result.numVisportals);
             EXPECT_EQ(mtest::readFile(settings.portalFile), stepsFile);
             EXPECT_EQ(result.numSplitNodes, counters.m_numSplitNodes);
             EXPECT_EQ(result.numEmptyLeafs, counters.m_numEmptyLeafs);

@@ -113,6 +113,8 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         }
         if (ok && settings.findLeaks)
             mrLeakFinder::find(head, &portalizer.m_outsideNode, settings.insidePoints, result.leaks);
+        if (ok && settings.observer)
+            settings.observer(head, portalizer);
         // Frees the portals and the outer portal planes, which freeAllPortals leaves.
         portalizer.releasePortals(head);
     }

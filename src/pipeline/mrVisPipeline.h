@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,12 @@ public:
         // and by which portals.
         bool findLeaks = true;
         std::vector<srVector3T<float>> insidePoints;
+        // Called once with the portalized tree and its portalizer (whose outside node
+        // stands for all space beyond the head box), after the portal file and the portal
+        // mesh are made and before anything is released: a look at the leaves and their
+        // portals for callers that show or check them. It must not change them. Unset by
+        // default; it changes no result.
+        std::function<void(const mrBSPNode* head, const mrBSPPortalizer& portalizer)> observer;
     };
 
     struct Result
