@@ -22,6 +22,7 @@
 #include "SliceImage.h"
 #include "StdoutRedirect.h"
 #include "Tool.h"
+#include "ViewPage.h"
 #include "VisPipeline.h"
 
 namespace
@@ -448,6 +449,35 @@ std::string matrixProblem(const srMatrix3T<float>& matrix, double& det)
     return std::string();
 }
 
+// Builds the view page of a mesh and adds it to the run's outputs; 0, or the exit code
+// after the error was printed.
+int addViewPage(srMeshModel* mesh, const std::string& meshPath, ViewPage::Options options, OutputSet& outputs,
+                const std::string& path, ViewPage::Summary& summary)
+{
+    const std::string::size_type slash = meshPath.find_last_of('/');
+    options.title = slash == std::string::npos ? meshPath : meshPath.substr(slash + 1);
+    ViewPage page;
+    std::string error;
+    {
+        StdoutRedirect quietStdout;
+        if (!page.build(mesh, options, error))
+            return Tool::fail(meshPath, error);
+    }
+    if (!page.write(outputs, path, error))
+        return Tool::fail(error);
+    summary = page.summary();
+    return Tool::EXIT_OK;
+}
+
+void printViewSummary(const std::string& path, const ViewPage::Summary& s)
+{
+    std::fprintf(Tool::out(),
+                 "wrote %s: %d leaves (%d open), %d portals between open leaves, %d portal mesh polygons, %u clip "
+                 "BSP nodes%s\n",
+                 path.c_str(), s.leaves, s.openLeaves, s.portals, s.meshPolys, s.clipNodes,
+                 s.leak ? ", a leak path" : "");
+}
+
 } // namespace
 
 int Commands::vis(const VisArgs& args)
@@ -841,6 +871,34 @@ int Commands::slice(const SliceArgs& args)
     return Tool::EXIT_OK;
 }
 
+int Commands::view(const ViewArgs& args)
+{
+    ViewPage::Options options;
+    options.midSplit = args.midSplit;
+    float xyz[3];
+    if (!args.inside.empty())
+    {
+        if (!Tool::parseFloatList(args.inside, 3, xyz))
+            return Tool::usage("--inside " + args.inside + ": expected three comma-separated numbers X,Y,Z");
+        options.hasInside = true;
+        options.inside = srVector3T<float>(xyz[0], xyz[1], xyz[2]);
+    }
+    AtomicFile::protectInput(args.mesh);
+    if (int code = checkOutputs({args.output}))
+        return code;
+    Released<srMeshModel> mesh(readMesh(args.mesh));
+    if (!mesh.get())
+        return Tool::EXIT_BAD_INPUT;
+    OutputSet outputs;
+    ViewPage::Summary summary;
+    if (int code = addViewPage(mesh.get(), args.mesh, options, outputs, args.output, summary))
+        return code;
+    if (!commitOutputs(outputs))
+        return Tool::EXIT_BAD_INPUT;
+    printViewSummary(args.output, summary);
+    return Tool::EXIT_OK;
+}
+
 std::string Commands::demoLevelPath()
 {
 #ifdef MERIDBSP_DEMO_LEVEL
@@ -870,9 +928,10 @@ int Commands::demo(const DemoArgs& args)
     vis.meshFile = Tool::joinPath(args.outDir, "portals.obj");
     std::string clipFile = Tool::joinPath(args.outDir, "level.mrc");
     std::string pngFile = Tool::joinPath(args.outDir, "slice.png");
+    std::string viewFile = Tool::joinPath(args.outDir, "view.html");
     AtomicFile::protectInput(level);
-    if (int code = checkOutputs(
-            {vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile, vis.meshFormat), clipFile, pngFile}))
+    if (int code = checkOutputs({vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile, vis.meshFormat),
+                                 clipFile, pngFile, viewFile}))
         return code;
 
     ModuleSession session;
@@ -913,6 +972,9 @@ int Commands::demo(const DemoArgs& args)
     if (!image.writePng(outputs, pngFile, error))
         return Tool::fail(error);
     double sliceMs = Tool::nowMs() - start;
+    ViewPage::Summary viewSummary;
+    if (int code = addViewPage(mesh.get(), level, ViewPage::Options(), outputs, viewFile, viewSummary))
+        return code;
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
 
@@ -924,5 +986,7 @@ int Commands::demo(const DemoArgs& args)
     std::fprintf(Tool::out(), "\nslice at z = %s (%s)\n", Tool::g9(sliceZ).c_str(), ms(sliceMs).c_str());
     std::fprintf(Tool::out(), "wrote %s: %d x %d pixels; %ld empty, %ld solid, %ld marked solid\n", pngFile.c_str(),
                  image.width(), image.height(), c.empty, c.solid, c.marked);
+    std::fprintf(Tool::out(), "\nview page\n");
+    printViewSummary(viewFile, viewSummary);
     return Tool::EXIT_OK;
 }

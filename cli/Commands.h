@@ -50,6 +50,13 @@ public:
         int size = 512;
         std::string output;
     };
+    struct ViewArgs
+    {
+        std::string mesh;
+        std::string output;
+        bool midSplit = false;
+        std::string inside; // "x,y,z"; empty: none
+    };
     struct DemoArgs
     {
         std::string outDir = "demo-out";
@@ -64,6 +71,7 @@ public:
     static int point(const FileArgs& args);
     static int trace(const FileArgs& args);
     static int slice(const SliceArgs& args);
+    static int view(const ViewArgs& args);
     static int demo(const DemoArgs& args);
 
     // The built-in demo level: the copy in the source tree, else the installed one.

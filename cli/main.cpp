@@ -112,6 +112,13 @@ int main(int argc, char** argv)
     slice->add_option("--size", sliceArgs.size, "Pixels along the longer side (default 512)");
     slice->add_option("-o,--output", sliceArgs.output, "PNG file to write (- for standard output)")->required();
 
+    Commands::ViewArgs viewArgs;
+    CLI::App* view = app.add_subcommand("view", "One HTML page showing both pipelines' results, for a browser");
+    view->add_option("MESH", viewArgs.mesh, "Mesh file")->required();
+    view->add_option("-o,--output", viewArgs.output, "HTML file to write")->required();
+    view->add_flag("--mid-split", viewArgs.midSplit, "Choose partition planes by box division alone");
+    view->add_option("--inside", viewArgs.inside, "A point X,Y,Z inside the level: show the leak path from it");
+
     Commands::DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Both pipelines on the built-in level");
     demo->add_option("--out", demoArgs.outDir, "Output directory (default demo-out)");
@@ -156,6 +163,8 @@ int main(int argc, char** argv)
         return Commands::trace(traceArgs);
     if (slice->parsed())
         return Commands::slice(sliceArgs);
+    if (view->parsed())
+        return Commands::view(viewArgs);
     if (demo->parsed())
         return Commands::demo(demoArgs);
     return Tool::usage("no command given");
