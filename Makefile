@@ -19,10 +19,12 @@ demo: build
 	@$(BUILD)/meridbsp demo --out demo-out
 
 test: build
+	@tools/install-deps.sh --test
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # AddressSanitizer + UndefinedBehaviorSanitizer, halting on the first error.
 test-asan: deps
+	@tools/install-deps.sh --test
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DMERIDBSP_SANITIZE=address,undefined \
 	  -DMERIDBSP_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
