@@ -201,7 +201,7 @@
   var camera = new THREE.PerspectiveCamera(45, container.clientWidth / container.clientHeight, radius * 0.01,
                                            radius * 40);
   camera.up.set(0, 0, 1);
-  camera.position.copy(centre).add(new THREE.Vector3(-0.5, -1.0, 0.85).normalize().multiplyScalar(radius * 2.3));
+  camera.position.copy(centre).add(new THREE.Vector3(-0.5, -1.0, 0.9).normalize().multiplyScalar(radius * 2.7));
   // The panel covers the left of the page: the picture's centre moves right by half its width.
   function fitView() {
     var w = container.clientWidth, h = container.clientHeight;
