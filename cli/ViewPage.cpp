@@ -151,6 +151,7 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
 {
     m_data = nlohmann::ordered_json::object();
     m_summary = Summary();
+    m_leakWarning.clear();
     if (!mesh)
     {
         error = "no mesh";
@@ -179,12 +180,19 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
     mrVisPipeline::Result visResult;
     if (!mrVisPipeline::run(mesh, vis, visResult, error))
         return false;
-    if (options.hasInside && visResult.leaks.points.size() == 1 && visResult.leaks.points[0].leaks)
+    if (options.hasInside && visResult.leaks.points.size() == 1)
     {
-        nlohmann::ordered_json& path = m_data["leak"]["path"] = nlohmann::ordered_json::array();
-        for (const srVector3T<float>& p : visResult.leaks.points[0].path)
-            path.push_back(vec3(p));
-        m_summary.leak = true;
+        const mrLeakFinder::Leak& leak = visResult.leaks.points[0];
+        if (leak.leaks)
+        {
+            nlohmann::ordered_json& path = m_data["leak"]["path"] = nlohmann::ordered_json::array();
+            for (const srVector3T<float>& p : leak.path)
+                path.push_back(vec3(p));
+            m_summary.leak = true;
+        }
+        else
+            m_leakWarning = leak.inOpenLeaf ? "no leak: the level is closed around the inside point"
+                                            : "the inside point lies in solid space, so nothing is tested from it";
     }
 
     // The portal mesh as the pipeline made it, each triangle in its material's colour.
@@ -253,8 +261,8 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
         warnings.push_back("visibility: " + w);
     for (const std::string& w : clipResult.warnings)
         warnings.push_back("collision: " + w);
-    if (options.hasInside && !m_summary.leak)
-        warnings.push_back("no leak found from the inside point");
+    if (!m_leakWarning.empty())
+        warnings.push_back(m_leakWarning);
     m_data["warnings"] = warnings;
     return true;
 }

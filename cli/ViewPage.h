@@ -51,4 +51,5 @@ private:
 
     nlohmann::ordered_json m_data;
     Summary m_summary;
+    std::string m_leakWarning;
 };
