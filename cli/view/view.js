@@ -314,7 +314,11 @@
   (function () {
     var group = addLayer('leak', new THREE.Group());
     var leak = data.leak || {};
-    if (leak.inside) group.add(ball(new THREE.Vector3().fromArray(leak.inside), radius * 0.012, onTop(0xffffff)));
+    if (leak.inside) {
+      var marker = ball(new THREE.Vector3().fromArray(leak.inside), radius * 0.012, onTop(0xffffff));
+      marker.renderOrder = 31; // over the path's first point
+      group.add(marker);
+    }
     if (!leak.path || leak.path.length < 2) return;
     var red = onTop(0xff2020);
     var pts = leak.path.map(function (p) { return new THREE.Vector3().fromArray(p); });
