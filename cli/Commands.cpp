@@ -878,15 +878,18 @@ int Commands::view(const ViewArgs& args)
     float xyz[3];
     if (!args.inside.empty())
     {
-        if (!Tool::parseFloatList(args.inside, 3, xyz))
-            return Tool::usage("--inside " + args.inside + ": expected three comma-separated numbers X,Y,Z");
+        std::string why;
+        if (!Tool::parseVector(args.inside, 3, xyz, why))
+            return Tool::usage("--inside " + args.inside + ": " + why + " (expected a point X,Y,Z)");
         options.hasInside = true;
         options.inside = srVector3T<float>(xyz[0], xyz[1], xyz[2]);
     }
     AtomicFile::protectInput(args.mesh);
     if (int code = checkOutputs({args.output}))
         return code;
-    Released<srMeshModel> mesh(readMesh(args.mesh));
+    // The mesh as vis and clip take it, so the page shows what they make.
+    CheckedMesh checked;
+    Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
     OutputSet outputs;

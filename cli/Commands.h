@@ -56,6 +56,7 @@ public:
         std::string output;
         bool midSplit = false;
         std::string inside; // "x,y,z"; empty: none
+        bool keepDegenerate = false;
     };
     struct DemoArgs
     {

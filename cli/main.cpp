@@ -118,6 +118,8 @@ int main(int argc, char** argv)
     view->add_option("-o,--output", viewArgs.output, "HTML file to write")->required();
     view->add_flag("--mid-split", viewArgs.midSplit, "Choose partition planes by box division alone");
     view->add_option("--inside", viewArgs.inside, "A point X,Y,Z inside the level: show the leak path from it");
+    view->add_flag("--keep-degenerate", viewArgs.keepDegenerate,
+                   "Pass triangles without a plane to the library (dropped by default)");
 
     Commands::DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Both pipelines on the built-in level");

@@ -136,8 +136,7 @@ TEST_F(ViewPageTest, DemoPageOpensOfflineWithoutScriptErrorsAndDrawsItsLayers)
     EXPECT_EQ(c.leak, 0) << "no leak path in the closed demo level";
 }
 
-// Enabled once the page's leak path is filled in by the library's leak finder.
-TEST_F(ViewPageTest, DISABLED_LeakLayerOfALeakingLevelShowsThePath)
+TEST_F(ViewPageTest, LeakLayerOfALeakingLevelShowsThePath)
 {
     // The demo level without room A's west wall leaks from room A.
     std::string obj = mtest::readFile(DEMO_LEVEL);
@@ -276,6 +275,6 @@ TEST(ViewCommand, RefusesAMalformedInsidePoint)
     mtest::TempDir dir;
     std::string err;
     EXPECT_EQ(runTool(dir.path(), "view '" + DEMO_LEVEL + "' -o v.html --inside 1,2", &err), 2);
-    EXPECT_NE(err.find("--inside 1,2: expected three comma-separated numbers X,Y,Z"), std::string::npos) << err;
+    EXPECT_NE(err.find("--inside 1,2: expected 3 numbers, found 2 (expected a point X,Y,Z)"), std::string::npos) << err;
     EXPECT_FALSE(std::filesystem::exists(dir.file("v.html")));
 }
