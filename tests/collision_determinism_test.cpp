@@ -1,11 +1,13 @@
 // The collision pipeline's results, pinned: the same meshes must give the same tree,
-// counters, saved clip BSP bytes and query answers in every build. The constants were
-// taken from the reviewed implementation; any change to them is a change of results.
+// counters, saved clip BSP bytes and query answers in every build. The values live in
+// tests/data/collision_pins.txt; any change to them is a change of results.
 // Also: trees far deeper than any call stack could hold, through every stage.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -16,6 +18,7 @@
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/platform/dx/srTexture.h>
 
+#include "BenchMesh.h"
 #include "support/TestSupport.h"
 
 namespace
@@ -81,6 +84,20 @@ void buildCase(const std::string& name, Case& c, srTexture* marked)
         c.mesh.setTexture(marked);
         c.matrix = srMatrix3T<float>(0.8f, 0.6f, 0.1f, -0.6f, 0.8f, 0.0f, 0.05f, 0.2f, 1.3f);
         c.offset = V(100.25f, -37.5f, 8.125f);
+    }
+    else if (name == "movedKnot")
+    {
+        // The benchmark's knot, turned, stretched and moved, with marked walls here and there.
+        buildCase("knot_tiny", c, marked);
+        for (long i = 0; i < c.mesh.m_numpolys; i += 7)
+            c.mesh.setPolyTexture(i, marked);
+        c.matrix = srMatrix3T<float>(0.6f, 0.0f, -0.8f, 0.1f, 1.2f, 0.05f, 0.8f, 0.0f, 0.6f);
+        c.offset = V(-3000.5f, 12.75f, 517.0f);
+    }
+    else if (std::unique_ptr<BenchMesh> bench{BenchMesh::generate(name)})
+    {
+        // The benchmark's curved, knotted and open meshes at small sizes.
+        c.mesh = *bench->mesh();
     }
 }
 
@@ -170,11 +187,11 @@ uint64_t queryDigest(const mrClipBSP& bsp, int count)
 }
 
 // ---------------------------------------------------------------------------------------
-// The pinned table
+// The pinned table (tests/data/collision_pins.txt)
 
 struct Pinned
 {
-    const char* name;
+    std::string name;
     uint64_t fileHash;
     uint32_t nodes, planes;
     int genNodes, leafFaces, solidLeafs, emptyLeafs;
@@ -182,55 +199,73 @@ struct Pinned
     uint64_t queryHash;
 };
 
-const Pinned kPinned[] = {
-    {"cube", 15073783295307820044ull, 6, 12, 6, 12, 1, 6, 12, 13194393145944431743ull},
-    {"sphere2", 14764451440171163831ull, 128, 128, 128, 128, 1, 128, 128, 11145393036015425156ull},
-    {"sphere3", 13963375564674267214ull, 512, 512, 512, 512, 1, 512, 512, 16105232572538870558ull},
-    {"sphere4", 2943194824979841209ull, 2024, 2048, 2024, 2048, 1, 2024, 2048, 2409070128398446253ull},
-    {"twoRooms", 17097409480569375290ull, 16, 40, 16, 40, 14, 3, 40, 5369489487341187206ull},
-    {"pillaredRooms", 18405714991749116862ull, 47, 64, 47, 104, 33, 15, 104, 6050060254008735603ull},
-    {"torus", 4670346423409150694ull, 1431, 576, 1431, 2416, 488, 944, 2416, 3179018909557574603ull},
-    {"awkwardCube", 15703085092719167362ull, 19, 18, 19, 40, 4, 16, 40, 13057340542694986818ull},
-    {"movedTorus", 8925754762304869159ull, 400, 332, 400, 851, 85, 316, 851, 148389941355561939ull},
-};
-
-class PinnedMesh : public ::testing::TestWithParam<Pinned>
+std::ostream& operator<<(std::ostream& out, const Pinned& p)
 {
-};
-
-TEST_P(PinnedMesh, GivesTheSameTreeFileAndAnswers)
-{
-    const Pinned& pin = GetParam();
-    Marked marked;
-    Case c;
-    buildCase(pin.name, c, marked.p);
-    ASSERT_GT(c.mesh.m_numpolys, 0);
-    mtest::AssertRecorder asserts;
-    mrClipBSPGen gen;
-    ClipPtr bsp = c.import(gen);
-    ASSERT_NE(bsp, nullptr);
-    EXPECT_TRUE(asserts.reports().empty());
-
-    EXPECT_EQ(bsp->m_numnodes, pin.nodes);
-    EXPECT_EQ(bsp->m_numplanes, pin.planes);
-    EXPECT_EQ(gen.m_numnodes, pin.genNodes);
-    EXPECT_EQ(gen.m_numleaffaces, pin.leafFaces);
-    EXPECT_EQ(gen.m_numsolidleafs, pin.solidLeafs);
-    EXPECT_EQ(gen.m_numemptyleafs, pin.emptyLeafs);
-    EXPECT_EQ(gen.m_allfaces.size(), pin.liveFaces);
-
-    std::vector<unsigned char> bytes = mtest::saveBuffer({bsp.get()});
-    EXPECT_EQ(mtest::fnv1a(std::string(bytes.begin(), bytes.end())), pin.fileHash);
-    EXPECT_EQ(queryDigest(*bsp, 3000), pin.queryHash);
-
-    // What is read back answers exactly the same.
-    ClipPtr loaded = mtest::loadClip(bytes);
-    ASSERT_NE(loaded, nullptr);
-    EXPECT_EQ(queryDigest(*loaded, 3000), pin.queryHash);
+    return out << p.name << ' ' << p.fileHash << ' ' << p.nodes << ' ' << p.planes << ' ' << p.genNodes << ' '
+               << p.leafFaces << ' ' << p.solidLeafs << ' ' << p.emptyLeafs << ' ' << p.liveFaces << ' ' << p.queryHash;
 }
 
-INSTANTIATE_TEST_SUITE_P(CollisionPipeline, PinnedMesh, ::testing::ValuesIn(kPinned),
-                         [](const ::testing::TestParamInfo<Pinned>& info) { return std::string(info.param.name); });
+std::vector<Pinned> readPins()
+{
+    std::vector<Pinned> out;
+    std::istringstream in(mtest::readFile(MERIDBSP_SOURCE_DIR "/tests/data/collision_pins.txt"));
+    std::string line;
+    while (std::getline(in, line))
+    {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::istringstream fields(line);
+        Pinned p;
+        if (fields >> p.name >> p.fileHash >> p.nodes >> p.planes >> p.genNodes >> p.leafFaces >> p.solidLeafs >>
+            p.emptyLeafs >> p.liveFaces >> p.queryHash)
+            out.push_back(p);
+        else
+            ADD_FAILURE() << "unreadable pin: " << line;
+    }
+    return out;
+}
+
+TEST(CollisionPipeline, PinnedMeshesGiveTheSameTreeFileAndAnswers)
+{
+    const std::vector<Pinned> pins = readPins();
+    ASSERT_GE(pins.size(), 15u);
+    for (const Pinned& pin : pins)
+    {
+        SCOPED_TRACE(pin.name);
+        Marked marked;
+        Case c;
+        buildCase(pin.name, c, marked.p);
+        ASSERT_GT(c.mesh.m_numpolys, 0);
+        mtest::AssertRecorder asserts;
+        mrClipBSPGen gen;
+        ClipPtr bsp = c.import(gen);
+        ASSERT_NE(bsp, nullptr);
+        EXPECT_TRUE(asserts.reports().empty());
+
+        Pinned got;
+        got.name = pin.name;
+        got.nodes = bsp->m_numnodes;
+        got.planes = bsp->m_numplanes;
+        got.genNodes = gen.m_numnodes;
+        got.leafFaces = gen.m_numleaffaces;
+        got.solidLeafs = gen.m_numsolidleafs;
+        got.emptyLeafs = gen.m_numemptyleafs;
+        got.liveFaces = gen.m_allfaces.size();
+        std::vector<unsigned char> bytes = mtest::saveBuffer({bsp.get()});
+        got.fileHash = mtest::fnv1a(std::string(bytes.begin(), bytes.end()));
+        got.queryHash = queryDigest(*bsp, 3000);
+        // What is read back answers exactly the same.
+        ClipPtr loaded = mtest::loadClip(bytes);
+        ASSERT_NE(loaded, nullptr);
+        const uint64_t loadedHash = queryDigest(*loaded, 3000);
+
+        std::ostringstream want, have;
+        want << pin;
+        have << got;
+        EXPECT_EQ(have.str(), want.str());
+        EXPECT_EQ(loadedHash, pin.queryHash);
+    }
+}
 
 // ---------------------------------------------------------------------------------------
 // The query index answers exactly as the plain walk: same tree, with and without it.
@@ -308,7 +343,8 @@ void expectIndexChangesNothing(mrClipBSP& bsp, const char* what)
 TEST(IndexedQueries, ClosedAndOpenMeshesAnswerAsThePlainWalk)
 {
     Marked marked;
-    for (const char* name : {"sphere4", "torus", "pillaredRooms", "movedTorus"})
+    for (const char* name :
+         {"sphere4", "torus", "pillaredRooms", "movedTorus", "blob2k", "knot2k", "openlevel2k", "movedKnot"})
     {
         Case c;
         buildCase(name, c, marked.p);
