@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 
 #include <meridbsp/clip/mrClipQueryIndex.h>
 
@@ -60,57 +61,87 @@ mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, c
         n.child[0] = nodes[i].child[0];
         n.child[1] = nodes[i].child[1];
         n.run = -1;
-        n.reserved = 0;
+        n.leave = 0;
     }
 
-    // Chains: each node's `side` child is the same leaf, its other child the next node
-    // (the last node's other child may be anything: where the chain is left).
-    const int32_t count = (int32_t)numnodes;
-    for (int32_t i = 0; i < count;)
-    {
-        int side = -1;
-        if (m_nodes[i].child[0] < 0 && m_nodes[i].child[1] == i + 1)
-            side = 0;
-        else if (m_nodes[i].child[1] < 0 && m_nodes[i].child[0] == i + 1)
-            side = 1;
-        if (side < 0)
-        {
-            ++i;
-            continue;
-        }
-        const int32_t leaf = m_nodes[i].child[side];
-        int32_t k = i;
-        while (k + 1 < count && m_nodes[k].child[1 - side] == k + 1 && m_nodes[k + 1].child[side] == leaf)
-            ++k;
-        if (k - i + 1 >= MIN_RUN)
-        {
-            Run run;
-            run.first = i;
-            run.last = k;
-            run.side = side;
-            run.leaf = leaf;
-            run.exit = m_nodes[k].child[1 - side];
-            run.root = -1;
-            run.specialBegin = run.specialEnd = 0;
-            buildRun(run);
-            for (int32_t j = i; j <= k; ++j)
-                m_nodes[j].run = (int32_t)m_runs.size();
-            m_runs.push_back(run);
-        }
-        i = k + 1;
-    }
+    findRuns();
     buildGrid(mins, maxs);
+}
+
+void mrClipQueryIndex::findRuns()
+{
+    // Chains follow the larger subtree (the first child on a tie) from every node that
+    // does not lie on its parent's chain, so any walk leaves at most a logarithmic number
+    // of chains. Children come after their parents, so sizes are summed backwards.
+    const int32_t count = (int32_t)m_nodes.size();
+    std::vector<int32_t> size((size_t)count, 1);
+    for (int32_t i = count - 1; i >= 0; --i)
+        for (int k = 0; k < 2; ++k)
+            if (m_nodes[i].child[k] >= 0)
+                size[i] += size[m_nodes[i].child[k]];
+    auto subtree = [&](int32_t c) { return c >= 0 ? size[c] : 0; };
+    auto onward = [&](int32_t i) { return subtree(m_nodes[i].child[1]) > subtree(m_nodes[i].child[0]) ? 1 : 0; };
+    std::vector<char> head((size_t)count, 0);
+    if (count > 0)
+        head[0] = 1;
+    for (int32_t i = 0; i < count; ++i)
+    {
+        const int32_t off = m_nodes[i].child[1 - onward(i)];
+        if (off >= 0)
+            head[off] = 1;
+    }
+    for (int32_t i = 0; i < count; ++i)
+    {
+        if (!head[i])
+            continue;
+        int32_t length = 1, last = i;
+        while (m_nodes[last].child[onward(last)] >= 0)
+        {
+            last = m_nodes[last].child[onward(last)];
+            ++length;
+        }
+        if (length < MIN_RUN)
+            continue;
+        Run run;
+        run.first = i;
+        run.last = last;
+        run.length = length;
+        run.root = -1;
+        run.specialBegin = run.specialEnd = 0;
+        // Where both children are leaves (the last node), the chain leaves on the side
+        // the node before it leaves on.
+        int32_t side = 0;
+        for (int32_t j = i;; j = m_nodes[j].child[side ^ 1])
+        {
+            if (j != last)
+                side = 1 - onward(j);
+            m_nodes[j].leave = side;
+            m_nodes[j].run = (int32_t)m_runs.size();
+            if (j == last)
+                break;
+        }
+        run.exit = onChain(last);
+        run.leaf = m_nodes[i].child[m_nodes[i].leave];
+        run.uniform = run.leaf < 0;
+        for (int32_t j = i; run.uniform; j = onChain(j))
+        {
+            run.uniform = m_nodes[j].child[m_nodes[j].leave] == run.leaf;
+            if (j == last)
+                break;
+        }
+        buildRun(run);
+        m_runs.push_back(run);
+    }
 }
 
 void mrClipQueryIndex::buildRun(Run& run)
 {
     // Planes in the orientation where leaving the chain means being in front; those no
     // cone can bound (no normal, or values out of range) are tested every time.
-    const double s = run.side == 0 ? 1.0 : -1.0;
     std::vector<int32_t> members;
     std::vector<int32_t> special;
     double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
-    for (int32_t j = run.first; j <= run.last; ++j)
+    for (int32_t j = run.first, walked = 0; walked < run.length; j = onChain(j), ++walked)
     {
         const Node& n = m_nodes[j];
         const double len2 = (double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2];
@@ -145,6 +176,7 @@ void mrClipQueryIndex::buildRun(Run& run)
     {
         const Node& n = m_nodes[members[m]];
         Member& u = units[m];
+        const double s = n.leave == 0 ? 1.0 : -1.0;
         const double len = std::sqrt((double)n.n[0] * n.n[0] + (double)n.n[1] * n.n[1] + (double)n.n[2] * n.n[2]);
         u.node = members[m];
         for (int k = 0; k < 3; ++k)
@@ -266,7 +298,7 @@ bool mrClipQueryIndex::mayLeave(const Cone& cone, const double* v, double r, dou
 bool mrClipQueryIndex::anyLeaves(const Run& run, int start, const srVector3T<float>& p) const
 {
     for (int32_t e = run.specialBegin; e < run.specialEnd; ++e)
-        if (m_entries[e] >= start && leaves(run, m_entries[e], p))
+        if (m_entries[e] >= start && leaves(m_entries[e], p))
             return true;
     if (run.root < 0)
         return false;
@@ -284,7 +316,7 @@ bool mrClipQueryIndex::anyLeaves(const Run& run, int start, const srVector3T<flo
         if (c.child[0] < 0)
         {
             for (int32_t e = c.begin; e < c.end; ++e)
-                if (m_entries[e] >= start && leaves(run, m_entries[e], p))
+                if (m_entries[e] >= start && leaves(m_entries[e], p))
                     return true;
             continue;
         }
@@ -297,11 +329,13 @@ bool mrClipQueryIndex::anyLeaves(const Run& run, int start, const srVector3T<flo
 int mrClipQueryIndex::firstLeaving(const Run& run, int start, const srVector3T<float>& p1,
                                    const srVector3T<float>& p2) const
 {
+    // One point asked for twice (a walk, not a trace) is tested once.
+    const bool pair = std::memcmp(&p1, &p2, sizeof p1) != 0;
     int best = INT_MAX;
     for (int32_t e = run.specialBegin; e < run.specialEnd; ++e)
     {
         const int j = m_entries[e];
-        if (j >= start && (leaves(run, j, p1) || leaves(run, j, p2)))
+        if (j >= start && (leaves(j, p1) || (pair && leaves(j, p2))))
         {
             best = j;
             break; // entries are in node order
@@ -321,7 +355,7 @@ int mrClipQueryIndex::firstLeaving(const Run& run, int start, const srVector3T<f
         while (top > 0)
         {
             const Cone& c = m_cones[stack[--top]];
-            if (c.last < start || c.first >= best || (!mayLeave(c, v1, r1, m1) && !mayLeave(c, v2, r2, m2)))
+            if (c.last < start || c.first >= best || (!mayLeave(c, v1, r1, m1) && (!pair || !mayLeave(c, v2, r2, m2))))
                 continue;
             if (c.child[0] < 0)
             {
@@ -332,7 +366,7 @@ int mrClipQueryIndex::firstLeaving(const Run& run, int start, const srVector3T<f
                         continue;
                     if (j >= best)
                         break;
-                    if (leaves(run, j, p1) || leaves(run, j, p2))
+                    if (leaves(j, p1) || (pair && leaves(j, p2)))
                     {
                         best = j;
                         break;
@@ -377,7 +411,7 @@ int mrClipQueryIndex::linearSteps(const Run& run, double outside)
     // close to the surface the cones. Only the speed depends on this choice.
     if (outside <= 0.0)
         return 0;
-    const int length = run.last - run.first + 1;
+    const int length = run.length;
     if (length <= WALKED_RUN)
         return length;
     const double root = std::sqrt((double)length);
@@ -393,13 +427,19 @@ int mrClipQueryIndex::chainStep(int node, const srVector3T<float>& p) const
         return distance(n, p) >= 0.0f ? n.child[0] : n.child[1];
     const Run& run = m_runs[n.run];
     int j = node;
-    const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + linearSteps(run, outside(run, p)));
-    for (; j < stop; ++j)
-        if (leaves(run, j, p))
-            return run.leaf;
-    if (j > run.last)
-        return run.exit;
-    return anyLeaves(run, j, p) ? run.leaf : run.exit;
+    for (int steps = linearSteps(run, outside(run, p)); steps > 0; --steps)
+    {
+        if (leaves(j, p))
+            return m_nodes[j].child[m_nodes[j].leave];
+        if (j == run.last)
+            return run.exit;
+        j = onChain(j);
+    }
+    // Where every off-chain child is the same leaf, any node that leaves will do.
+    if (run.uniform)
+        return anyLeaves(run, j, p) ? run.leaf : run.exit;
+    const int first = firstLeaving(run, j, p, p);
+    return first >= 0 ? m_nodes[first].child[m_nodes[first].leave] : run.exit;
 }
 
 int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srVector3T<float>& p2) const
@@ -412,13 +452,14 @@ int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srV
     // The first node matters here, not just any: the cones must then look at every
     // plane that could be it, so the walk goes further before they are asked.
     const double out = std::max(outside(run, p1), outside(run, p2));
-    const int steps = out <= 0.0 ? 0 : TRACE_LINEAR_STEPS;
-    const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + steps);
-    for (; j < stop; ++j)
-        if (leaves(run, j, p1) || leaves(run, j, p2))
+    for (int steps = out <= 0.0 ? 0 : TRACE_LINEAR_STEPS; steps > 0; --steps)
+    {
+        if (leaves(j, p1) || leaves(j, p2))
             return j;
-    if (j > run.last)
-        return run.exit;
+        if (j == run.last)
+            return run.exit;
+        j = onChain(j);
+    }
     const int first = firstLeaving(run, j, p1, p2);
     return first >= 0 ? first : run.exit;
 }
@@ -484,9 +525,12 @@ int32_t mrClipQueryIndex::commonLeaf(int32_t node, const double* lo, const doubl
 
 void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
-    // A tree with long chains (a closed convex part) has its cones instead: pushing boxes
-    // down a chain costs more than the cells save.
-    if (m_nodes.empty() || !m_runs.empty())
+    // A tree made mostly of long chains (a closed convex or nearly convex part) has its
+    // cones instead: pushing boxes down a chain costs more than the cells save.
+    size_t chained = 0;
+    for (const Run& run : m_runs)
+        chained += (size_t)run.length;
+    if (m_nodes.empty() || 2 * chained > m_nodes.size())
         return;
     double lo[3], ext[3], largest = 0.0;
     for (int k = 0; k < 3; ++k)

@@ -11,11 +11,12 @@
 
 // A read-only companion of a clip BSP's arrays that answers the same queries faster.
 //
-// Nodes are copied into one contiguous array with their planes inlined. Chains of nodes
-// that each have the same leaf on one side and the next node on the other (a closed
-// mesh makes one as long as it has faces) get a search structure: a hierarchy of
-// normal cones over the chain's planes, each with a bound on how far in front of its
-// planes a point can be. The bounds allow for every rounding of the float signed
+// Nodes are copied into one contiguous array with their planes inlined. Long chains of
+// nodes, each leading on to the next on one side (the side with the larger subtree) and
+// off the chain on the other (a closed mesh makes one as long as it has faces; a curved,
+// non-convex one a chain with small subtrees hanging off it), get a search structure: a
+// hierarchy of normal cones over the chain's planes, each with a bound on how far
+// towards its off-chain side a point can be. The bounds allow for every rounding of the float signed
 // distance, so the structure only ever skips nodes whose test provably comes out the
 // way the plain walk would take it; every test it does make is the plain test on the
 // same floats. The answers are therefore bit-identical to the plain walk.
@@ -31,8 +32,8 @@ public:
         float n[3];
         float d;
         int32_t child[2];
-        int32_t run; // the indexed chain this node belongs to, or -1
-        int32_t reserved;
+        int32_t run;   // the indexed chain this node belongs to, or -1
+        int32_t leave; // in a chain: the child slot that leaves it (the other leads on)
     };
 
     // Builds the index of a valid tree (see mrClipBSP::validate); the arrays are only
@@ -94,9 +95,9 @@ public:
     }
 
     // The leaf or node a walk from `node` reaches, where the walk leaves node's chain:
-    // for a plain node, the child the plane test picks; within a chain, the chain's leaf
-    // when a test in the rest of the chain picks it, or else where the chain ends.
-    // Equal to walking the nodes one by one.
+    // for a plain node, the child the plane test picks; within a chain, the off-chain
+    // child of the first node of the rest of the chain whose test picks it, or else where
+    // the chain ends. Equal to walking the nodes one by one.
     int pointStep(int node, const srVector3T<float>& p) const
     {
         const Node& n = m_nodes[node];
@@ -132,12 +133,15 @@ private:
         int32_t begin, end;        // a leaf's entries in m_entries
     };
 
+    // A chain: node `first`, its on-chain child, and so on to node `last` (node indices
+    // grow along it, since every child comes after its parent).
     struct Run
     {
         int32_t first, last; // node indices
-        int32_t side;        // the child slot that holds the leaf (0 or 1)
-        int32_t leaf;        // its contents
-        int32_t exit;        // the last node's other child
+        int32_t length;      // nodes
+        bool uniform;        // every node's off-chain child is the same leaf,
+        int32_t leaf;        // this one
+        int32_t exit;        // the last node's on-chain child
         int32_t root;        // its cone hierarchy, or -1
         double centre[3];
         int32_t specialBegin, specialEnd; // planes no cone bounds (in m_entries)
@@ -148,16 +152,20 @@ private:
     double outside(const Run& run, const srVector3T<float>& p) const;
     static int linearSteps(const Run& run, double outside);
     int chainStep(int node, const srVector3T<float>& p) const;
-    // True when the plane test of `node` leaves the chain (picks the run's leaf).
-    bool leaves(const Run& run, int node, const srVector3T<float>& p) const
+    // True when the plane test of `node` leaves the chain.
+    bool leaves(int node, const srVector3T<float>& p) const
     {
-        const bool front = distance(m_nodes[node], p) >= 0.0f;
-        return run.side == 0 ? front : !front;
+        const Node& n = m_nodes[node];
+        const bool front = distance(n, p) >= 0.0f;
+        return n.leave == 0 ? front : !front;
     }
+    // The next node of a chain (or, after its last node, where it ends).
+    int32_t onChain(int node) const { return m_nodes[node].child[1 - m_nodes[node].leave]; }
     // Whether a cone's planes could send p to the leaf.
     static bool mayLeave(const Cone& cone, const double* v, double r, double pmax);
     bool anyLeaves(const Run& run, int start, const srVector3T<float>& p) const;
     int firstLeaving(const Run& run, int start, const srVector3T<float>& p1, const srVector3T<float>& p2) const;
+    void findRuns();
     void buildRun(Run& run);
     // A plane of a chain while its cones are built: node and unit normal (oriented).
     struct Member
