@@ -525,12 +525,11 @@ int32_t mrClipQueryIndex::commonLeaf(int32_t node, const double* lo, const doubl
 
 void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
-    // A tree made mostly of long chains (a closed convex or nearly convex part) has its
-    // cones instead: pushing boxes down a chain costs more than the cells save.
-    size_t chained = 0;
-    for (const Run& run : m_runs)
-        chained += (size_t)run.length;
-    if (m_nodes.empty() || 2 * chained > m_nodes.size())
+    // A tree with long chains (a closed part) has its cones instead: pushing boxes down
+    // a chain costs more than the cells save, and so does a grid over the deep, bushy
+    // trees of curved meshes (a knot's 50,000 nodes took 60 ms for 1.5 times faster
+    // points).
+    if (m_nodes.empty() || !m_runs.empty())
         return;
     double lo[3], ext[3], largest = 0.0;
     for (int k = 0; k < 3; ++k)

@@ -1167,6 +1167,15 @@ void mrClipBSPGen::splitFace(mrFace* face, srVector4T<float>& plane, mrFace** fr
 
 mrClipBSP* mrClipBSPGen::convertToClipBSP()
 {
+    mrClipBSP* bsp = flatten();
+    // A closed mesh makes a chain as deep as it has faces; the index keeps queries on it
+    // from walking the whole chain.
+    bsp->prepareQueries();
+    return bsp;
+}
+
+mrClipBSP* mrClipBSPGen::flatten()
+{
     mrClipBSP* bsp = new mrClipBSP();
 
     const unsigned long numNodes = (unsigned long)m_nodes.size();
@@ -1233,9 +1242,6 @@ mrClipBSP* mrClipBSPGen::convertToClipBSP()
             }
         }
     }
-    // A closed mesh makes a chain as deep as it has faces; the index keeps queries on it
-    // from walking the whole chain.
-    bsp->prepareQueries();
     return bsp;
 }
 
@@ -1330,11 +1336,11 @@ mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& 
 
     partitionFaces(m_faces, root);
 
-    mrClipBSP* bsp = convertToClipBSP();
+    mrClipBSP* bsp = flatten();
     bsp->m_mins = srVector3T<float>(mins.x - 1.0f, mins.y - 1.0f, mins.z - 1.0f);
     bsp->m_maxs = srVector3T<float>(maxs.x + 1.0f, maxs.y + 1.0f, maxs.z + 1.0f);
     bsp->refreshPBlock(nullptr);
-    // Again, now that the bounds are known: the index lays its grid over them.
+    // Once the bounds are known: the index lays its grid over them.
     bsp->prepareQueries();
 
     mesh->release();

@@ -71,6 +71,8 @@ private:
     class Partitioner;
 
     mrBSPGenNode* newNode();
+    // convertToClipBSP without the query index.
+    mrClipBSP* flatten();
     // Point distances and sides of a face against a plane, as the cut reads them; fills
     // n + 1 entries (the first repeated at the end) and counts the sides.
     static int classifyPoints(const mrFace* face, const srVector4T<float>& plane, double* dists, int* sides,
