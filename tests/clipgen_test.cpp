@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -229,9 +230,16 @@ TEST(ClipGenRecords, NewGeneratorIsEmptyAndCheckFaceChangesNothing)
     EXPECT_TRUE(gen.m_faces.empty() && gen.m_nodes.empty() && gen.m_allfaces.empty());
     EXPECT_EQ(0, gen.m_numnodes + gen.m_numleaffaces + gen.m_numsolidleafs + gen.m_numemptyleafs);
     mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
-    mrFace before = *f;
+    const mrFace before = *f;
     gen.checkFace(f);
-    EXPECT_EQ(0, std::memcmp(&before, f, sizeof(mrFace)));
+    EXPECT_EQ(std::vector<V>(before.m_points, before.m_points + 3), std::vector<V>(f->m_points, f->m_points + 3));
+    EXPECT_EQ(0, std::memcmp(&before.m_plane, &f->m_plane, sizeof f->m_plane));
+    EXPECT_EQ(std::make_tuple(before.m_numpoints, before.m_used, before.m_texture),
+              std::make_tuple(f->m_numpoints, f->m_used, f->m_texture));
+    // A face made outside the generator has room for 64 points; a copy has its own.
+    EXPECT_EQ(64, f->capacity());
+    f->m_points[0] = V(7, 7, 7);
+    EXPECT_EQ(V(1, 2, 3), before.m_points[0]);
 }
 
 TEST(ClipGenRecords, FindContentsMarksOnlyTheTwoExactNames)
@@ -466,6 +474,9 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
     EXPECT_EQ(gen.m_allfaces, (std::vector<mrFace*>{keep, back, front}));
     ASSERT_EQ(3, front->m_numpoints);
     ASSERT_EQ(3, back->m_numpoints);
+    // Pieces get room for exactly the points they hold.
+    EXPECT_EQ(3, front->capacity());
+    EXPECT_EQ(3, back->capacity());
     const V cut = front->m_points[2];
     EXPECT_EQ(4.0f, cut.x);
     EXPECT_NEAR(1.8f, cut.y, 1e-6);
@@ -537,6 +548,7 @@ TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
     gen.splitFace(f, plane, &front, &back);
     rec.expect({{"face->m_numpoints < MAX_POINTS", "mrClipBSPGen", 0, "face piece exceeds 64 points; point dropped"}});
     EXPECT_EQ(64, front->m_numpoints);
+    EXPECT_EQ(64, front->capacity());
     EXPECT_EQ(3, back->m_numpoints);
 }
 

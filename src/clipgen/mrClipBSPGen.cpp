@@ -27,10 +27,11 @@ const double ON_EPSILON = 0.001;
 
 // Appends a point to a piece. A piece can only overflow after more than 61 successive
 // cuts of one triangle's pieces; the record has no room for more, so the extra point is
-// reported and dropped (the piece keeps its first 64 points and stays usable).
+// reported and dropped (the piece keeps its first 64 points and stays usable). Pieces
+// are made with room for all their points up to that limit.
 void appendPoint(mrFace* face, const srVector3T<float>& p)
 {
-    if (face->m_numpoints >= mrFace::MAX_POINTS)
+    if (face->m_numpoints >= face->capacity())
     {
         srAssertFail("face->m_numpoints < MAX_POINTS", SOURCE, __LINE__, "face piece exceeds 64 points; point dropped");
         return;
@@ -192,10 +193,7 @@ inline void classify(const srVector3T<float>* points, int n, const srVector4T<fl
     }
 }
 
-inline int clampedPoints(const mrFace* face)
-{
-    return std::min(std::max(face->m_numpoints, 0), (int)mrFace::MAX_POINTS);
-}
+inline int clampedPoints(const mrFace* face) { return std::min(std::max(face->m_numpoints, 0), face->capacity()); }
 } // namespace
 
 class mrClipBSPGen::Partitioner
@@ -1073,8 +1071,21 @@ int mrClipBSPGen::classifyPoints(const mrFace* face, const srVector4T<float>& pl
 void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists, const int* sides,
                            int n, mrFace** front, mrFace** back)
 {
-    mrFace* b = new mrFace();
-    mrFace* f = new mrFace();
+    // Room for exactly the points each piece gets (beyond 64 they are dropped, below).
+    int room[3] = {0, 0, 0}; // front, back, and both
+    for (int i = 0; i < n; ++i)
+    {
+        if (sides[i] == mrPlane::SIDE_ON)
+        {
+            ++room[2];
+            continue;
+        }
+        ++room[sides[i]];
+        if (sides[i + 1] != mrPlane::SIDE_ON && sides[i + 1] != sides[i])
+            ++room[2];
+    }
+    mrFace* b = new mrFace(room[mrPlane::SIDE_BACK] + room[2]);
+    mrFace* f = new mrFace(room[mrPlane::SIDE_FRONT] + room[2]);
     m_allfaces.push_back(b);
     m_allfaces.push_back(f);
     *back = b;
@@ -1274,7 +1285,7 @@ mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& 
     m_numplanes = 0;
     for (long i = 0; i < numPolys; ++i)
     {
-        mrFace* face = new mrFace();
+        mrFace* face = new mrFace(3);
         m_allfaces.push_back(face);
         face->m_used = 0;
 
