@@ -16,6 +16,7 @@
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/clip/mrClipQueryIndex.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/io/mrClipBSPIOHandler.h>
 #include <meridbsp/platform/dx/srTexture.h>
 
 #include "BenchMesh.h"
@@ -264,6 +265,34 @@ TEST(CollisionPipeline, PinnedMeshesGiveTheSameTreeFileAndAnswers)
         have << got;
         EXPECT_EQ(have.str(), want.str());
         EXPECT_EQ(loadedHash, pin.queryHash);
+    }
+}
+
+TEST(CollisionPipeline, LoadingWithoutTheIndexAnswersTheSameAndIndexesLater)
+{
+    mrClipBSPIOHandler* handler = dynamic_cast<mrClipBSPIOHandler*>(mtest::clipIO().getHandler(0x60000));
+    ASSERT_NE(handler, nullptr);
+    for (const Pinned& pin : readPins())
+    {
+        if (pin.name != "sphere4" && pin.name != "knot2k")
+            continue;
+        Marked marked;
+        Case c;
+        buildCase(pin.name, c, marked.p);
+        mrClipBSPGen gen;
+        ClipPtr bsp = c.import(gen);
+        const std::vector<unsigned char> bytes = mtest::saveBuffer({bsp.get()});
+        mrClipBSPIOHandler::Settings deferred;
+        deferred.buildQueryIndex = false;
+        handler->setSettings(deferred);
+        ClipPtr loaded = mtest::loadClip(bytes);
+        handler->setSettings(mrClipBSPIOHandler::Settings());
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_FALSE(loaded->hasQueryIndex()) << pin.name;
+        EXPECT_EQ(queryDigest(*loaded, 3000), pin.queryHash) << pin.name;
+        loaded->prepareQueries();
+        EXPECT_TRUE(loaded->hasQueryIndex()) << pin.name;
+        EXPECT_EQ(queryDigest(*loaded, 3000), pin.queryHash) << pin.name;
     }
 }
 

@@ -6,7 +6,8 @@ mrFace::mrFace() { allocate(MAX_POINTS); }
 
 mrFace::mrFace(int capacity) { allocate(capacity); }
 
-mrFace::mrFace(const mrFace& o) : m_numpoints(o.m_numpoints), m_plane(o.m_plane), m_used(o.m_used), m_texture(o.m_texture)
+mrFace::mrFace(const mrFace& o)
+    : m_numpoints(o.m_numpoints), m_plane(o.m_plane), m_used(o.m_used), m_texture(o.m_texture)
 {
     allocate(o.m_capacity);
     std::copy(o.m_points, o.m_points + o.m_capacity, m_points);

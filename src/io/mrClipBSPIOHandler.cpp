@@ -191,7 +191,7 @@ srClass* mrClipBSPIOHandler::importObject(mrChunkIFStream& stream, mrIOEntry& en
     std::string why;
     if (!sound->validate(&why))
         entry.m_error = "the clip BSP is not valid: " + why;
-    else
+    else if (m_settings.buildQueryIndex)
         sound->prepareQueries();
     return sound;
 }
