@@ -121,6 +121,8 @@ void mrClipQueryIndex::findRuns()
                 break;
         }
         run.exit = onChain(last);
+        // A chain of consecutive nodes is walked without reading where each one leads.
+        run.contiguous = last - i + 1 == length;
         run.leaf = m_nodes[i].child[m_nodes[i].leave];
         run.uniform = run.leaf < 0;
         for (int32_t j = i; run.uniform; j = onChain(j))
@@ -433,7 +435,7 @@ int mrClipQueryIndex::chainStep(int node, const srVector3T<float>& p) const
             return m_nodes[j].child[m_nodes[j].leave];
         if (j == run.last)
             return run.exit;
-        j = onChain(j);
+        j = run.contiguous ? j + 1 : onChain(j);
     }
     // Where every off-chain child is the same leaf, any node that leaves will do.
     if (run.uniform)
@@ -458,7 +460,7 @@ int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srV
             return j;
         if (j == run.last)
             return run.exit;
-        j = onChain(j);
+        j = run.contiguous ? j + 1 : onChain(j);
     }
     const int first = firstLeaving(run, j, p1, p2);
     return first >= 0 ? first : run.exit;

@@ -139,6 +139,7 @@ private:
     {
         int32_t first, last; // node indices
         int32_t length;      // nodes
+        bool contiguous;     // node indices first, first + 1, ..., last
         bool uniform;        // every node's off-chain child is the same leaf,
         int32_t leaf;        // this one
         int32_t exit;        // the last node's on-chain child
