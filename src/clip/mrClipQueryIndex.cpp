@@ -9,6 +9,10 @@ namespace
 {
 // Chains shorter than this are walked node by node.
 const int32_t MIN_RUN = 64;
+// Spines (chains with subtrees off them) shorter than this are left to the plain walk
+// and to the chains of consecutive nodes within them: in a bushy tree the cones cost
+// more than they save.
+const int32_t MIN_SPINE = 1024;
 // Nodes tested one by one on entering a chain, close to its surface, before the cones
 // are consulted.
 const int SHORT_LINEAR_STEPS = 8;
@@ -70,9 +74,10 @@ mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, c
 
 void mrClipQueryIndex::findRuns()
 {
-    // Chains follow the larger subtree (the first child on a tie) from every node that
-    // does not lie on its parent's chain, so any walk leaves at most a logarithmic number
-    // of chains. Children come after their parents, so sizes are summed backwards.
+    // Long spines: from every node that does not lie on its parent's spine, follow the
+    // larger subtree (the first child on a tie). A curved closed mesh makes one about as
+    // long as the tree is deep, with small subtrees off it. Children come after their
+    // parents, so subtree sizes are summed backwards.
     const int32_t count = (int32_t)m_nodes.size();
     std::vector<int32_t> size((size_t)count, 1);
     for (int32_t i = count - 1; i >= 0; --i)
@@ -100,15 +105,9 @@ void mrClipQueryIndex::findRuns()
             last = m_nodes[last].child[onward(last)];
             ++length;
         }
-        if (length < MIN_RUN)
+        if (length < MIN_SPINE)
             continue;
-        Run run;
-        run.first = i;
-        run.last = last;
-        run.length = length;
-        run.root = -1;
-        run.specialBegin = run.specialEnd = 0;
-        // Where both children are leaves (the last node), the chain leaves on the side
+        // Where both children are leaves (the last node), the spine leaves on the side
         // the node before it leaves on.
         int32_t side = 0;
         for (int32_t j = i;; j = m_nodes[j].child[side ^ 1])
@@ -120,20 +119,65 @@ void mrClipQueryIndex::findRuns()
             if (j == last)
                 break;
         }
-        run.exit = onChain(last);
-        // A chain of consecutive nodes is walked without reading where each one leads.
-        run.contiguous = last - i + 1 == length;
-        run.leaf = m_nodes[i].child[m_nodes[i].leave];
-        run.uniform = run.leaf < 0;
-        for (int32_t j = i; run.uniform; j = onChain(j))
-        {
-            run.uniform = m_nodes[j].child[m_nodes[j].leave] == run.leaf;
-            if (j == last)
-                break;
-        }
-        buildRun(run);
-        m_runs.push_back(run);
+        addRun(i, last, length);
     }
+
+    // Shorter chains of consecutive nodes, each with the same leaf on one side and the
+    // next node on the other (a small closed mesh, or a closed part of a larger one).
+    for (int32_t i = 0; i < count;)
+    {
+        int side = -1;
+        if (m_nodes[i].run < 0 && m_nodes[i].child[0] < 0 && m_nodes[i].child[1] == i + 1)
+            side = 0;
+        else if (m_nodes[i].run < 0 && m_nodes[i].child[1] < 0 && m_nodes[i].child[0] == i + 1)
+            side = 1;
+        if (side < 0)
+        {
+            ++i;
+            continue;
+        }
+        const int32_t leaf = m_nodes[i].child[side];
+        int32_t k = i;
+        while (k + 1 < count && m_nodes[k + 1].run < 0 && m_nodes[k].child[1 - side] == k + 1 &&
+               m_nodes[k + 1].child[side] == leaf)
+            ++k;
+        if (k - i + 1 >= MIN_RUN)
+        {
+            for (int32_t j = i; j <= k; ++j)
+            {
+                m_nodes[j].leave = side;
+                m_nodes[j].run = (int32_t)m_runs.size();
+            }
+            addRun(i, k, k - i + 1);
+        }
+        i = k + 1;
+    }
+}
+
+void mrClipQueryIndex::addRun(int32_t first, int32_t last, int32_t length)
+{
+    Run run;
+    run.first = first;
+    run.last = last;
+    run.length = length;
+    run.root = -1;
+    run.specialBegin = run.specialEnd = 0;
+    run.exit = onChain(last);
+    // A chain of consecutive nodes is walked without reading where each one leads.
+    run.contiguous = last - first + 1 == length;
+    run.leaf = m_nodes[first].child[m_nodes[first].leave];
+    run.side = m_nodes[first].leave;
+    run.uniform = run.leaf < 0;
+    for (int32_t j = first;; j = onChain(j))
+    {
+        run.uniform = run.uniform && m_nodes[j].child[m_nodes[j].leave] == run.leaf;
+        if (m_nodes[j].leave != run.side)
+            run.side = -1;
+        if (j == last)
+            break;
+    }
+    buildRun(run);
+    m_runs.push_back(run);
 }
 
 void mrClipQueryIndex::buildRun(Run& run)
@@ -429,14 +473,27 @@ int mrClipQueryIndex::chainStep(int node, const srVector3T<float>& p) const
         return distance(n, p) >= 0.0f ? n.child[0] : n.child[1];
     const Run& run = m_runs[n.run];
     int j = node;
-    for (int steps = linearSteps(run, outside(run, p)); steps > 0; --steps)
+    const int steps = linearSteps(run, outside(run, p));
+    if (run.contiguous && run.side >= 0)
     {
-        if (leaves(j, p))
-            return m_nodes[j].child[m_nodes[j].leave];
-        if (j == run.last)
+        // Consecutive nodes that all leave on one side: the tightest loop.
+        const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + steps);
+        const bool front = run.side == 0;
+        for (; j < stop; ++j)
+            if ((distance(m_nodes[j], p) >= 0.0f) == front)
+                return m_nodes[j].child[run.side];
+        if (j > run.last)
             return run.exit;
-        j = run.contiguous ? j + 1 : onChain(j);
     }
+    else
+        for (int left = steps; left > 0; --left)
+        {
+            if (leaves(j, p))
+                return m_nodes[j].child[m_nodes[j].leave];
+            if (j == run.last)
+                return run.exit;
+            j = run.contiguous ? j + 1 : onChain(j);
+        }
     // Where every off-chain child is the same leaf, any node that leaves will do.
     if (run.uniform)
         return anyLeaves(run, j, p) ? run.leaf : run.exit;
@@ -454,14 +511,26 @@ int mrClipQueryIndex::traceSkip(int node, const srVector3T<float>& p1, const srV
     // The first node matters here, not just any: the cones must then look at every
     // plane that could be it, so the walk goes further before they are asked.
     const double out = std::max(outside(run, p1), outside(run, p2));
-    for (int steps = out <= 0.0 ? 0 : TRACE_LINEAR_STEPS; steps > 0; --steps)
+    const int steps = out <= 0.0 ? 0 : TRACE_LINEAR_STEPS;
+    if (run.contiguous && run.side >= 0)
     {
-        if (leaves(j, p1) || leaves(j, p2))
-            return j;
-        if (j == run.last)
+        const int stop = (int)std::min<int64_t>(run.last + 1, (int64_t)node + steps);
+        const bool front = run.side == 0;
+        for (; j < stop; ++j)
+            if ((distance(m_nodes[j], p1) >= 0.0f) == front || (distance(m_nodes[j], p2) >= 0.0f) == front)
+                return j;
+        if (j > run.last)
             return run.exit;
-        j = run.contiguous ? j + 1 : onChain(j);
     }
+    else
+        for (int left = steps; left > 0; --left)
+        {
+            if (leaves(j, p1) || leaves(j, p2))
+                return j;
+            if (j == run.last)
+                return run.exit;
+            j = run.contiguous ? j + 1 : onChain(j);
+        }
     const int first = firstLeaving(run, j, p1, p2);
     return first >= 0 ? first : run.exit;
 }

@@ -140,6 +140,7 @@ private:
         int32_t first, last; // node indices
         int32_t length;      // nodes
         bool contiguous;     // node indices first, first + 1, ..., last
+        int32_t side;        // the slot every node leaves by, or -1 when they differ
         bool uniform;        // every node's off-chain child is the same leaf,
         int32_t leaf;        // this one
         int32_t exit;        // the last node's on-chain child
@@ -167,6 +168,8 @@ private:
     bool anyLeaves(const Run& run, int start, const srVector3T<float>& p) const;
     int firstLeaving(const Run& run, int start, const srVector3T<float>& p1, const srVector3T<float>& p2) const;
     void findRuns();
+    // A chain of `length` nodes from `first` to `last`, their run and leave already set.
+    void addRun(int32_t first, int32_t last, int32_t length);
     void buildRun(Run& run);
     // A plane of a chain while its cones are built: node and unit normal (oriented).
     struct Member
