@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@
 #include <meridbsp/solid/mrSolidBSP.h>
 #include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
+#include "BenchMesh.h"
 #include "support/TestSupport.h"
 
 namespace
@@ -240,6 +243,74 @@ TEST_P(PinnedResults, EveryResultMatchesItsConstant)
 
 INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, PinnedResults, ::testing::ValuesIn(kPinned),
                          [](const ::testing::TestParamInfo<Pinned>& info) { return std::string(info.param.name); });
+
+// The benchmark's curved meshes (noise-displaced blobs, tubes along a torus knot) in both
+// modes, pinned in tests/data/vis_curved_pins.txt: one line per case with the mesh's name,
+// the mode, a hash of the mesh itself (so a changed generator is told apart from changed
+// results), then the outcome as `row` writes it.
+struct CurvedPin
+{
+    std::string mesh;
+    int midSplit;
+    std::string meshHash;
+    std::string expect;
+};
+
+std::vector<CurvedPin> loadCurvedPins()
+{
+    std::vector<CurvedPin> pins;
+    std::istringstream in(mtest::readFile(MERIDBSP_SOURCE_DIR "/tests/data/vis_curved_pins.txt"));
+    for (std::string line; std::getline(in, line);)
+    {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::istringstream fields(line);
+        CurvedPin pin;
+        std::string mode;
+        fields >> pin.mesh >> mode >> pin.meshHash >> std::ws;
+        std::getline(fields, pin.expect);
+        pin.midSplit = mode == "mid_split";
+        pins.push_back(pin);
+    }
+    return pins;
+}
+
+std::string meshHash(srMeshModel& mesh)
+{
+    Bytes b;
+    for (const V& v : mesh.m_verts)
+        b.add(v.x), b.add(v.y), b.add(v.z);
+    for (const srVector3i& t : mesh.m_polyVerts)
+        b.add(t.x), b.add(t.y), b.add(t.z);
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%016" PRIx64, mtest::fnv1a(b.s));
+    return text;
+}
+
+class CurvedResults : public ::testing::TestWithParam<CurvedPin>
+{
+};
+
+TEST_P(CurvedResults, EveryResultMatchesItsPin)
+{
+    const CurvedPin& p = GetParam();
+    std::unique_ptr<BenchMesh> mesh(BenchMesh::generate(p.mesh));
+    ASSERT_NE(mesh, nullptr) << p.mesh;
+    const std::string hash = meshHash(*mesh->mesh());
+    const Outcome o = runPipeline(*mesh->mesh(), p.midSplit, true);
+    if (std::getenv("MERIDBSP_PRINT_PINS"))
+        std::printf("%s %s %s %s\n", p.mesh.c_str(), p.midSplit ? "mid_split" : "normal", hash.c_str(), row(o).c_str());
+    EXPECT_EQ(hash, p.meshHash) << "the generated mesh changed";
+    EXPECT_EQ(row(o), p.expect);
+}
+
+const std::vector<CurvedPin> kCurved = loadCurvedPins();
+
+TEST(CurvedResults, TheTableCoversBlobsAndKnotsInBothModes) { EXPECT_GE(kCurved.size(), 8u); }
+
+INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, CurvedResults, ::testing::ValuesIn(kCurved),
+                         [](const ::testing::TestParamInfo<CurvedPin>& info)
+                         { return info.param.mesh + (info.param.midSplit ? "MidSplit" : "Normal"); });
 
 // ---------------------------------------------------------------------------------------
 // Releasing portals
