@@ -73,43 +73,6 @@ float floatAtOrAbove(double x)
     return f;
 }
 
-// A surface of the list that split counting looks at, with the box of its faces' points
-// (NaN coordinates, which are on every plane, left out).
-struct Counted
-{
-    mrBSPSurface* surface;
-    double mins[3];
-    double maxs[3];
-    bool empty; // no point with a number in every coordinate
-};
-
-// True when no point of the box can be more than 0.01 in front of the plane while
-// another is more than 0.01 behind, as faceSide computes the distances: the box lies
-// wholly (with room to spare for rounding) beyond one of the two tolerance planes.
-bool cannotStraddle(const Counted& c, const mrPlane* plane)
-{
-    if (c.empty)
-        return true;
-    const double n[3] = {plane->m_normal.x, plane->m_normal.y, plane->m_normal.z};
-    const double dist = plane->m_dist;
-    double lo = 0.0, hi = 0.0, size = std::fabs(dist);
-    for (int k = 0; k < 3; ++k)
-    {
-        // Each product of a float normal and a float coordinate is exact in double.
-        double a = n[k] * c.mins[k], b = n[k] * c.maxs[k];
-        lo += a < b ? a : b;
-        hi += a < b ? b : a;
-        size += std::fabs(a) > std::fabs(b) ? std::fabs(a) : std::fabs(b);
-    }
-    lo -= dist;
-    hi -= dist;
-    // faceSide's sums differ from these by a few units in the last place of `size`.
-    const double slack = size * 1e-12;
-    if (!(slack < 1e-3))
-        return false; // too large for the margin to mean anything: count every face
-    return hi < -mrBSPFace::SIDE_EPSILON - slack || lo > mrBSPFace::SIDE_EPSILON + slack;
-}
-
 // True when every surface of the list has a plane, at least one face and bounds that hold
 // all of its faces' points, and every face has a winding with at least one point, all
 // finite. Then the bounds stay true for the whole of generation (faces only change where
@@ -142,14 +105,14 @@ bool boundsHoldFaces(mrBSPSurface* list)
 // SIDE_BACK when no point can be more than 0.01 in front, SIDE_FRONT when every point
 // is more than 0.01 in front, SIDE_ON when the bounds cannot tell. The margins cover the
 // rounding of splitFace's sums and of its distances to float many times over.
-mrPlane::e_side boundsSide(const mrBSPSurface* s, const mrPlane* plane)
+mrPlane::e_side boundsSide(const float* mins, const float* maxs, const mrPlane* plane)
 {
     const double n[3] = {plane->m_normal.x, plane->m_normal.y, plane->m_normal.z};
     const double dist = plane->m_dist;
     double lo = 0.0, hi = 0.0, size = std::fabs(dist);
     for (int k = 0; k < 3; ++k)
     {
-        double a = n[k] * s->m_mins[k], b = n[k] * s->m_maxs[k];
+        double a = n[k] * mins[k], b = n[k] * maxs[k];
         lo += a < b ? a : b;
         hi += a < b ? b : a;
         size += std::fabs(a) > std::fabs(b) ? std::fabs(a) : std::fabs(b);
@@ -178,6 +141,507 @@ void reverseFaces(mrBSPSurface* s)
         reversed = f;
     }
     s->m_faces = reversed;
+}
+// What partition selection and generation keep about one surface of a list, held in
+// the list's order. The plane's numbers, the bounds and the face count are copies, so a
+// node's work reads one array instead of chasing every surface; lower and upper bound the
+// faces the surface's plane cuts among the list's other unmarked surfaces (upper is
+// UNKNOWN_CUTS until a count was exact). `flips` counts the reversals of the face list
+// that dividing has owed it since the faces were last put in order.
+struct SurfaceFact
+{
+    mrBSPSurface* surface;
+    float mins[3], maxs[3];
+    float normal[3], dist;
+    double v;     // the plane's coordinate along its dominant axis (for the box score)
+    int32_t axis; // dominant axis, -1 when there is none
+    int32_t faces;
+    int32_t lower, upper;
+    int32_t flips;
+    int32_t onNode;
+    int32_t fresh; // faces made by this node's cuts (while a node is divided)
+};
+
+const int32_t UNKNOWN_CUTS = 0x3FFFFFFF;
+
+SurfaceFact factOf(mrBSPSurface* s)
+{
+    SurfaceFact f;
+    f.surface = s;
+    for (int k = 0; k < 3; ++k)
+    {
+        f.mins[k] = s->m_mins[k];
+        f.maxs[k] = s->m_maxs[k];
+    }
+    f.axis = -1;
+    f.v = 0.0;
+    f.normal[0] = f.normal[1] = f.normal[2] = f.dist = 0.0f;
+    if (s->m_plane)
+    {
+        for (int k = 0; k < 3; ++k)
+            f.normal[k] = s->m_plane->m_normal[k];
+        f.dist = s->m_plane->m_dist;
+        f.axis = dominantAxis(s->m_plane);
+        if (f.axis >= 0)
+            f.v = (double)s->m_plane->m_normal[f.axis] * (double)s->m_plane->m_dist;
+    }
+    f.faces = 0;
+    for (mrBSPFace* face = s->m_faces; face; face = face->m_next)
+        ++f.faces;
+    f.lower = 0;
+    f.upper = UNKNOWN_CUTS;
+    f.flips = 0;
+    f.onNode = s->m_onNode;
+    f.fresh = 0;
+    return f;
+}
+
+// The box score of a fact's plane, exactly as scoreOnAxis computes it.
+double factScore(const SurfaceFact& f, const srVector3T<float>& mins, const srVector3T<float>& maxs)
+{
+    const int a = f.axis;
+    double lo = f.v - (double)mins[a];
+    double hi = (double)maxs[a] - f.v;
+    double score = lo * lo + hi * hi;
+    for (int k = 0; k < 3; ++k)
+    {
+        if (k == a)
+            continue;
+        double e = (double)maxs[k] - (double)mins[k];
+        score = score + 2.0 * (e * e);
+    }
+    return score;
+}
+
+// A box of points as faceSide sees them, in double.
+struct CutBox
+{
+    double mins[3];
+    double maxs[3];
+    bool empty; // no point with a number in every coordinate
+};
+
+const CutBox NO_BOX{{INFINITY, INFINITY, INFINITY}, {-INFINITY, -INFINITY, -INFINITY}, true};
+
+void unite(CutBox& into, const CutBox& b)
+{
+    if (b.empty)
+        return;
+    into.empty = false;
+    for (int k = 0; k < 3; ++k)
+    {
+        into.mins[k] = std::min(into.mins[k], b.mins[k]);
+        into.maxs[k] = std::max(into.maxs[k], b.maxs[k]);
+    }
+}
+
+// A plane made ready for box tests.
+struct BoxTest
+{
+    double n[3], an[3], dist;
+    double s0, s1; // the rounding margin for a box reaching `reach` from the origin: s0 + s1 reach
+
+    BoxTest(const float* normal, float planeDist)
+    {
+        for (int k = 0; k < 3; ++k)
+        {
+            n[k] = normal[k];
+            an[k] = std::fabs(n[k]);
+        }
+        dist = planeDist;
+        s0 = std::fabs(dist) * 1e-12;
+        s1 = (an[0] + an[1] + an[2]) * 1e-12;
+    }
+    explicit BoxTest(const mrPlane* p) : BoxTest(&p->m_normal.x, p->m_dist) {}
+};
+
+// Boxes kept as centres and half extents, each with the largest magnitude of its
+// coordinates.
+class BoxSet
+{
+public:
+    void clear()
+    {
+        for (std::vector<double>* v : {&m_c[0], &m_c[1], &m_c[2], &m_e[0], &m_e[1], &m_e[2], &m_reach})
+            v->clear();
+        m_empty.clear();
+    }
+    void add(const CutBox& b)
+    {
+        double reach = 0.0;
+        for (int k = 0; k < 3; ++k)
+        {
+            const double lo = b.empty ? 0.0 : b.mins[k], hi = b.empty ? 0.0 : b.maxs[k];
+            m_c[k].push_back(0.5 * (lo + hi));
+            m_e[k].push_back(0.5 * (hi - lo));
+            reach = std::max(reach, std::max(std::fabs(lo), std::fabs(hi)));
+        }
+        m_reach.push_back(reach);
+        m_empty.push_back(b.empty);
+    }
+    size_t size() const { return m_reach.size(); }
+
+    // True when no point of box i can be more than 0.01 in front of the plane while
+    // another is more than 0.01 behind, as faceSide computes the distances: the box lies
+    // wholly (with room to spare for rounding) on one side of one of the two tolerance
+    // planes. The centre, the half extents and the sums below are within a few units in
+    // the last place of |dist| + |n| . reach of the exact values, and so are faceSide's
+    // distances; the margin is a million times that.
+    bool cannotStraddle(const BoxTest& p, size_t i) const
+    {
+        if (m_empty[i])
+            return true;
+        const double t = p.n[0] * m_c[0][i] + p.n[1] * m_c[1][i] + p.n[2] * m_c[2][i] - p.dist;
+        const double r = p.an[0] * m_e[0][i] + p.an[1] * m_e[1][i] + p.an[2] * m_e[2][i];
+        const double slack = p.s0 + p.s1 * m_reach[i];
+        if (!(slack < 1e-3))
+            return false; // too large for the margin to mean anything: count every face
+        // No point beyond the front tolerance, or none beyond the back one.
+        return t + r < mrBSPFace::SIDE_EPSILON - slack || t - r > -mrBSPFace::SIDE_EPSILON + slack;
+    }
+
+private:
+    std::vector<double> m_c[3], m_e[3], m_reach;
+    std::vector<unsigned char> m_empty;
+};
+
+// Counts the cuts of candidate planes through the faces of a list and makes the choice of
+// choosePlaneInListOrder with far less counting.
+//
+// That walk keeps a best count B and a best score (a float). A candidate whose faces cut
+// fewer than B faces in all is taken outright. Otherwise its count stops early: the faces
+// of the surface in which it reaches B are not counted further, and one cut in any later
+// surface puts it over B. So it ties with B, and is taken when its score D is at most the
+// best score, exactly when it cuts at least B faces and none beyond that surface.
+//
+// Let m be the fewest cuts of any candidate and f the first candidate in list order that
+// cuts m. f is taken outright (B is above m until then), and from then on only candidates
+// that tie with B = m can be taken. Among f and the later ties, those with D above T, the
+// smallest float at or above their lowest D, never win: one with D at most T is taken over
+// them (the float kept for them is at least T), and is never displaced by them (its float
+// is at most T). So: find m, find f, look at the later candidates by increasing D only
+// while D is at most T, and walk what is left in list order.
+//
+// Counting order does not change a count stopped at a limit, so m is found from the
+// candidates most likely to cut little first, and a candidate whose lower bound already
+// reaches the best count so far is not counted at all. The bounds come from the parent
+// node (see SurfaceFact) and are tightened by every count made here.
+class FewestCutsChoice
+{
+public:
+    enum
+    {
+        NONE = -1,  // no candidate
+        PLAIN = -2, // out of the ordinary: make the choice by the list walk
+    };
+
+    // The position in `order` of the choice. order: the list, as numbers of facts in list
+    // order; boxes: the points' box of each surface's faces by position, or null to take
+    // the facts' own bounds (when they hold every point).
+    int choose(mrSolidBSP& bsp, std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order,
+               const std::vector<CutBox>* boxes, const srVector3T<float>& mins, const srVector3T<float>& maxs,
+               int allowZUp)
+    {
+        m_bsp = &bsp;
+        m_facts = &facts;
+        m_order = &order;
+        m_boxes = boxes;
+        m_blocksBuilt = false;
+        m_candidates.clear();
+        for (uint32_t i = 0; i < order.size(); ++i)
+        {
+            const SurfaceFact& f = facts[order[i]];
+            if (f.onNode)
+                continue;
+            if (!f.surface->m_plane || f.axis < 0)
+                return PLAIN; // the walk makes the reports, in their order
+            if (!allowZUp && f.normal[2] == 1.0f)
+                continue;
+            double score = factScore(f, mins, maxs);
+            if (!(score <= 1e30))
+                return PLAIN;
+            m_candidates.push_back({i, score});
+        }
+        if (m_candidates.empty())
+            return NONE;
+        const size_t n = m_candidates.size();
+        m_mostFaces = 0;
+        for (uint32_t i : order)
+            if (!facts[i].onNode)
+                m_mostFaces = std::max(m_mostFaces, facts[i].faces);
+
+        // m: the candidate with the lowest bound first, then the rest in list order.
+        size_t start = 0;
+        for (size_t c = 1; c < n; ++c)
+            if (fact(c).lower < fact(start).lower ||
+                (fact(c).lower == fact(start).lower && fact(c).upper < fact(start).upper))
+                start = c;
+        int fewest = 99999;
+        for (size_t k = 0; k < n; ++k)
+        {
+            const size_t c = k == 0 ? start : (k <= start ? k - 1 : k);
+            SurfaceFact& f = fact(c);
+            if (f.lower >= fewest)
+                continue;
+            if (f.lower != f.upper)
+                count(c, fewest + EXTRA);
+            if (f.lower == f.upper && f.lower < fewest)
+                fewest = f.lower;
+        }
+        if (fewest >= 99999)
+            return PLAIN;
+
+        // f: the first candidate in list order that cuts exactly m.
+        size_t first = n;
+        for (size_t c = 0; c < n && first == n; ++c)
+        {
+            SurfaceFact& f = fact(c);
+            if (f.lower > fewest)
+                continue;
+            if (f.lower != f.upper)
+                count(c, fewest + 1 + EXTRA);
+            if (f.lower == f.upper && f.lower == fewest)
+                first = c;
+        }
+        if (first == n)
+            return PLAIN; // cannot happen: the candidate that set m cuts m
+
+        // The later ties, by increasing D, while D is at most T.
+        double lowest = m_candidates[first].score;
+        float limit = floatAtOrAbove(lowest);
+        m_later.clear();
+        for (size_t c = first + 1; c < n; ++c)
+            if (m_candidates[c].score <= (double)limit)
+                m_later.push_back(c);
+        std::sort(m_later.begin(), m_later.end(),
+                  [this](size_t a, size_t b) { return m_candidates[a].score < m_candidates[b].score; });
+        m_group.assign(1, first);
+        for (size_t c : m_later)
+        {
+            const double score = m_candidates[c].score;
+            if (score > (double)limit)
+                break;
+            if (!walkTies(c, fewest))
+                continue;
+            m_group.push_back(c);
+            if (score < lowest)
+            {
+                lowest = score;
+                limit = floatAtOrAbove(lowest);
+            }
+        }
+
+        // The list walk over what is left: its first member is taken outright.
+        std::sort(m_group.begin(), m_group.end());
+        int chosen = NONE;
+        float bestScore = 0.0f;
+        for (size_t c : m_group)
+        {
+            const double score = m_candidates[c].score;
+            if (score > (double)limit)
+                continue;
+            if (chosen == NONE || score <= (double)bestScore)
+            {
+                chosen = (int)m_candidates[c].fact;
+                bestScore = (float)score;
+            }
+        }
+        return chosen;
+    }
+
+private:
+    // Cuts counted past the limit a choice needs, so that the bound handed down to the
+    // children stays useful for a few levels.
+    static const int EXTRA = 16;
+    static const size_t BLOCK = 16;
+
+    struct Candidate
+    {
+        uint32_t fact;
+        double score;
+    };
+
+    SurfaceFact& at(size_t position) { return (*m_facts)[(*m_order)[position]]; }
+    SurfaceFact& fact(size_t candidate) { return at(m_candidates[candidate].fact); }
+
+    CutBox boxOf(uint32_t i)
+    {
+        if (m_boxes)
+            return (*m_boxes)[i];
+        const SurfaceFact& f = at(i);
+        CutBox b;
+        for (int k = 0; k < 3; ++k)
+        {
+            b.mins[k] = f.mins[k];
+            b.maxs[k] = f.maxs[k];
+        }
+        b.empty = false;
+        return b;
+    }
+
+    // Unmarked surfaces in runs of BLOCK along the list, each run with its box, and runs
+    // of BLOCK runs with theirs: a plane that cannot straddle a box cannot cut any face in
+    // it, so the whole run is passed over. Built on the first count a node needs.
+    void buildBlocks()
+    {
+        m_blocksBuilt = true;
+        m_entries.clear();
+        m_entryBoxes.clear();
+        m_blockBoxes.clear();
+        m_groupBoxes.clear();
+        std::vector<CutBox>& boxes = m_scratch;
+        boxes.clear();
+        for (uint32_t i = 0; i < m_order->size(); ++i)
+            if (!at(i).onNode)
+            {
+                m_entries.push_back(i);
+                boxes.push_back(boxOf(i));
+                m_entryBoxes.add(boxes.back());
+            }
+        CutBox group = NO_BOX;
+        for (size_t i = 0; i < boxes.size(); i += BLOCK)
+        {
+            CutBox b = NO_BOX;
+            for (size_t j = i; j < boxes.size() && j < i + BLOCK; ++j)
+                unite(b, boxes[j]);
+            m_blockBoxes.add(b);
+            unite(group, b);
+            if ((i / BLOCK) % BLOCK == BLOCK - 1 || i + BLOCK >= boxes.size())
+            {
+                m_groupBoxes.add(group);
+                group = NO_BOX;
+            }
+        }
+    }
+
+    // Calls visit(surface) for every unmarked surface of the list other than `self` whose
+    // box the plane may straddle, in list order, until visit returns true.
+    template <class Visit> void eachNear(uint32_t self, const mrPlane* plane, Visit visit)
+    {
+        if (!m_blocksBuilt)
+            buildBlocks();
+        const BoxTest test(plane);
+        const mrBSPSurface* own = at(self).surface;
+        const size_t entries = m_entries.size(), blocks = m_blockBoxes.size();
+        for (size_t g = 0; g < m_groupBoxes.size(); ++g)
+        {
+            if (m_groupBoxes.cannotStraddle(test, g))
+                continue;
+            for (size_t b = g * BLOCK; b < blocks && b < (g + 1) * BLOCK; ++b)
+            {
+                if (m_blockBoxes.cannotStraddle(test, b))
+                    continue;
+                for (size_t j = b * BLOCK; j < entries && j < (b + 1) * BLOCK; ++j)
+                {
+                    if (m_entryBoxes.cannotStraddle(test, j))
+                        continue;
+                    mrBSPSurface* s = at(m_entries[j]).surface;
+                    if (s != own && visit(s))
+                        return;
+                }
+            }
+        }
+    }
+
+    // Counts the candidate's cuts up to `limit` and tightens its bounds.
+    void count(size_t candidate, int limit)
+    {
+        SurfaceFact& f = fact(candidate);
+        const mrPlane* plane = f.surface->m_plane;
+        int cuts = 0;
+        eachNear(m_candidates[candidate].fact, plane,
+                 [&](mrBSPSurface* s)
+                 {
+                     for (mrBSPFace* face = s->m_faces; face; face = face->m_next)
+                         if (m_bsp->faceSide(face, const_cast<mrPlane*>(plane)) == mrPlane::SIDE_ON && ++cuts >= limit)
+                             return true;
+                     return false;
+                 });
+        if (cuts < limit)
+            f.lower = f.upper = cuts;
+        else if (limit > f.lower)
+            f.lower = limit;
+    }
+
+    // Whether the list walk, with best count `best` = m, ends the candidate's count at
+    // exactly m (see above). Surfaces without cuts add nothing and stop nothing, so only
+    // the others are visited.
+    bool walkTies(size_t candidate, int best)
+    {
+        // The walk reaches m and stops for good at the surface of the m-th cut, so it ends
+        // at m exactly when the cuts number m, or more but all past the m-th in that one
+        // surface: never when they number m + (the most faces a surface has) or more, and
+        // with m = 0 only when there are none. Counting settles most candidates (and the
+        // count is kept as a bound); the walk itself is left for the rest.
+        SurfaceFact& f = fact(candidate);
+        const int32_t reach = best == 0 ? 1 : best + m_mostFaces;
+        if (f.lower != f.upper && f.lower < reach)
+            count(candidate, reach + EXTRA);
+        if (f.lower == f.upper && f.lower == best)
+            return true; // its last cut brings it to m
+        if (f.lower >= reach)
+            return false;
+        return walkCount(candidate, best) == best;
+    }
+
+    int walkCount(size_t candidate, int best)
+    {
+        const mrPlane* plane = fact(candidate).surface->m_plane;
+        int cuts = 0;
+        eachNear(m_candidates[candidate].fact, plane,
+                 [&](mrBSPSurface* s)
+                 {
+                     for (mrBSPFace* face = s->m_faces; face; face = face->m_next)
+                         if (m_bsp->faceSide(face, const_cast<mrPlane*>(plane)) == mrPlane::SIDE_ON && ++cuts >= best)
+                             break;
+                     return cuts > best;
+                 });
+        return cuts;
+    }
+
+    mrSolidBSP* m_bsp = nullptr;
+    std::vector<SurfaceFact>* m_facts = nullptr;
+    const std::vector<uint32_t>* m_order = nullptr;
+    const std::vector<CutBox>* m_boxes = nullptr;
+    std::vector<Candidate> m_candidates;
+    std::vector<size_t> m_later;
+    std::vector<size_t> m_group;
+    bool m_blocksBuilt = false;
+    int32_t m_mostFaces = 0;         // the most faces an unmarked surface of the list has
+    std::vector<uint32_t> m_entries; // positions of the unmarked surfaces, in list order
+    BoxSet m_entryBoxes, m_blockBoxes, m_groupBoxes;
+    std::vector<CutBox> m_scratch;
+};
+
+// The surfaces of a list as a linked list again, in the list's order and with every face
+// list in the order dividing would have left it.
+mrBSPSurface* materialize(std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order)
+{
+    mrBSPSurface* head = nullptr;
+    for (size_t i = order.size(); i-- > 0;)
+    {
+        SurfaceFact& f = facts[order[i]];
+        if (f.flips & 1)
+            reverseFaces(f.surface);
+        f.flips = 0;
+        f.surface->m_next = head;
+        head = f.surface;
+    }
+    return head;
+}
+
+// True when every plane of the list has finite numbers: then every plane has a dominant
+// axis and lies on itself, which the generation by facts relies on.
+bool planesFinite(mrBSPSurface* list)
+{
+    for (mrBSPSurface* s = list; s; s = s->m_next)
+    {
+        const mrPlane* p = s->m_plane;
+        if (!p || !std::isfinite(p->m_normal.x) || !std::isfinite(p->m_normal.y) || !std::isfinite(p->m_normal.z) ||
+            !std::isfinite(p->m_dist))
+            return false;
+    }
+    return true;
 }
 } // namespace
 
@@ -226,62 +690,18 @@ mrBSPSurface* mrSolidBSP::choosePlaneFromList(mrBSPSurface* list, srVector3T<flo
 mrBSPSurface* mrSolidBSP::choosePlaneWith(mrBSPSurface* list, const srVector3T<float>& mins,
                                           const srVector3T<float>& maxs, int allowZUp, bool trustBounds)
 {
-    // The choice choosePlaneInListOrder makes, found with far less counting.
-    //
-    // That walk keeps a best count B and a best score (a float). A candidate whose faces
-    // cut fewer than B faces in all is taken outright. Otherwise its count stops early:
-    // the faces of the surface in which it reaches B are not counted further, and one cut
-    // in any later surface puts it over B. So it ties with B, and is taken when its score
-    // D is at most the best score, exactly when it cuts at least B faces and none beyond
-    // that surface.
-    //
-    // Let m be the fewest cuts of any candidate and f the first candidate in list order
-    // that cuts m. f is taken outright (B is above m until then), and from then on only
-    // candidates that tie with B = m can be taken. Among f and the later ties, those with
-    // D above T, the smallest float at or above their lowest D, never win: one with D at
-    // most T is taken over them (the float kept for them is at least T), and is never
-    // displaced by them (its float is at most T). So: find m, find f, look at the later
-    // candidates by increasing D only while D is at most T, and walk what is left in list
-    // order. On a convex piece of mesh (m = 0) that is a few counts per node instead of
-    // one per candidate.
-    //
-    // Anything out of the ordinary (a missing plane, a normal without a dominant axis, a
-    // score beyond 1e30, counts near the starting best of 99999) goes the plain way,
-    // which also makes the reports in their order.
-    struct Candidate
-    {
-        mrBSPSurface* surface;
-        double score;
-        uint32_t order;
-        int count; // cuts: the true number when `exact`, else a lower bound
-        bool exact;
-    };
-    // Kept between calls (one set per thread), so a deep tree does not allocate them anew
-    // at every node.
-    thread_local std::vector<Candidate> candidates;
-    thread_local std::vector<Counted> counted;
-    thread_local std::vector<Candidate> later;
-    candidates.clear();
-    counted.clear();
-    later.clear();
+    // The choice choosePlaneInListOrder makes, found with far less counting (see
+    // FewestCutsChoice).
+    std::vector<SurfaceFact> facts;
+    std::vector<CutBox> boxes;
     for (mrBSPSurface* s = list; s; s = s->m_next)
     {
-        if (s->m_onNode)
-            continue;
-        if (!s->m_plane)
-            return choosePlaneInListOrder(list, mins, maxs, allowZUp);
-        Counted c{s, {INFINITY, INFINITY, INFINITY}, {-INFINITY, -INFINITY, -INFINITY}, true};
+        facts.push_back(factOf(s));
         if (trustBounds)
-        {
-            // The surface's own bounds hold its points (see boundsHoldFaces).
-            c.empty = false;
-            for (int k = 0; k < 3; ++k)
-            {
-                c.mins[k] = s->m_mins[k];
-                c.maxs[k] = s->m_maxs[k];
-            }
-        }
-        for (mrBSPFace* f = trustBounds ? nullptr : s->m_faces; f; f = f->m_next)
+            continue;
+        // The box of the faces' points (NaN coordinates, which are on every plane, left out).
+        CutBox c{{INFINITY, INFINITY, INFINITY}, {-INFINITY, -INFINITY, -INFINITY}, true};
+        for (mrBSPFace* f = s->m_faces; f; f = f->m_next)
         {
             mrWinding* w = f->m_winding;
             if (w && (uint32_t)w->m_numpoints > w->m_points.m_size)
@@ -310,158 +730,16 @@ mrBSPSurface* mrSolidBSP::choosePlaneWith(mrBSPSurface* list, const srVector3T<f
                 }
             }
         }
-        counted.push_back(c);
-        if (!allowZUp && s->m_plane->m_normal.z == 1.0f)
-            continue;
-        int axis = dominantAxis(s->m_plane);
-        if (axis < 0)
-            return choosePlaneInListOrder(list, mins, maxs, allowZUp);
-        double score = scoreOnAxis(s->m_plane, axis, mins, maxs);
-        if (!(score <= 1e30))
-            return choosePlaneInListOrder(list, mins, maxs, allowZUp);
-        candidates.push_back({s, score, (uint32_t)candidates.size(), 0, false});
+        boxes.push_back(c);
     }
-    if (candidates.empty())
-        return nullptr;
-
-    // Surfaces in runs of BLOCK along the list, each run with the box around its
-    // surfaces' boxes: a plane that cannot straddle a run's box cannot cut any face of
-    // it, so the whole run is passed over. Passing over surfaces without cuts changes no
-    // count and no early stop (see walkCount).
-    const size_t BLOCK = 16;
-    thread_local std::vector<Counted> blocks;
-    blocks.clear();
-    for (size_t i = 0; i < counted.size(); i += BLOCK)
-    {
-        Counted b{nullptr, {INFINITY, INFINITY, INFINITY}, {-INFINITY, -INFINITY, -INFINITY}, true};
-        for (size_t j = i; j < counted.size() && j < i + BLOCK; ++j)
-        {
-            const Counted& c = counted[j];
-            if (c.empty)
-                continue;
-            b.empty = false;
-            for (int k = 0; k < 3; ++k)
-            {
-                b.mins[k] = std::min(b.mins[k], c.mins[k]);
-                b.maxs[k] = std::max(b.maxs[k], c.maxs[k]);
-            }
-        }
-        blocks.push_back(b);
-    }
-    // Calls visit(c) for every surface other than s whose box s's plane may straddle, in
-    // list order, until visit returns true.
-    auto eachNear = [&](mrBSPSurface* s, auto visit)
-    {
-        for (size_t b = 0; b < blocks.size(); ++b)
-        {
-            if (cannotStraddle(blocks[b], s->m_plane))
-                continue;
-            for (size_t j = b * BLOCK; j < counted.size() && j < (b + 1) * BLOCK; ++j)
-            {
-                const Counted& c = counted[j];
-                if (c.surface != s && !cannotStraddle(c, s->m_plane) && visit(c))
-                    return;
-            }
-        }
-    };
-
-    // Cuts of s's plane through the faces of the other surfaces, counted up to `limit`.
-    auto countCuts = [&](mrBSPSurface* s, int limit)
-    {
-        int cuts = 0;
-        if (limit <= 0)
-            return cuts; // nothing to find out: no count is below 0
-        eachNear(s,
-                 [&](const Counted& c)
-                 {
-                     for (mrBSPFace* f = c.surface->m_faces; f; f = f->m_next)
-                         if (faceSide(f, s->m_plane) == mrPlane::SIDE_ON && ++cuts >= limit)
-                             return true;
-                     return false;
-                 });
-        return cuts;
-    };
-    // The count the list walk makes with best count `best` (see choosePlaneInListOrder).
-    // Surfaces without cuts add nothing and stop nothing, so only the others are visited.
-    auto walkCount = [&](mrBSPSurface* s, int best)
-    {
-        int cuts = 0;
-        eachNear(s,
-                 [&](const Counted& c)
-                 {
-                     for (mrBSPFace* f = c.surface->m_faces; f; f = f->m_next)
-                         if (faceSide(f, s->m_plane) == mrPlane::SIDE_ON && ++cuts >= best)
-                             break;
-                     return cuts > best;
-                 });
-        return cuts;
-    };
-
-    // m: every candidate counted only as far as the fewest cuts so far.
-    int fewest = 99999;
-    for (Candidate& c : candidates)
-    {
-        c.count = countCuts(c.surface, fewest);
-        c.exact = c.count < fewest;
-        if (c.exact)
-            fewest = c.count;
-    }
-    if (fewest >= 99999)
+    std::vector<uint32_t> order(facts.size());
+    for (uint32_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    FewestCutsChoice choice;
+    int chosen = choice.choose(*this, facts, order, trustBounds ? nullptr : &boxes, mins, maxs, allowZUp);
+    if (chosen == FewestCutsChoice::PLAIN)
         return choosePlaneInListOrder(list, mins, maxs, allowZUp);
-
-    // f: the first candidate that cuts exactly m faces.
-    size_t first = 0;
-    for (;; ++first)
-    {
-        Candidate& c = candidates[first];
-        if (!c.exact && c.count == fewest)
-        {
-            c.count = countCuts(c.surface, fewest + 1);
-            c.exact = c.count <= fewest;
-        }
-        if (c.exact && c.count == fewest)
-            break;
-    }
-
-    // The later ties, by increasing D, while D is at most T.
-    later.assign(candidates.begin() + (long)first + 1, candidates.end());
-    auto higher = [](const Candidate& a, const Candidate& b) { return a.score > b.score; };
-    std::make_heap(later.begin(), later.end(), higher);
-    std::vector<Candidate> group(1, candidates[first]);
-    double lowest = candidates[first].score;
-    float limit = floatAtOrAbove(lowest);
-    while (!later.empty())
-    {
-        std::pop_heap(later.begin(), later.end(), higher);
-        const Candidate c = later.back();
-        later.pop_back();
-        if (c.score > (double)limit)
-            break;
-        if (walkCount(c.surface, fewest) != fewest)
-            continue;
-        group.push_back(c);
-        if (c.score < lowest)
-        {
-            lowest = c.score;
-            limit = floatAtOrAbove(lowest);
-        }
-    }
-
-    // The list walk over what is left: its first member is taken outright.
-    std::sort(group.begin(), group.end(), [](const Candidate& a, const Candidate& b) { return a.order < b.order; });
-    mrBSPSurface* chosen = nullptr;
-    float bestScore = 0.0f;
-    for (const Candidate& c : group)
-    {
-        if (c.score > (double)limit)
-            continue;
-        if (!chosen || c.score <= (double)bestScore)
-        {
-            chosen = c.surface;
-            bestScore = (float)c.score;
-        }
-    }
-    return chosen;
+    return chosen < 0 ? nullptr : facts[(size_t)chosen].surface;
 }
 
 mrBSPSurface* mrSolidBSP::choosePlaneInListOrder(mrBSPSurface* list, const srVector3T<float>& mins,
@@ -602,9 +880,14 @@ void mrSolidBSP::partitionSurfaces(mrBSPSurface* list, mrBSPNode* node)
         mrBSPSurface* list;
         mrBSPNode* node;
     };
+    const bool trustBounds = boundsHoldFaces(list);
+    if (trustBounds && planesFinite(list))
+    {
+        partitionByFacts(list, node);
+        return;
+    }
     std::vector<Work> stack;
     stack.push_back({list, node});
-    const bool trustBounds = boundsHoldFaces(list);
     while (!stack.empty())
     {
         Work w = stack.back();
@@ -659,7 +942,7 @@ bool mrSolidBSP::partitionNode(mrBSPSurface* list, mrBSPNode* node, bool trustBo
         mrPlane* inplane = p->m_plane;
         if (trustBounds && !(inplane->m_normal.x == plane->m_normal.x && inplane->m_normal.y == plane->m_normal.y &&
                              inplane->m_normal.z == plane->m_normal.z))
-            whole = boundsSide(p, plane);
+            whole = boundsSide(&p->m_mins.x, &p->m_maxs.x, plane);
         if (whole == mrPlane::SIDE_BACK)
         {
             reverseFaces(p);
@@ -869,4 +1152,290 @@ mrBSPFace* mrSolidBSP::linkNodeFaces(mrBSPSurface* surface)
         result = copy;
     }
     return result;
+}
+
+void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
+{
+    // Every surface has a fact (see SurfaceFact) in one array, and the list of each node
+    // is an array of fact numbers in list order; the surfaces' links are only set again
+    // where a list becomes a leaf. A surface that goes to one side whole moves as its
+    // number; only the surfaces the plane may cut are divided with dividePlane. The
+    // children's lists are the parent's in reverse order, as dividePlane's callers build
+    // them.
+    std::vector<SurfaceFact> facts;
+    struct Work
+    {
+        std::vector<uint32_t> list;
+        mrBSPNode* node;
+    };
+    std::vector<Work> stack;
+    stack.push_back({{}, head});
+    for (mrBSPSurface* s = list; s; s = s->m_next)
+    {
+        stack.back().list.push_back((uint32_t)facts.size());
+        facts.push_back(factOf(s));
+    }
+
+    FewestCutsChoice choice;
+    BoxSet goneBoxes;
+    // Faces counted at a node that a child will not hold unchanged, as boxes with counts:
+    // a plane that cannot straddle such a box loses none of its cuts with them. Past
+    // GONE_BOXES of them only their union is kept.
+    const size_t GONE_BOXES = 64;
+    std::vector<std::pair<CutBox, int32_t>> gone[2];
+    CutBox goneAll[2];
+    std::vector<uint32_t> front;
+    while (!stack.empty())
+    {
+        Work work = std::move(stack.back());
+        stack.pop_back();
+        std::vector<uint32_t>& order = work.list;
+        mrBSPNode* node = work.node;
+
+        // selectPartition on the facts.
+        int candidates = 0, last = -1;
+        srVector3T<float> mins(99999.0f, 99999.0f, 99999.0f);
+        srVector3T<float> maxs(-99999.0f, -99999.0f, -99999.0f);
+        for (size_t i = 0; i < order.size(); ++i)
+        {
+            const SurfaceFact& f = facts[order[i]];
+            if (!f.onNode)
+            {
+                ++candidates;
+                last = (int)i;
+            }
+            for (int k = 0; k < 3; ++k)
+            {
+                if (f.mins[k] < mins[k])
+                    mins[k] = f.mins[k];
+                if (f.maxs[k] > maxs[k])
+                    maxs[k] = f.maxs[k];
+            }
+        }
+        int split = -1;
+        if (candidates == 1)
+            split = last;
+        else if (candidates > 1 && m_midSplit)
+        {
+            float bestScore = 402653184.0f; // 6 * 8192^2
+            int firstCandidate = -1;
+            for (size_t i = 0; i < order.size(); ++i)
+            {
+                const SurfaceFact& f = facts[order[i]];
+                if (f.onNode)
+                    continue;
+                if (firstCandidate < 0)
+                    firstCandidate = (int)i;
+                double score = factScore(f, mins, maxs);
+                if (score <= (double)bestScore)
+                {
+                    split = (int)i;
+                    bestScore = (float)score;
+                }
+            }
+            if (split < 0)
+                split = firstCandidate;
+        }
+        else if (candidates > 1)
+        {
+            split = choice.choose(*this, facts, order, nullptr, mins, maxs, 0);
+            if (split == FewestCutsChoice::PLAIN)
+            {
+                mrBSPSurface* chosen = choosePlaneInListOrder(materialize(facts, order), mins, maxs, 0);
+                split = -1;
+                for (size_t i = 0; i < order.size() && chosen; ++i)
+                    if (facts[order[i]].surface == chosen)
+                        split = (int)i;
+            }
+        }
+
+        if (split < 0)
+        {
+            node->m_plane = nullptr;
+            linkConvexFaces(materialize(facts, order), node);
+            continue;
+        }
+
+        ++m_numSplitNodes;
+        node->m_children[0] = new mrBSPNode;
+        node->m_children[1] = new mrBSPNode;
+        mrBSPSurface* splitter = facts[order[(size_t)split]].surface;
+        mrPlane* plane = splitter->m_plane;
+        node->m_plane = plane;
+        divideNodeBounds(node, plane);
+
+        // Faces whose cuts the lists' bounds count (those of unmarked surfaces).
+        const bool counting = !m_midSplit;
+        int64_t countable = 0;
+        if (counting)
+            for (uint32_t i : order)
+                if (!facts[i].onNode)
+                    countable += facts[i].faces;
+        for (int side = 0; side < 2; ++side)
+        {
+            gone[side].clear();
+            goneAll[side] = NO_BOX;
+        }
+        auto leaves = [&](const SurfaceFact& f, int side)
+        {
+            if (f.onNode || !counting)
+                return;
+            CutBox b;
+            for (int k = 0; k < 3; ++k)
+            {
+                b.mins[k] = f.mins[k];
+                b.maxs[k] = f.maxs[k];
+            }
+            b.empty = false;
+            unite(goneAll[side], b);
+            if (gone[side].size() <= GONE_BOXES)
+                gone[side].push_back({b, f.faces});
+        };
+
+        // The back list is gathered in place over the parent's, the front one apart.
+        front.clear();
+        size_t backCount = 0;
+        const size_t n = order.size();
+        for (size_t i = 0; i < n; ++i)
+        {
+            const uint32_t id = order[i];
+            SurfaceFact& f = facts[id];
+            f.fresh = 0;
+            mrBSPSurface* p = f.surface;
+            if (f.normal[0] == plane->m_normal.x && f.normal[1] == plane->m_normal.y &&
+                f.normal[2] == plane->m_normal.z)
+            {
+                // dividePlane's parallel case: the faces are not touched.
+                int side = f.dist > plane->m_dist ? 0 : 1;
+                if (f.dist == plane->m_dist)
+                {
+                    leaves(f, 0);
+                    leaves(f, 1);
+                    p->m_onNode = 1;
+                    f.onNode = 1;
+                    side = 0;
+                }
+                else
+                    leaves(f, 1 - side);
+                if (side == 0)
+                    front.push_back(id);
+                else
+                    order[backCount++] = id;
+                continue;
+            }
+            mrPlane::e_side whole = boundsSide(f.mins, f.maxs, plane);
+            if (whole != mrPlane::SIDE_ON)
+            {
+                // Every face goes to one side, so dividePlane would reverse the list.
+                ++f.flips;
+                const int side = whole == mrPlane::SIDE_FRONT ? 0 : 1;
+                leaves(f, 1 - side);
+                if (side == 0)
+                    front.push_back(id);
+                else
+                    order[backCount++] = id;
+                continue;
+            }
+            // Whatever dividePlane does, the faces as they are now leave the other side
+            // (and, cut, this one too).
+            leaves(f, 0);
+            leaves(f, 1);
+            if (f.flips & 1)
+                reverseFaces(p);
+            f.flips = 0;
+            mrBSPSurface* parts[2] = {nullptr, nullptr};
+            dividePlane(p, plane, &parts[0], &parts[1]);
+            const int32_t before = f.faces;
+            int32_t faces[2] = {0, 0};
+            for (int side = 0; side < 2; ++side)
+            {
+                mrBSPSurface* s = parts[side];
+                if (!s)
+                    continue;
+                if (!s->m_faces)
+                    srAssertFail("0", kSource, __LINE__, "surface with no faces");
+                for (mrBSPFace* face = s->m_faces; face; face = face->m_next)
+                    ++faces[side];
+            }
+            uint32_t ids[2] = {id, id};
+            if (parts[0] && parts[1])
+            {
+                // The back part is a new surface with a fact of its own; both have new
+                // bounds, and each cut face left one new piece on either side.
+                ids[1] = (uint32_t)facts.size();
+                const SurfaceFact copy = facts[id];
+                facts.push_back(copy);
+                for (int side = 0; side < 2; ++side)
+                {
+                    SurfaceFact& part = facts[ids[side]];
+                    mrBSPSurface* s = parts[side];
+                    part.surface = s;
+                    part.faces = faces[side];
+                    part.fresh = faces[0] + faces[1] - before;
+                    part.onNode = s->m_onNode;
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        part.mins[k] = s->m_mins[k];
+                        part.maxs[k] = s->m_maxs[k];
+                    }
+                }
+            }
+            if (parts[0])
+                front.push_back(ids[0]);
+            if (parts[1])
+                order[backCount++] = ids[1];
+        }
+        order.resize(backCount);
+        // The splitter lies on its own plane and was marked above.
+        splitter->m_onNode = 1;
+
+        std::vector<uint32_t>* sides[2] = {&front, &order};
+        for (int side = 0; side < 2; ++side)
+        {
+            std::vector<uint32_t>& v = *sides[side];
+            std::reverse(v.begin(), v.end());
+            if (!counting)
+                continue;
+            int64_t unchanged = 0, made = 0;
+            for (uint32_t i : v)
+                if (!facts[i].onNode)
+                {
+                    unchanged += facts[i].faces - facts[i].fresh;
+                    made += facts[i].fresh;
+                }
+            // A plane's cuts among this child's faces: at least those of its cuts in the
+            // parent that are still here unchanged, at most those plus the new pieces.
+            const int64_t lost = countable - unchanged;
+            goneBoxes.clear();
+            for (const auto& g : gone[side])
+                goneBoxes.add(g.first);
+            goneBoxes.add(goneAll[side]);
+            const size_t whole = gone[side].size();
+            const bool few = whole <= GONE_BOXES;
+            for (uint32_t i : v)
+            {
+                SurfaceFact& f = facts[i];
+                int64_t drop = lost;
+                if (f.lower > 0)
+                {
+                    const BoxTest test(f.normal, f.dist);
+                    if (goneBoxes.cannotStraddle(test, whole))
+                        drop = 0;
+                    else if (few)
+                    {
+                        drop = 0;
+                        for (size_t g = 0; g < whole; ++g)
+                            if (!goneBoxes.cannotStraddle(test, g))
+                                drop += gone[side][g].second;
+                        drop = std::min(drop, lost);
+                    }
+                }
+                f.lower = (int32_t)std::max<int64_t>(0, (int64_t)f.lower - drop);
+                if (f.upper < UNKNOWN_CUTS)
+                    f.upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, f.upper + made);
+            }
+        }
+        stack.push_back({std::move(order), node->m_children[1]});
+        stack.push_back({front, node->m_children[0]});
+    }
 }

@@ -69,4 +69,8 @@ private:
     // partitionSurfaces), so whole surfaces may be placed by their bounds.
     bool partitionNode(mrBSPSurface* list, mrBSPNode* node, bool trustBounds, mrBSPSurface** frontList,
                        mrBSPSurface** backList);
+    // partitionSurfaces for a list whose bounds hold its faces and whose planes are
+    // finite: the same tree, with each node's list kept as an array of what the choice
+    // and the division read, and bounds on every plane's cuts handed down to the children.
+    void partitionByFacts(mrBSPSurface* list, mrBSPNode* head);
 };
