@@ -253,6 +253,43 @@ struct BoxTest
         s1 = (an[0] + an[1] + an[2]) * 1e-12;
     }
     explicit BoxTest(const mrPlane* p) : BoxTest(&p->m_normal.x, p->m_dist) {}
+
+    // See BoxSet::cannotStraddle.
+    bool cannotStraddle(const double* c, const double* e, double reach) const
+    {
+        const double t = n[0] * c[0] + n[1] * c[1] + n[2] * c[2] - dist;
+        const double r = an[0] * e[0] + an[1] * e[1] + an[2] * e[2];
+        const double slack = s0 + s1 * reach;
+        if (!(slack < 1e-3))
+            return false; // too large for the margin to mean anything: count every face
+        // No point beyond the front tolerance, or none beyond the back one.
+        return t + r < mrBSPFace::SIDE_EPSILON - slack || t - r > -mrBSPFace::SIDE_EPSILON + slack;
+    }
+};
+
+// A box as centre, half extents and the largest magnitude of its coordinates, for
+// BoxTest.
+struct PointBox
+{
+    double c[3], e[3], reach;
+    bool empty;
+
+    template <class T> static PointBox of(const T* mins, const T* maxs, bool empty)
+    {
+        PointBox b;
+        b.reach = 0.0;
+        b.empty = empty;
+        for (int k = 0; k < 3; ++k)
+        {
+            const double lo = empty ? 0.0 : (double)mins[k], hi = empty ? 0.0 : (double)maxs[k];
+            b.c[k] = 0.5 * (lo + hi);
+            b.e[k] = 0.5 * (hi - lo);
+            b.reach = std::max(b.reach, std::max(std::fabs(lo), std::fabs(hi)));
+        }
+        return b;
+    }
+    static PointBox of(const CutBox& b) { return of(b.mins, b.maxs, b.empty); }
+    static PointBox of(const SurfaceFact& f) { return of(f.mins, f.maxs, false); }
 };
 
 // Boxes kept as centres and half extents, each with the largest magnitude of its
@@ -291,13 +328,8 @@ public:
     {
         if (m_empty[i])
             return true;
-        const double t = p.n[0] * m_c[0][i] + p.n[1] * m_c[1][i] + p.n[2] * m_c[2][i] - p.dist;
-        const double r = p.an[0] * m_e[0][i] + p.an[1] * m_e[1][i] + p.an[2] * m_e[2][i];
-        const double slack = p.s0 + p.s1 * m_reach[i];
-        if (!(slack < 1e-3))
-            return false; // too large for the margin to mean anything: count every face
-        // No point beyond the front tolerance, or none beyond the back one.
-        return t + r < mrBSPFace::SIDE_EPSILON - slack || t - r > -mrBSPFace::SIDE_EPSILON + slack;
+        const double c[3] = {m_c[0][i], m_c[1][i], m_c[2][i]}, e[3] = {m_e[0][i], m_e[1][i], m_e[2][i]};
+        return p.cannotStraddle(c, e, m_reach[i]);
     }
 
 private:
@@ -339,13 +371,14 @@ public:
     // order; boxes: the points' box of each surface's faces by position, or null to take
     // the facts' own bounds (when they hold every point).
     int choose(mrSolidBSP& bsp, std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order,
-               const std::vector<CutBox>* boxes, const srVector3T<float>& mins, const srVector3T<float>& maxs,
-               int allowZUp)
+               const std::vector<CutBox>* boxes, const std::vector<PointBox>& pointBoxes, const srVector3T<float>& mins,
+               const srVector3T<float>& maxs, int allowZUp)
     {
         m_bsp = &bsp;
         m_facts = &facts;
         m_order = &order;
         m_boxes = boxes;
+        m_pointBoxes = &pointBoxes;
         m_blocksBuilt = false;
         m_candidates.clear();
         for (uint32_t i = 0; i < order.size(); ++i)
@@ -410,14 +443,19 @@ public:
         double lowest = m_candidates[first].score;
         float limit = floatAtOrAbove(lowest);
         m_later.clear();
+        // (Candidates whose bounds already rule out a tie are left out.)
+        const int32_t reach = tieReach(fewest);
         for (size_t c = first + 1; c < n; ++c)
-            if (m_candidates[c].score <= (double)limit)
+            if (m_candidates[c].score <= (double)limit && fact(c).lower < reach)
                 m_later.push_back(c);
-        std::sort(m_later.begin(), m_later.end(),
-                  [this](size_t a, size_t b) { return m_candidates[a].score < m_candidates[b].score; });
+        auto higher = [this](size_t a, size_t b) { return m_candidates[a].score > m_candidates[b].score; };
+        std::make_heap(m_later.begin(), m_later.end(), higher);
         m_group.assign(1, first);
-        for (size_t c : m_later)
+        while (!m_later.empty())
         {
+            std::pop_heap(m_later.begin(), m_later.end(), higher);
+            const size_t c = m_later.back();
+            m_later.pop_back();
             const double score = m_candidates[c].score;
             if (score > (double)limit)
                 break;
@@ -452,7 +490,7 @@ public:
 private:
     // Cuts counted past the limit a choice needs, so that the bound handed down to the
     // children stays useful for a few levels.
-    static const int EXTRA = 16;
+    static const int EXTRA = 64;
     static const size_t BLOCK = 16;
 
     struct Candidate
@@ -464,49 +502,49 @@ private:
     SurfaceFact& at(size_t position) { return (*m_facts)[(*m_order)[position]]; }
     SurfaceFact& fact(size_t candidate) { return at(m_candidates[candidate].fact); }
 
-    CutBox boxOf(uint32_t i)
-    {
-        if (m_boxes)
-            return (*m_boxes)[i];
-        const SurfaceFact& f = at(i);
-        CutBox b;
-        for (int k = 0; k < 3; ++k)
-        {
-            b.mins[k] = f.mins[k];
-            b.maxs[k] = f.maxs[k];
-        }
-        b.empty = false;
-        return b;
-    }
-
     // Unmarked surfaces in runs of BLOCK along the list, each run with its box, and runs
     // of BLOCK runs with theirs: a plane that cannot straddle a box cannot cut any face in
     // it, so the whole run is passed over. Built on the first count a node needs.
     void buildBlocks()
     {
         m_blocksBuilt = true;
-        m_entries.clear();
-        m_entryBoxes.clear();
         m_blockBoxes.clear();
         m_groupBoxes.clear();
-        std::vector<CutBox>& boxes = m_scratch;
-        boxes.clear();
-        for (uint32_t i = 0; i < m_order->size(); ++i)
-            if (!at(i).onNode)
-            {
-                m_entries.push_back(i);
-                boxes.push_back(boxOf(i));
-                m_entryBoxes.add(boxes.back());
-            }
+        const size_t n = m_order->size();
         CutBox group = NO_BOX;
-        for (size_t i = 0; i < boxes.size(); i += BLOCK)
+        for (size_t i = 0; i < n; i += BLOCK)
         {
             CutBox b = NO_BOX;
-            for (size_t j = i; j < boxes.size() && j < i + BLOCK; ++j)
-                unite(b, boxes[j]);
+            if (m_boxes)
+            {
+                for (size_t j = i; j < n && j < i + BLOCK; ++j)
+                    if (!at(j).onNode)
+                        unite(b, (*m_boxes)[(*m_order)[j]]);
+            }
+            else
+            {
+                float lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+                for (size_t j = i; j < n && j < i + BLOCK; ++j)
+                {
+                    const SurfaceFact& f = at(j);
+                    if (f.onNode)
+                        continue;
+                    b.empty = false;
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        lo[k] = std::min(lo[k], f.mins[k]);
+                        hi[k] = std::max(hi[k], f.maxs[k]);
+                    }
+                }
+                for (int k = 0; k < 3; ++k)
+                {
+                    b.mins[k] = lo[k];
+                    b.maxs[k] = hi[k];
+                }
+            }
             m_blockBoxes.add(b);
             unite(group, b);
-            if ((i / BLOCK) % BLOCK == BLOCK - 1 || i + BLOCK >= boxes.size())
+            if ((i / BLOCK) % BLOCK == BLOCK - 1 || i + BLOCK >= n)
             {
                 m_groupBoxes.add(group);
                 group = NO_BOX;
@@ -522,7 +560,7 @@ private:
             buildBlocks();
         const BoxTest test(plane);
         const mrBSPSurface* own = at(self).surface;
-        const size_t entries = m_entries.size(), blocks = m_blockBoxes.size();
+        const size_t n = m_order->size(), blocks = m_blockBoxes.size();
         for (size_t g = 0; g < m_groupBoxes.size(); ++g)
         {
             if (m_groupBoxes.cannotStraddle(test, g))
@@ -531,12 +569,15 @@ private:
             {
                 if (m_blockBoxes.cannotStraddle(test, b))
                     continue;
-                for (size_t j = b * BLOCK; j < entries && j < (b + 1) * BLOCK; ++j)
+                for (size_t j = b * BLOCK; j < n && j < (b + 1) * BLOCK; ++j)
                 {
-                    if (m_entryBoxes.cannotStraddle(test, j))
+                    const SurfaceFact& f = at(j);
+                    if (f.onNode || f.surface == own)
                         continue;
-                    mrBSPSurface* s = at(m_entries[j]).surface;
-                    if (s != own && visit(s))
+                    const PointBox& box = (*m_pointBoxes)[(*m_order)[j]];
+                    if (box.empty || test.cannotStraddle(box.c, box.e, box.reach))
+                        continue;
+                    if (visit(f.surface))
                         return;
                 }
             }
@@ -574,7 +615,7 @@ private:
         // with m = 0 only when there are none. Counting settles most candidates (and the
         // count is kept as a bound); the walk itself is left for the rest.
         SurfaceFact& f = fact(candidate);
-        const int32_t reach = best == 0 ? 1 : best + m_mostFaces;
+        const int32_t reach = tieReach(best);
         if (f.lower != f.upper && f.lower < reach)
             count(candidate, reach + EXTRA);
         if (f.lower == f.upper && f.lower == best)
@@ -583,6 +624,9 @@ private:
             return false;
         return walkCount(candidate, best) == best;
     }
+
+    // The fewest cuts with which a candidate can no longer tie with `best`.
+    int32_t tieReach(int best) const { return best == 0 ? 1 : best + m_mostFaces; }
 
     int walkCount(size_t candidate, int best)
     {
@@ -603,14 +647,13 @@ private:
     std::vector<SurfaceFact>* m_facts = nullptr;
     const std::vector<uint32_t>* m_order = nullptr;
     const std::vector<CutBox>* m_boxes = nullptr;
+    const std::vector<PointBox>* m_pointBoxes = nullptr;
     std::vector<Candidate> m_candidates;
     std::vector<size_t> m_later;
     std::vector<size_t> m_group;
     bool m_blocksBuilt = false;
-    int32_t m_mostFaces = 0;         // the most faces an unmarked surface of the list has
-    std::vector<uint32_t> m_entries; // positions of the unmarked surfaces, in list order
-    BoxSet m_entryBoxes, m_blockBoxes, m_groupBoxes;
-    std::vector<CutBox> m_scratch;
+    int32_t m_mostFaces = 0; // the most faces an unmarked surface of the list has
+    BoxSet m_blockBoxes, m_groupBoxes;
 };
 
 // The surfaces of a list as a linked list again, in the list's order and with every face
@@ -736,7 +779,10 @@ mrBSPSurface* mrSolidBSP::choosePlaneWith(mrBSPSurface* list, const srVector3T<f
     for (uint32_t i = 0; i < order.size(); ++i)
         order[i] = i;
     FewestCutsChoice choice;
-    int chosen = choice.choose(*this, facts, order, trustBounds ? nullptr : &boxes, mins, maxs, allowZUp);
+    std::vector<PointBox> pointBoxes;
+    for (size_t i = 0; i < facts.size(); ++i)
+        pointBoxes.push_back(trustBounds ? PointBox::of(facts[i]) : PointBox::of(boxes[i]));
+    int chosen = choice.choose(*this, facts, order, trustBounds ? nullptr : &boxes, pointBoxes, mins, maxs, allowZUp);
     if (chosen == FewestCutsChoice::PLAIN)
         return choosePlaneInListOrder(list, mins, maxs, allowZUp);
     return chosen < 0 ? nullptr : facts[(size_t)chosen].surface;
@@ -1163,6 +1209,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
     // children's lists are the parent's in reverse order, as dividePlane's callers build
     // them.
     std::vector<SurfaceFact> facts;
+    std::vector<PointBox> pointBoxes; // the facts' bounds, for box tests
     struct Work
     {
         std::vector<uint32_t> list;
@@ -1174,16 +1221,17 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
     {
         stack.back().list.push_back((uint32_t)facts.size());
         facts.push_back(factOf(s));
+        pointBoxes.push_back(PointBox::of(facts.back()));
     }
 
     FewestCutsChoice choice;
-    BoxSet goneBoxes;
+    BoxSet goneBoxes, goneGroups;
     // Faces counted at a node that a child will not hold unchanged, as boxes with counts:
     // a plane that cannot straddle such a box loses none of its cuts with them. Past
-    // GONE_BOXES of them only their union is kept.
-    const size_t GONE_BOXES = 64;
-    std::vector<std::pair<CutBox, int32_t>> gone[2];
-    CutBox goneAll[2];
+    // GONE_BOXES of them all count for every plane.
+    const size_t GONE_BOXES = 1 << 16, GONE_GROUP = 16;
+    std::vector<uint32_t> goneWhole[2];                    // surfaces that go to the other side whole
+    std::vector<std::pair<CutBox, int32_t>> goneCut, gone; // surfaces divided, as they were
     std::vector<uint32_t> front;
     while (!stack.empty())
     {
@@ -1238,7 +1286,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         }
         else if (candidates > 1)
         {
-            split = choice.choose(*this, facts, order, nullptr, mins, maxs, 0);
+            split = choice.choose(*this, facts, order, nullptr, pointBoxes, mins, maxs, 0);
             if (split == FewestCutsChoice::PLAIN)
             {
                 mrBSPSurface* chosen = choosePlaneInListOrder(materialize(facts, order), mins, maxs, 0);
@@ -1272,13 +1320,16 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 if (!facts[i].onNode)
                     countable += facts[i].faces;
         for (int side = 0; side < 2; ++side)
+            goneWhole[side].clear();
+        goneCut.clear();
+        auto leaves = [&](uint32_t id, int side)
         {
-            gone[side].clear();
-            goneAll[side] = NO_BOX;
-        }
-        auto leaves = [&](const SurfaceFact& f, int side)
+            if (counting && !facts[id].onNode)
+                goneWhole[side].push_back(id);
+        };
+        auto cut = [&](const SurfaceFact& f)
         {
-            if (f.onNode || !counting)
+            if (!counting || f.onNode)
                 return;
             CutBox b;
             for (int k = 0; k < 3; ++k)
@@ -1287,9 +1338,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 b.maxs[k] = f.maxs[k];
             }
             b.empty = false;
-            unite(goneAll[side], b);
-            if (gone[side].size() <= GONE_BOXES)
-                gone[side].push_back({b, f.faces});
+            goneCut.push_back({b, f.faces});
         };
 
         // The back list is gathered in place over the parent's, the front one apart.
@@ -1309,14 +1358,14 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 int side = f.dist > plane->m_dist ? 0 : 1;
                 if (f.dist == plane->m_dist)
                 {
-                    leaves(f, 0);
-                    leaves(f, 1);
+                    leaves(id, 0);
+                    leaves(id, 1);
                     p->m_onNode = 1;
                     f.onNode = 1;
                     side = 0;
                 }
                 else
-                    leaves(f, 1 - side);
+                    leaves(id, 1 - side);
                 if (side == 0)
                     front.push_back(id);
                 else
@@ -1329,7 +1378,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 // Every face goes to one side, so dividePlane would reverse the list.
                 ++f.flips;
                 const int side = whole == mrPlane::SIDE_FRONT ? 0 : 1;
-                leaves(f, 1 - side);
+                leaves(id, 1 - side);
                 if (side == 0)
                     front.push_back(id);
                 else
@@ -1338,8 +1387,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             }
             // Whatever dividePlane does, the faces as they are now leave the other side
             // (and, cut, this one too).
-            leaves(f, 0);
-            leaves(f, 1);
+            cut(f);
             if (f.flips & 1)
                 reverseFaces(p);
             f.flips = 0;
@@ -1365,6 +1413,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 ids[1] = (uint32_t)facts.size();
                 const SurfaceFact copy = facts[id];
                 facts.push_back(copy);
+                pointBoxes.push_back(PointBox());
                 for (int side = 0; side < 2; ++side)
                 {
                     SurfaceFact& part = facts[ids[side]];
@@ -1378,6 +1427,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                         part.mins[k] = s->m_mins[k];
                         part.maxs[k] = s->m_maxs[k];
                     }
+                    pointBoxes[ids[side]] = PointBox::of(part);
                 }
             }
             if (parts[0])
@@ -1406,11 +1456,46 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             // A plane's cuts among this child's faces: at least those of its cuts in the
             // parent that are still here unchanged, at most those plus the new pieces.
             const int64_t lost = countable - unchanged;
+            bool bounded = false;
+            for (uint32_t i : v)
+                bounded = bounded || facts[i].lower > 0;
+            if (!bounded)
+            {
+                for (uint32_t i : v)
+                    if (facts[i].upper < UNKNOWN_CUTS)
+                        facts[i].upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, facts[i].upper + made);
+                continue;
+            }
+            gone.clear();
+            for (uint32_t id : goneWhole[side])
+            {
+                const SurfaceFact& f = facts[id];
+                CutBox b;
+                for (int k = 0; k < 3; ++k)
+                {
+                    b.mins[k] = f.mins[k];
+                    b.maxs[k] = f.maxs[k];
+                }
+                b.empty = false;
+                gone.push_back({b, f.faces});
+            }
+            gone.insert(gone.end(), goneCut.begin(), goneCut.end());
             goneBoxes.clear();
-            for (const auto& g : gone[side])
-                goneBoxes.add(g.first);
-            goneBoxes.add(goneAll[side]);
-            const size_t whole = gone[side].size();
+            goneGroups.clear();
+            const size_t whole = gone.size();
+            CutBox all = NO_BOX;
+            for (size_t g = 0; g < whole; g += GONE_GROUP)
+            {
+                CutBox u = NO_BOX;
+                for (size_t h = g; h < whole && h < g + GONE_GROUP; ++h)
+                {
+                    goneBoxes.add(gone[h].first);
+                    unite(u, gone[h].first);
+                }
+                goneGroups.add(u);
+                unite(all, u);
+            }
+            goneGroups.add(all);
             const bool few = whole <= GONE_BOXES;
             for (uint32_t i : v)
             {
@@ -1419,14 +1504,20 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 if (f.lower > 0)
                 {
                     const BoxTest test(f.normal, f.dist);
-                    if (goneBoxes.cannotStraddle(test, whole))
+                    if (goneGroups.cannotStraddle(test, goneGroups.size() - 1))
                         drop = 0;
                     else if (few)
                     {
+                        // Only the boxes the plane may straddle; past the bound, nothing is left.
                         drop = 0;
-                        for (size_t g = 0; g < whole; ++g)
-                            if (!goneBoxes.cannotStraddle(test, g))
-                                drop += gone[side][g].second;
+                        for (size_t g = 0; g < whole && drop < f.lower; g += GONE_GROUP)
+                        {
+                            if (goneGroups.cannotStraddle(test, g / GONE_GROUP))
+                                continue;
+                            for (size_t h = g; h < whole && h < g + GONE_GROUP; ++h)
+                                if (!goneBoxes.cannotStraddle(test, h))
+                                    drop += gone[h].second;
+                        }
                         drop = std::min(drop, lost);
                     }
                 }
