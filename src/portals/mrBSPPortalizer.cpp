@@ -47,6 +47,8 @@ const char* const PORTAL_FILE = "test.prt";
 // How far the outer portals stand off the head node's box.
 const float HEADNODE_MARGIN = 24.0f;
 const uint32_t NUM_MATERIALS = 256;
+// The tolerance within which clip and divide count a point as on the plane.
+const double WINDING_EPSILON = 0.01;
 
 // Open only while writePortalfile runs.
 FILE* s_portalFile = nullptr;
@@ -85,6 +87,52 @@ std::string& lineBuffer()
 {
     static std::string buffer;
     return buffer;
+}
+
+// The box of a winding's points; false when it has none or a point is not finite.
+bool windingBox(const mrWinding* w, float* mins, float* maxs)
+{
+    if (!w || w->m_numpoints < 1 || (uint32_t)w->m_numpoints > w->m_points.m_size)
+        return false;
+    for (int k = 0; k < 3; ++k)
+    {
+        mins[k] = INFINITY;
+        maxs[k] = -INFINITY;
+    }
+    const srVector3T<float>* points = w->m_points.m_data;
+    for (int i = 0; i < w->m_numpoints; ++i)
+        for (int k = 0; k < 3; ++k)
+        {
+            const float v = points[i][k];
+            if (!std::isfinite(v))
+                return false;
+            mins[k] = std::min(mins[k], v);
+            maxs[k] = std::max(maxs[k], v);
+        }
+    return true;
+}
+
+// Bounds on the distances of a box's points from a plane, as clip and divide compute
+// them, widened by far more than their rounding: false when the box is too far out for
+// the margin to mean anything.
+bool distanceRange(const float* mins, const float* maxs, const float* plane, double& lo, double& hi)
+{
+    lo = hi = 0.0;
+    double size = std::fabs((double)plane[3]);
+    for (int k = 0; k < 3; ++k)
+    {
+        // Each product of a float normal and a float coordinate is exact in double.
+        double a = (double)plane[k] * mins[k], b = (double)plane[k] * maxs[k];
+        lo += a < b ? a : b;
+        hi += a < b ? b : a;
+        size += std::max(std::fabs(a), std::fabs(b));
+    }
+    const double slack = size * 1e-12;
+    if (!(slack < 1e-3))
+        return false;
+    lo -= (double)plane[3] + slack;
+    hi -= (double)plane[3] - slack;
+    return true;
 }
 
 bool sameContents(const mrBSPPortal* p)
@@ -169,14 +217,19 @@ void mrBSPPortalizer::makeHeadnodePortals(mrBSPNode* node)
         }
 }
 
-// One portal of a node's list: which of its two lists continues at the node, and its
-// plane and winding as they were when the entry was made (used only to fetch ahead).
+// One portal of a node's list: which of its two lists continues at the node, and the
+// numbers of its plane.
 struct mrBSPPortalizer::PortalEntry
 {
     mrBSPPortal* portal;
     int side;
-    const void* plane;
-    const void* winding;
+    float plane[4]; // the portal's plane: normal and distance
+
+    static PortalEntry of(mrBSPPortal* p, int side)
+    {
+        const mrPlane* plane = p->m_plane;
+        return {p, side, {plane->m_normal.x, plane->m_normal.y, plane->m_normal.z, plane->m_dist}};
+    }
 };
 
 void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
@@ -239,7 +292,7 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
                 mislinked = true; // reported where each walk reaches it
                 break;
             }
-            entries.push_back({p, side, p->m_plane, p->m_winding});
+            entries.push_back(PortalEntry::of(p, side));
             p = p->m_next[side];
         }
     }
@@ -253,9 +306,9 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
     {
         addPortalToNodes(p, f, b);
         if (f == front || f == back)
-            children[f == front ? 0 : 1].push_back({p, 0, p->m_plane, p->m_winding});
+            children[f == front ? 0 : 1].push_back(PortalEntry::of(p, 0));
         if (b == front || b == back)
-            children[b == front ? 0 : 1].push_back({p, 1, p->m_plane, p->m_winding});
+            children[b == front ? 0 : 1].push_back(PortalEntry::of(p, 1));
     };
 
     mrBSPPortal* newPortal = new mrBSPPortal;
@@ -263,30 +316,34 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
     mrWinding* w = new mrWinding(4);
     w->baseFromPlane(*node->m_plane);
 
-    // Clip the node's polygon to its cell: the inside of every portal that bounds it.
+    // Clip the node's polygon to its cell: the inside of every portal that bounds it. A
+    // clip that can find no point of the polygon behind the plane leaves it as it is, so
+    // it is not made; the polygon's box says when.
     bool clippedAway = false;
+    float wmins[3], wmaxs[3];
+    bool wboxed = windingBox(w, wmins, wmaxs);
     for (size_t i = 0; i < count; ++i)
     {
-        if (i + 2 * ahead < count)
-            __builtin_prefetch(entries[i + 2 * ahead].plane);
-        if (i + ahead < count)
-            __builtin_prefetch(entries[i + ahead].portal);
         const PortalEntry& e = entries[i];
-        mrPlane plane = *e.portal->m_plane;
+        float numbers[4] = {e.plane[0], e.plane[1], e.plane[2], e.plane[3]};
         if (e.side == 1)
+            for (float& v : numbers)
+                v = -v;
+        double lo, hi;
+        if (wboxed && distanceRange(wmins, wmaxs, numbers, lo, hi) && lo > -WINDING_EPSILON)
+            continue;
+        mrPlane plane(numbers[0], numbers[1], numbers[2], numbers[3]);
+        mrWinding* clipped = mrWinding::clip(w, &plane, 1);
+        if (!clipped)
         {
-            plane.m_normal.x = -plane.m_normal.x;
-            plane.m_normal.y = -plane.m_normal.y;
-            plane.m_normal.z = -plane.m_normal.z;
-            plane.m_dist = -plane.m_dist;
-        }
-        w = mrWinding::clip(w, &plane, 1);
-        if (!w)
-        {
+            w = nullptr;
             m_num_degenerate++;
             clippedAway = true;
             break;
         }
+        if (clipped != w)
+            wboxed = windingBox(clipped, wmins, wmaxs);
+        w = clipped;
     }
     if (mislinked && !clippedAway)
         srAssertFail("0", SOURCE, __LINE__, "CutNodePortals_r: mislinked portal");
@@ -303,19 +360,17 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
     for (size_t i = 0; i < count; ++i)
     {
         if (i + 2 * ahead < count)
-        {
             __builtin_prefetch(entries[i + 2 * ahead].portal);
-            __builtin_prefetch(entries[i + 2 * ahead].winding);
-        }
         if (i + ahead < count)
         {
-            const PortalEntry& e = entries[i + ahead];
-            __builtin_prefetch(e.portal->m_nodes[1 - e.side]);
-            if (e.portal->m_winding)
-                __builtin_prefetch(e.portal->m_winding->m_points.m_data);
+            const PortalEntry& next = entries[i + ahead];
+            __builtin_prefetch(next.portal->m_nodes[1 - next.side]);
+            if (next.portal->m_winding)
+                __builtin_prefetch(next.portal->m_winding->m_points.m_data);
         }
-        mrBSPPortal* p = entries[i].portal;
-        const int side = entries[i].side;
+        const PortalEntry& e = entries[i];
+        mrBSPPortal* p = e.portal;
+        const int side = e.side;
         mrBSPNode* other = p->m_nodes[1 - side];
 
         removePortalFromNode(p, p->m_nodes[0]);
