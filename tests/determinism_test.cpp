@@ -256,6 +256,8 @@ struct CurvedPin
     std::string expect;
 };
 
+void PrintTo(const CurvedPin& p, std::ostream* os) { *os << p.mesh << (p.midSplit ? " mid_split" : " normal"); }
+
 std::vector<CurvedPin> loadCurvedPins()
 {
     std::vector<CurvedPin> pins;
