@@ -654,7 +654,7 @@ TEST(ClipIO, SaveFileReplacesAtomicallyAndLoadFileReads)
     EXPECT_EQ(error.rfind(dir.file("missing/test.mrc") + ": cannot create a temporary file beside it: ", 0), 0u);
     std::filesystem::create_directory(dir.file("adir"));
     EXPECT_FALSE(io().saveFile(dir.file("adir"), {slab.get()}, &error));
-    EXPECT_EQ(error.rfind(dir.file("adir") + ": cannot move the written file into place: ", 0), 0u) << error;
+    EXPECT_EQ(error, dir.file("adir") + ": is a directory, not a file name");
     EXPECT_FALSE(io().loadFile(dir.file("none.mrc"), loaded, &error));
     EXPECT_EQ(error, dir.file("none.mrc") + ": cannot open: No such file or directory");
     EXPECT_FALSE(io().loadFile(dir.file("adir"), loaded, &error));

@@ -1,14 +1,22 @@
 // The engine stand-ins: class registry, parameter blocks and their notifications,
-// the output stream, the core object and the mesh model. (The assertion routine is
+// the output stream, safe output files, the core object and the mesh model. (The assertion routine is
 // exercised through the recorder by every suite.)
+#include <cstring>
+#include <filesystem>
 #include <iostream>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <meridbsp/platform/core/mrCore.h>
+#include <meridbsp/platform/core/mrOutputFile.h>
 #include <meridbsp/platform/core/mrParamBlock.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srOutput.h>
 #include <meridbsp/platform/dx/srTexture.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "support/TestSupport.h"
 
@@ -104,6 +112,97 @@ TEST(Output, GoesToStandardErrorByDefaultAndPrintfAndStreamGoToTheCapturedTarget
     EXPECT_EQ(log.text(), "Generated 6 planes\nline two\n");
     srPrintf("%s\n", std::string(2000, 'x').c_str());
     EXPECT_EQ(log.lines().back().size(), 2000u);
+}
+
+// Never a path under /dev: a writer that renamed over its output would replace the
+// machine's device node. Pipes, links and sockets are made in a temporary directory.
+TEST(OutputFile, ReplacesFilesFollowsLinksWritesThroughPipesAndRefusesTheRest)
+{
+    mtest::TempDir dir;
+    std::string error;
+    auto write = [&](const std::string& name, const std::string& bytes)
+    {
+        error.clear();
+        return mrOutputFile::writeFile(dir.file(name), bytes.data(), bytes.size(), error);
+    };
+
+    // A file is replaced and keeps its permissions; a link stays a link, the file behind
+    // it (there or not yet) is written.
+    mtest::writeFile(dir.file("old"), "old");
+    ::chmod(dir.file("old").c_str(), 0640);
+    ASSERT_TRUE(write("old", "new")) << error;
+    EXPECT_EQ(mtest::readFile(dir.file("old")), "new");
+    struct stat st;
+    ASSERT_EQ(::stat(dir.file("old").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    std::filesystem::create_symlink("old", dir.file("link"));
+    std::filesystem::create_symlink("later", dir.file("dangling"));
+    ASSERT_TRUE(write("link", "via link")) << error;
+    ASSERT_TRUE(write("dangling", "made")) << error;
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link")));
+    EXPECT_EQ(mtest::readFile(dir.file("old")), "via link");
+    EXPECT_EQ(mtest::readFile(dir.file("later")), "made");
+
+    // A named pipe gets the bytes and stays a pipe (its read end is open first and never
+    // blocks, so a writer that replaced it cannot hang the test).
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    int reader = ::open(dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    ASSERT_TRUE(write("pipe", "through the pipe")) << error;
+    char buf[64] = {};
+    EXPECT_EQ(::read(reader, buf, sizeof buf - 1), 16);
+    EXPECT_STREQ(buf, "through the pipe");
+    ::close(reader);
+    EXPECT_TRUE(std::filesystem::is_fifo(dir.file("pipe")));
+
+    // A descriptor the caller holds, written through once the bytes are complete.
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    mrOutputFile out;
+    ASSERT_TRUE(out.openDescriptor(fds[1], "-", error)) << error;
+    ASSERT_TRUE(out.write("abc", 3, error));
+    ASSERT_TRUE(out.commit(error)) << error;
+    ::close(fds[1]);
+    EXPECT_EQ(::read(fds[0], buf, sizeof buf), 3);
+    ::close(fds[0]);
+
+    // Refused: a directory, a socket, a loop of links; a missing directory fails on the
+    // temporary file, and check() says so before anything is made.
+    std::filesystem::create_directory(dir.file("sub"));
+    int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(dir.file("sock").size(), sizeof addr.sun_path);
+    std::strcpy(addr.sun_path, dir.file("sock").c_str());
+    ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    std::filesystem::create_symlink("loop2", dir.file("loop1"));
+    std::filesystem::create_symlink("loop1", dir.file("loop2"));
+    const std::pair<const char*, const char*> refused[] = {
+        {"sub", "is a directory, not a file name"},
+        {"sub/", "is a directory, not a file name"},
+        {"sock", "is a socket, not a file"},
+        {"loop1", "cannot follow the symbolic link: Too many levels of symbolic links"},
+        {"missing/x", "cannot create a temporary file beside it: No such file or directory"},
+    };
+    for (const auto& r : refused)
+    {
+        EXPECT_FALSE(write(r.first, "x")) << r.first;
+        EXPECT_EQ(error, dir.file(r.first) + ": " + r.second);
+    }
+    ::close(sock);
+    EXPECT_FALSE(mrOutputFile::check(dir.file("missing/x"), error));
+    EXPECT_EQ(error, "cannot write into directory " + dir.file("missing") + ": No such file or directory");
+    EXPECT_TRUE(mrOutputFile::check(dir.file("pipe"), error));
+
+    // Abandoned half-way: the earlier file stays, and no temporary file is left.
+    {
+        mrOutputFile half;
+        ASSERT_TRUE(half.open(dir.file("old"), error));
+        ASSERT_TRUE(half.write("partial", 7, error));
+    }
+    EXPECT_EQ(mtest::readFile(dir.file("old")), "via link");
+    for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+        EXPECT_EQ(e.path().filename().string().find(".tmp"), std::string::npos) << e.path();
 }
 
 TEST(Core, UninitialisedCoreReportsAndGivesNoManager)

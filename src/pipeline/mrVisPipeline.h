@@ -30,8 +30,8 @@ public:
         // true: the plane that divides the box most evenly, which is much faster on curved
         // meshes and gives a different tree.
         bool midSplit = false;
-        // Where the portal file goes. Empty: no portal file. The file is written beside
-        // the target and renamed into place.
+        // Where the portal file goes. Empty: no portal file. Written through mrOutputFile:
+        // complete or not at all, a device or named pipe written through.
         std::string portalFile;
         // When set, the portal file goes into this stream instead (the caller opened it and
         // closes it), and portalFile only names it in the log line. For callers that put

@@ -9,6 +9,7 @@
 #include <meridbsp/platform/core/mrClassIOHandler.h>
 #include <meridbsp/platform/core/mrIOEntry.h>
 #include <meridbsp/platform/core/mrIOManager.h>
+#include <meridbsp/platform/core/mrOutputFile.h>
 #include <meridbsp/platform/dx/srClass.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,23 +48,6 @@ void releaseAll(std::vector<srClass*>& objects)
         if (o)
             o->release();
     objects.clear();
-}
-
-bool writeAll(int fd, const unsigned char* data, size_t size)
-{
-    while (size > 0)
-    {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0)
-        {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        data += n;
-        size -= (size_t)n;
-    }
-    return true;
 }
 } // namespace
 
@@ -158,47 +142,10 @@ bool mrIOManager::saveFile(const std::string& path, const std::vector<srClass*>&
         return false;
     }
 
-    // A temporary file beside the target, so the final rename stays on one file system
-    // and replaces the target in one step.
-    std::string tmpl = path + ".tmp-XXXXXX";
-    std::vector<char> name(tmpl.begin(), tmpl.end());
-    name.push_back('\0');
-    int fd = ::mkstemp(name.data());
-    if (fd < 0)
+    std::string failure;
+    if (!mrOutputFile::writeFile(path, bytes.data(), bytes.size(), failure))
     {
-        setError(error, path + ": cannot create a temporary file beside it: " + std::strerror(errno));
-        return false;
-    }
-    // Keep the mode of the file being replaced; a new file gets rw-r--r--.
-    struct stat st;
-    mode_t mode = (::stat(path.c_str(), &st) == 0) ? (st.st_mode & 07777) : 0644;
-    if (::fchmod(fd, mode) != 0)
-    {
-        // Not worth losing the save over: the file keeps mkstemp's owner-only mode.
-    }
-    bool ok = writeAll(fd, bytes.data(), bytes.size());
-    int savedErrno = errno;
-    if (ok && ::fsync(fd) != 0)
-    {
-        ok = false;
-        savedErrno = errno;
-    }
-    if (::close(fd) != 0 && ok)
-    {
-        ok = false;
-        savedErrno = errno;
-    }
-    if (!ok)
-    {
-        ::unlink(name.data());
-        setError(error, path + ": writing failed: " + std::strerror(savedErrno));
-        return false;
-    }
-    if (::rename(name.data(), path.c_str()) != 0)
-    {
-        savedErrno = errno;
-        ::unlink(name.data());
-        setError(error, path + ": cannot move the written file into place: " + std::strerror(savedErrno));
+        setError(error, failure);
         return false;
     }
     return true;

@@ -26,9 +26,9 @@ public:
     mrClassIOHandler* getHandler(unsigned long classID) const;
     size_t numHandlers() const { return m_handlers.size(); }
 
-    // Writes the objects, in order, as one chunk file. The file is written to a temporary
-    // file in the same directory and renamed over `path` only when complete, so a failure
-    // leaves any earlier file untouched. False with a message in *error on failure.
+    // Writes the objects, in order, as one chunk file, through mrOutputFile: complete or
+    // not at all, a device or named pipe written through and never replaced. False with a
+    // message in *error on failure.
     bool saveFile(const std::string& path, const std::vector<srClass*>& objects, std::string* error);
     // Reads a chunk file and appends the objects it holds to `objects` (the caller owns
     // them and releases them). On any failure nothing is appended, every object read so
