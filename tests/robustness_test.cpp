@@ -10,17 +10,20 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/platform/dx/srCore.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/portals/mrBSPPortalizer.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/TestSupport.h"
@@ -521,6 +524,45 @@ TEST(HostileOutputs, PortalFileIntoAMissingDirectoryIsReportedAndWritesNothing)
     EXPECT_FALSE(mrBSPPortalizer::writePortalfile(tree.head, dir.file("missing/test.prt").c_str()));
     EXPECT_EQ(asserts.count("0", "Error opening %s"), 1u);
     EXPECT_FALSE(std::filesystem::exists(dir.file("missing")));
+}
+
+// The library's own path writers never replace a named pipe (nor, run as root, a device
+// node): they write through it, and follow links to the file behind them.
+TEST(HostileOutputs, LibraryWritersWriteThroughPipesAndFollowLinks)
+{
+    mtest::TempDir dir;
+    srMeshModel mesh;
+    mtest::addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    mtest::VisRun tree(mesh, 0);
+    tree.portalizer.portalize(tree.head);
+    ClipPtr bsp = box();
+    const std::string fifo = dir.file("pipe"), real = dir.file("real.mrc"), link = dir.file("link.mrc");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::string error;
+    ASSERT_TRUE(mtest::clipIO().saveFile(real, {bsp.get()}, &error)) << error;
+    const std::string chunkFile = mtest::readFile(real);
+    std::filesystem::create_symlink("real.mrc", link);
+
+    auto throughPipe = [&](const std::function<bool()>& write)
+    {
+        int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+        EXPECT_TRUE(write());
+        std::string got;
+        char buf[4096];
+        for (ssize_t n; (n = ::read(reader, buf, sizeof buf)) > 0;)
+            got.append(buf, (size_t)n);
+        ::close(reader);
+        EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+        return got;
+    };
+    EXPECT_EQ(throughPipe([&] { return mtest::clipIO().saveFile(fifo, {bsp.get()}, &error); }), chunkFile);
+    std::string prt;
+    mtest::stdoutOf([&]
+                    { prt = throughPipe([&] { return mrBSPPortalizer::writePortalfile(tree.head, fifo.c_str()); }); });
+    EXPECT_EQ(prt.rfind("PRT\n", 0), 0u) << prt;
+    mtest::stdoutOf([&] { EXPECT_TRUE(mrBSPPortalizer::writePortalfile(tree.head, link.c_str())); });
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(mtest::readFile(real), prt);
 }
 
 TEST(HostileOutputs, ReadOnlyDirectoryKeepsTheEarlierFiles)

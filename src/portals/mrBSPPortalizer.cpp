@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <meridbsp/platform/core/mrOutputFile.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srOutput.h>
 #include <meridbsp/platform/geom/mrMaterial.h>
@@ -656,21 +657,17 @@ bool mrBSPPortalizer::writePortalfile(mrBSPNode* head, const char* path)
     printf("writing %s\n", path);
     fflush(stdout);
 
-    // Written beside the target and renamed into place, so a reader never sees half a file.
-    std::string temp = std::string(path) + ".tmp";
-    FILE* file = fopen(temp.c_str(), "w");
-    if (!file)
+    // Complete or not at all, and a device or pipe is written through, never replaced.
+    mrOutputFile out;
+    std::string why;
+    if (!out.open(path, why))
     {
         srAssertFail("0", SOURCE, __LINE__, "Error opening %s");
         return false;
     }
-    writePortalContents(head, file);
-
-    bool failed = ferror(file) != 0;
-    failed = fclose(file) != 0 || failed;
-    if (failed || rename(temp.c_str(), path) != 0)
+    writePortalContents(head, out.file());
+    if (!out.commit(why))
     {
-        remove(temp.c_str());
         srAssertFail("0", SOURCE, __LINE__, "Error writing %s");
         return false;
     }

@@ -56,8 +56,8 @@ public:
 
     // Numbers the leaves and writes "test.prt" in the current directory.
     static void writePortalfile(mrBSPNode* head);
-    // The same to the given path. The file is written beside the target and renamed into
-    // place, so a failure leaves any earlier file untouched; returns false on failure.
+    // The same to the given path, through mrOutputFile: a failure leaves any earlier file
+    // untouched, and a device or named pipe is written through; returns false on failure.
     static bool writePortalfile(mrBSPNode* head, const char* path);
     // The same into a stream the caller opened (and closes); `name` is the file name the
     // log line gives. False when the stream reports an error.
