@@ -8,6 +8,7 @@
 
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srTexture.h>
@@ -981,6 +982,7 @@ void mrClipBSPGen::Partitioner::run(std::vector<mrFace*>& faces, mrBSPGenNode* r
     m_tasks.push_back(Task{root, rootList, nullptr});
     while (!m_tasks.empty())
     {
+        mrProgress::reach((uint64_t)m_gen.m_numnodes);
         const Task task = m_tasks.back();
         m_tasks.pop_back();
         if (task.list)

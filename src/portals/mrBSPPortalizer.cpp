@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <meridbsp/platform/core/mrOutputFile.h>
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srOutput.h>
 #include <meridbsp/platform/geom/mrMaterial.h>
@@ -262,6 +263,7 @@ void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
             entries.swap(recorded[use]);
         recordedFor[0] = recordedFor[1] = nullptr;
         cutNodePortals(n, known, entries, recorded);
+        mrProgress::step();
         recordedFor[0] = n->m_children[0];
         recordedFor[1] = n->m_children[1];
         stack.push_back(n->m_children[1]);

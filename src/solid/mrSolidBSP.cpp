@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/solid/mrSolidBSP.h>
 
@@ -936,6 +937,7 @@ void mrSolidBSP::partitionSurfaces(mrBSPSurface* list, mrBSPNode* node)
     stack.push_back({list, node});
     while (!stack.empty())
     {
+        mrProgress::reach((uint64_t)m_numLinkedFaces);
         Work w = stack.back();
         stack.pop_back();
         mrBSPSurface* frontList = nullptr;
