@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <meridbsp/clip/mrClipBSP.h>
@@ -192,6 +193,68 @@ TEST(ClipPipeline, GivesWhatTheGeneratorGivesWithOffsetAndMatrix)
     mtest::ClipPtr taken(result.take());
     EXPECT_EQ(result.clipBSP, nullptr);
     EXPECT_EQ(taken->pointInfo(0, offset), expected->pointInfo(0, offset));
+}
+
+// What a progress callback hears: per stage a start at 0, rising reports, an end at the
+// total; long stages report from inside. Listening changes no result.
+struct Heard
+{
+    std::vector<std::string> stages;
+    std::vector<std::string> problems;
+    size_t inside = 0; // reports strictly between start and end
+    uint64_t last = 0;
+
+    mrProgress::Callback callback()
+    {
+        return [this](const char* stage, uint64_t done, uint64_t total)
+        {
+            if (done == 0)
+            {
+                stages.push_back(stage);
+                last = 0;
+                return;
+            }
+            if (stages.empty() || stages.back() != stage || done < last || done > total)
+                problems.push_back(std::string(stage) + " " + std::to_string(done) + "/" + std::to_string(total));
+            inside += done < total ? 1 : 0;
+            last = done;
+        };
+    }
+};
+
+TEST(Pipelines, ReportProgressStageByStageAndListeningChangesNoResult)
+{
+    mtest::TempDir dir;
+    srMeshModel mesh;
+    mtest::addTorus(mesh, 40, 12, 48, 24);
+    mrVisPipeline::Settings quiet;
+    quiet.portalFile = dir.file("quiet.prt");
+    mrVisPipeline::Result a, b;
+    std::string error;
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, quiet, a, error)) << error;
+    Heard vis;
+    mrVisPipeline::Settings heard = quiet;
+    heard.portalFile = dir.file("heard.prt");
+    heard.progress = vis.callback();
+    ASSERT_TRUE(mrVisPipeline::run(&mesh, heard, b, error)) << error;
+    EXPECT_EQ(mtest::readFile(heard.portalFile), mtest::readFile(quiet.portalFile));
+    EXPECT_EQ(std::tie(a.numSplitNodes, a.numEmptyLeafs, a.numSolidLeafs, a.portalMeshPolys),
+              std::tie(b.numSplitNodes, b.numEmptyLeafs, b.numSolidLeafs, b.portalMeshPolys));
+    EXPECT_EQ(vis.stages,
+              (std::vector<std::string>{"surfaces", "solid BSP", "portals", "portal file", "portal mesh", "leaks"}));
+    EXPECT_TRUE(vis.problems.empty()) << ::testing::PrintToString(vis.problems);
+    EXPECT_GT(vis.inside, 100u); // from inside the solid BSP and the portals
+
+    mrClipPipeline::Settings clipQuiet, clipHeard;
+    Heard clip;
+    clipHeard.progress = clip.callback();
+    mrClipPipeline::Result c, d;
+    ASSERT_TRUE(mrClipPipeline::run(&mesh, clipQuiet, c, error));
+    ASSERT_TRUE(mrClipPipeline::run(&mesh, clipHeard, d, error));
+    EXPECT_EQ(mtest::saveBuffer({d.clipBSP}), mtest::saveBuffer({c.clipBSP}));
+    EXPECT_EQ(clip.stages, std::vector<std::string>{"clip BSP"});
+    EXPECT_TRUE(clip.problems.empty()) << ::testing::PrintToString(clip.problems);
+    EXPECT_GT(clip.inside, 100u);
 }
 
 TEST(ClipPipeline, ReportsANullMeshAndWarnsOfAnEmptyOne)

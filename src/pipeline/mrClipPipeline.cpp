@@ -31,7 +31,10 @@ bool mrClipPipeline::run(srMeshModel* mesh, const Settings& settings, Result& re
     srVector3T<float> offset = settings.offset;
     srMatrix3T<float> matrix = settings.matrix;
     mrClipBSPGen generator;
-    result.clipBSP = generator.importMeshModel(mesh, offset, matrix);
+    {
+        mrProgress::Stage stage(settings.progress, "clip BSP", mesh->m_numpolys > 0 ? (uint64_t)mesh->m_numpolys : 1);
+        result.clipBSP = generator.importMeshModel(mesh, offset, matrix);
+    }
     result.numLeafFaces = generator.m_numleaffaces;
     result.numSolidLeafs = generator.m_numsolidleafs;
     result.numEmptyLeafs = generator.m_numemptyleafs;

@@ -50,8 +50,13 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         return false;
     }
 
+    const uint64_t triangles = mesh->m_numpolys > 0 ? (uint64_t)mesh->m_numpolys : 1;
     mrBSPSurfaceBuilder builder;
-    mrBSPSurface* surfaces = builder.buildSurfaces(mesh);
+    mrBSPSurface* surfaces = nullptr;
+    {
+        mrProgress::Stage stage(settings.progress, "surfaces", triangles);
+        surfaces = builder.buildSurfaces(mesh);
+    }
     result.planes = builder.m_numplanes;
     result.surfaces = 0;
     result.faces = 0;
@@ -66,7 +71,11 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
     }
 
     mrSolidBSP generator;
-    mrBSPNode* head = generator.generate(surfaces, settings.midSplit ? 1 : 0);
+    mrBSPNode* head = nullptr;
+    {
+        mrProgress::Stage stage(settings.progress, "solid BSP", result.faces);
+        head = generator.generate(surfaces, settings.midSplit ? 1 : 0);
+    }
     result.numSplitNodes = generator.m_numSplitNodes;
     result.numLeafFaces = generator.m_numLeafFaces;
     result.numNodeFaces = generator.m_numNodeFaces;
@@ -84,10 +93,14 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
     bool ok = true;
     {
         mrBSPPortalizer portalizer;
-        portalizer.portalize(head);
+        {
+            mrProgress::Stage stage(settings.progress, "portals", (uint64_t)result.numSplitNodes);
+            portalizer.portalize(head);
+        }
         result.numDegeneratePortals = portalizer.m_num_degenerate;
         if (settings.portalStream || !settings.portalFile.empty())
         {
+            mrProgress::Stage stage(settings.progress, "portal file", 1);
             bool written = settings.portalStream ? mrBSPPortalizer::writePortalfile(head, settings.portalStream,
                                                                                     settings.portalFile.c_str())
                                                  : mrBSPPortalizer::writePortalfile(head, settings.portalFile.c_str());
@@ -101,6 +114,7 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         }
         if (ok && settings.portalMesh)
         {
+            mrProgress::Stage stage(settings.progress, "portal mesh", 1);
             result.portalMesh = mrBSPPortalizer::createMeshModel(head);
             result.portalMeshPolys = mrBSPPortalizer::m_polycount;
             // The mesh's polygons point at the table's materials: the result keeps them
@@ -112,7 +126,10 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
             }
         }
         if (ok && settings.findLeaks)
+        {
+            mrProgress::Stage stage(settings.progress, "leaks", 1);
             mrLeakFinder::find(head, &portalizer.m_outsideNode, settings.insidePoints, result.leaks);
+        }
         if (ok && settings.observer)
             settings.observer(head, portalizer);
         // Frees the portals and the outer portal planes, which freeAllPortals leaves.
