@@ -32,7 +32,7 @@ bool mrClipPipeline::run(srMeshModel* mesh, const Settings& settings, Result& re
     srMatrix3T<float> matrix = settings.matrix;
     mrClipBSPGen generator;
     {
-        mrProgress::Stage stage(settings.progress, "clip BSP", mesh->m_numpolys > 0 ? (uint64_t)mesh->m_numpolys : 1);
+        mrProgress::Stage stage(settings.progress, "clip BSP", 0);
         result.clipBSP = generator.importMeshModel(mesh, offset, matrix);
     }
     result.numLeafFaces = generator.m_numleaffaces;

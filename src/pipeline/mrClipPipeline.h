@@ -20,9 +20,9 @@ public:
     {
         srMatrix3T<float> matrix;          // applied first; the identity by default
         srVector3T<float> offset{0, 0, 0}; // added after the matrix
-        // Told how far the run has got (see mrProgress): one stage, "clip BSP", counting
-        // the nodes made against the triangles (each node's plane is a triangle's, so the
-        // count ends at or below it). Unset by default; it changes no result.
+        // Told how far the run has got (see mrProgress): one stage, "clip BSP", counting the
+        // nodes made, whose number is not known beforehand (total 0). Unset by default; it
+        // changes no result.
         mrProgress::Callback progress;
     };
 

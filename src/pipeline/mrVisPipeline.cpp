@@ -50,11 +50,10 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         return false;
     }
 
-    const uint64_t triangles = mesh->m_numpolys > 0 ? (uint64_t)mesh->m_numpolys : 1;
     mrBSPSurfaceBuilder builder;
     mrBSPSurface* surfaces = nullptr;
     {
-        mrProgress::Stage stage(settings.progress, "surfaces", triangles);
+        mrProgress::Stage stage(settings.progress, "surfaces", 1);
         surfaces = builder.buildSurfaces(mesh);
     }
     result.planes = builder.m_numplanes;

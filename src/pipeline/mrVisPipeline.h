@@ -51,8 +51,8 @@ public:
         // portals for callers that show or check them. It must not change them. Unset by
         // default; it changes no result.
         std::function<void(const mrBSPNode* head, const mrBSPPortalizer& portalizer)> observer;
-        // Told how far the run has got (see mrProgress), stage by stage: "surfaces"
-        // (triangles), "solid BSP" (faces that have reached a leaf, of all faces),
+        // Told how far the run has got (see mrProgress), stage by stage: "surfaces", "solid
+        // BSP" (faces that have reached a leaf, of all faces),
         // "portals" (decision nodes cut, of all), "portal file", "portal mesh", "leaks".
         // Unset by default; it changes no result.
         mrProgress::Callback progress;

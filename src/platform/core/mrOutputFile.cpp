@@ -215,8 +215,8 @@ bool mrOutputFile::openTemp(const std::string& pattern, bool beside, std::string
     int fd = ::mkstemp(name.data());
     if (fd < 0)
     {
-        error = std::string("cannot create a temporary file") + (beside ? " beside it" : "") + ": " +
-                std::strerror(errno);
+        error =
+            std::string("cannot create a temporary file") + (beside ? " beside it" : "") + ": " + std::strerror(errno);
         return false;
     }
     if (beside)

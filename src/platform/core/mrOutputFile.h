@@ -29,9 +29,9 @@ public:
     struct Target
     {
         e_kind kind = KIND_FILE;
-        std::string path;        // the file to replace or create, or the device to write into
-        bool exists = false;     // a regular file is there now
-        unsigned mode = 0;       // its permission bits
+        std::string path;         // the file to replace or create, or the device to write into
+        bool exists = false;      // a regular file is there now
+        unsigned mode = 0;        // its permission bits
         unsigned long device = 0; // the file's identity, when it exists
         unsigned long inode = 0;
     };

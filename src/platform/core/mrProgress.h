@@ -8,16 +8,18 @@
 // step(). Without a stage (or with an empty callback) those calls only test one
 // thread-local pointer, and no result ever depends on whether anyone listens.
 //
-// The callback hears (stage, 0, total) when a stage starts, (stage, total, total) when it
-// ends, and between the two at most about a thousand reports with `done` rising. Only the
-// thread that opened the stage reports into it.
+// The callback hears (stage, 0, total) when a stage starts, (stage, n, n) with n >= 1 when
+// it ends, and between the two at most about a thousand reports with `done` rising. A
+// stage whose amount of work is not known beforehand has total 0: its reports count what
+// is done so far (each at least 1% more than the one before), and its end gives the
+// final count. Only the thread that opened the stage reports into it.
 class mrProgress
 {
 public:
     typedef std::function<void(const char* stage, uint64_t done, uint64_t total)> Callback;
 
-    // A stage of work, reported while the object lives. `total` is the work expected (at
-    // least 1); reports beyond it are held at it.
+    // A stage of work, reported while the object lives. `total` is the work expected
+    // (reports beyond it are held at it), or 0 when it is not known.
     class Stage
     {
     public:
