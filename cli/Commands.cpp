@@ -8,6 +8,7 @@
 
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/pipeline/mrClipPipeline.h>
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -19,6 +20,7 @@
 #include "MeshWriter.h"
 #include "ModuleSession.h"
 #include "OutputSet.h"
+#include "Progress.h"
 #include "SliceImage.h"
 #include "StdoutRedirect.h"
 #include "Tool.h"
@@ -53,7 +55,28 @@ private:
     T* m_object;
 };
 
-std::string vec3(const srVector3T<float>& v) { return Tool::g9(v.x) + " " + Tool::g9(v.y) + " " + Tool::g9(v.z); }
+std::string vec3(const srVector3T<float>& v) { return Tool::real(v.x) + " " + Tool::real(v.y) + " " + Tool::real(v.z); }
+
+// "(x,y,z)", as the labelled answers write a point.
+std::string tuple3(const srVector3T<float>& v)
+{
+    return "(" + Tool::real(v.x) + "," + Tool::real(v.y) + "," + Tool::real(v.z) + ")";
+}
+
+nlohmann::ordered_json jvec(const srVector3T<float>& v)
+{
+    return {Tool::jsonReal(v.x), Tool::jsonReal(v.y), Tool::jsonReal(v.z)};
+}
+
+void printJson(const nlohmann::ordered_json& j) { std::fprintf(Tool::out(), "%s\n", j.dump().c_str()); }
+
+// What a contents value means, for people.
+const char* contentsMeaning(int contents)
+{
+    if (contents >= -1)
+        return "empty";
+    return contents == -3 ? "marked solid" : "solid";
+}
 
 std::string ms(double value)
 {
@@ -64,12 +87,15 @@ std::string ms(double value)
 
 // Every output is checked before any work starts, so a run that cannot write its
 // results fails early and writes nothing. At most one output may take standard output;
-// the report then goes to standard error. The exit code to stop with, or EXIT_OK.
-int checkOutputs(const std::vector<std::string>& paths)
+// the report then goes to standard error, unless it is JSON, which has nowhere else to
+// go. The exit code to stop with, or EXIT_OK.
+int checkOutputs(const std::vector<std::string>& paths, bool json = false)
 {
     int toStdout = OutputSet::countStdout(paths);
     if (toStdout > 1)
         return Tool::usage("only one output can go to standard output");
+    if (toStdout == 1 && json)
+        return Tool::usage("--json: standard output already carries an output file");
     for (const std::string& path : paths)
     {
         std::string why;
@@ -160,7 +186,7 @@ nlohmann::ordered_json leakJson(const mrLeakFinder::Report& r, const std::string
     for (const mrLeakFinder::Leak& leak : r.points)
     {
         nlohmann::ordered_json p;
-        p["point"] = {leak.point.x, leak.point.y, leak.point.z};
+        p["point"] = jvec(leak.point);
         p["openSpace"] = leak.inOpenLeaf;
         p["insideBox"] = leak.insideBox;
         p["leaks"] = leak.leaks;
@@ -168,11 +194,11 @@ nlohmann::ordered_json leakJson(const mrLeakFinder::Report& r, const std::string
         if (!leak.leaks)
             continue;
         nlohmann::ordered_json path;
-        path["inside"] = {leak.point.x, leak.point.y, leak.point.z};
+        path["inside"] = jvec(leak.point);
         path["portals"] = leak.path.size() - 1;
         path["path"] = nlohmann::ordered_json::array();
         for (const srVector3T<float>& v : leak.path)
-            path["path"].push_back({v.x, v.y, v.z});
+            path["path"].push_back(jvec(v));
         paths.push_back(path);
     }
     j["insidePoints"] = points;
@@ -183,27 +209,34 @@ nlohmann::ordered_json leakJson(const mrLeakFinder::Report& r, const std::string
     return j;
 }
 
-nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const CheckedMesh& checked, const std::string& leakFile,
-                               double elapsed)
+double elapsedJson(double ms) { return std::round(ms * 1000.0) / 1000.0; }
+
+// The visibility run's results; the counters keep the library's names. Without a checked
+// mesh (the demo's level is known to be sound) there is no health report.
+nlohmann::ordered_json visJson(const mrVisPipeline::Result& r, const VisPipeline::Options& o,
+                               const CheckedMesh* checked, double elapsed)
 {
     nlohmann::ordered_json j;
-    j["planes"] = r.planes;
-    j["surfaces"] = r.surfaces;
-    j["faces"] = r.faces;
+    j["numPlanes"] = r.planes;
+    j["numSurfaces"] = r.surfaces;
+    j["numFaces"] = r.faces;
     j["numSplitNodes"] = r.numSplitNodes;
     j["numLeafFaces"] = r.numLeafFaces;
     j["numNodeFaces"] = r.numNodeFaces;
     j["numSolidLeafs"] = r.numSolidLeafs;
     j["numEmptyLeafs"] = r.numEmptyLeafs;
     j["numLinkedFaces"] = r.numLinkedFaces;
-    j["visleafs"] = r.numVisleafs;
-    j["visportals"] = r.numVisportals;
-    j["meshPolys"] = r.portalMeshPolys;
-    j["health"] = healthJson(checked);
-    nlohmann::ordered_json leaks = leakJson(r.leaks, leakFile);
+    j["numVisleafs"] = r.numVisleafs;
+    j["numVisportals"] = r.numVisportals;
+    j["portalMeshPolys"] = r.portalMeshPolys;
+    j["portalFile"] = o.portalFile;
+    j["portalMeshFile"] = o.meshFile;
+    if (checked)
+        j["health"] = healthJson(*checked);
+    nlohmann::ordered_json leaks = leakJson(r.leaks, o.leakFile);
     for (auto& item : leaks.items())
         j[item.key()] = item.value();
-    j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
+    j["elapsedMs"] = elapsedJson(elapsed);
     return j;
 }
 
@@ -243,16 +276,19 @@ std::vector<std::string> leakWarnings(const mrLeakFinder::Report& r, const std::
 
 void printVisSummary(const mrVisPipeline::Result& r, const VisPipeline::Options& o)
 {
-    std::fprintf(Tool::out(), "planes %u, surfaces %u, faces %u\n", r.planes, r.surfaces, r.faces);
-    std::fprintf(Tool::out(), "tree: %d decision nodes, %d empty leaves, %d solid leaves\n", r.numSplitNodes,
+    FILE* out = Tool::out();
+    std::fprintf(out, "planes %u, surfaces %u, faces %u\n", r.planes, r.surfaces, r.faces);
+    std::fprintf(out, "solid BSP: %d decision nodes, %d empty leaves, %d solid leaves\n", r.numSplitNodes,
                  r.numEmptyLeafs, r.numSolidLeafs);
-    std::fprintf(Tool::out(), "faces: %d in leaves, %d on nodes, %d linked\n", r.numLeafFaces, r.numNodeFaces,
+    std::fprintf(out, "faces: %d in leaves, %d on nodes, %d linked\n", r.numLeafFaces, r.numNodeFaces,
                  r.numLinkedFaces);
-    std::fprintf(Tool::out(), "portals: %d visleafs, %d visportals\n", r.numVisleafs, r.numVisportals);
-    std::fprintf(Tool::out(), "wrote %s\n", o.portalFile.c_str());
+    std::fprintf(out, "wrote %s: the portal file, %s and %s between them\n", o.portalFile.c_str(),
+                 Tool::count(r.numVisleafs, "open leaf", "open leaves").c_str(),
+                 Tool::count(r.numVisportals, "portal", "portals").c_str());
     std::string companion = MeshWriter::companionPath(o.meshFile, o.meshFormat);
-    std::fprintf(Tool::out(), "wrote %s (%d polygons)%s%s\n", o.meshFile.c_str(), r.portalMeshPolys,
-                 companion.empty() ? "" : " and ", companion.c_str());
+    std::fprintf(out, "wrote %s%s%s: the portal mesh, %s where open leaves meet solid space\n", o.meshFile.c_str(),
+                 companion.empty() ? "" : " and ", companion.c_str(),
+                 Tool::count(r.portalMeshPolys, "polygon", "polygons").c_str());
 }
 
 // Runs one query per line of standard input, answering each line as it is read.
@@ -456,6 +492,7 @@ int addViewPage(srMeshModel* mesh, const std::string& meshPath, ViewPage::Option
 {
     const std::string::size_type slash = meshPath.find_last_of('/');
     options.title = slash == std::string::npos ? meshPath : meshPath.substr(slash + 1);
+    options.progress = Progress::callback();
     ViewPage page;
     std::string error;
     {
@@ -467,6 +504,85 @@ int addViewPage(srMeshModel* mesh, const std::string& meshPath, ViewPage::Option
         return Tool::fail(error);
     summary = page.summary();
     return Tool::EXIT_OK;
+}
+
+long countLeaks(const mrLeakFinder::Report& r)
+{
+    long n = 0;
+    for (const mrLeakFinder::Leak& leak : r.points)
+        n += leak.leaks ? 1 : 0;
+    return n;
+}
+
+nlohmann::ordered_json clipJson(const std::string& path, const mrClipBSP& bsp, const mrClipPipeline::Result& r)
+{
+    nlohmann::ordered_json j;
+    j["file"] = path;
+    j["numNodes"] = bsp.m_numnodes;
+    j["numPlanes"] = bsp.m_numplanes;
+    j["numEmptyLeafs"] = r.numEmptyLeafs;
+    j["numSolidLeafs"] = r.numSolidLeafs;
+    j["numLeafFaces"] = r.numLeafFaces;
+    j["mins"] = jvec(bsp.m_mins);
+    j["maxs"] = jvec(bsp.m_maxs);
+    return j;
+}
+
+void printClipSummary(const std::string& path, const mrClipBSP& bsp, const mrClipPipeline::Result& r, long triangles)
+{
+    FILE* out = Tool::out();
+    std::fprintf(out, "wrote %s: a clip BSP of %u nodes and %u planes from %s\n", path.c_str(), bsp.m_numnodes,
+                 bsp.m_numplanes, Tool::count(triangles, "triangle", "triangles").c_str());
+    std::fprintf(out, "leaves: %d empty, %d solid; %d faces reached leaves\n", r.numEmptyLeafs, r.numSolidLeafs,
+                 r.numLeafFaces);
+    std::fprintf(out, "bounds %s to %s (the mesh's box widened by 1)\n", vec3(bsp.m_mins).c_str(),
+                 vec3(bsp.m_maxs).c_str());
+}
+
+nlohmann::ordered_json sliceJson(const std::string& path, int axis, float at, const SliceImage& image)
+{
+    nlohmann::ordered_json j;
+    j["file"] = path;
+    j["axis"] = SliceImage::axisName(axis);
+    j["at"] = Tool::jsonReal(at);
+    j["right"] = SliceImage::axisName(image.rightAxis());
+    j["up"] = SliceImage::axisName(image.upAxis());
+    j["rightRange"] = {Tool::jsonReal(image.left()), Tool::jsonReal(image.right())};
+    j["upRange"] = {Tool::jsonReal(image.bottom()), Tool::jsonReal(image.top())};
+    j["width"] = image.width();
+    j["height"] = image.height();
+    j["imageWidth"] = image.imageWidth();
+    j["imageHeight"] = image.imageHeight();
+    j["emptyPixels"] = image.counts().empty;
+    j["solidPixels"] = image.counts().solid;
+    j["markedPixels"] = image.counts().marked;
+    return j;
+}
+
+// "wrote PATH: W x H pixels of z = 48, x runs right from A to B, y up from C to D; counts".
+void printSliceSummary(const std::string& path, const std::string& axis, float at, const SliceImage& image)
+{
+    const SliceImage::Counts& c = image.counts();
+    std::fprintf(Tool::out(),
+                 "wrote %s: %d x %d pixels of %s = %s, %s runs right from %s to %s, %s up from %s to %s; %ld empty, "
+                 "%ld solid, %ld marked solid\n",
+                 path.c_str(), image.width(), image.height(), axis.c_str(), Tool::real(at).c_str(),
+                 SliceImage::axisName(image.rightAxis()), Tool::real(image.left()).c_str(),
+                 Tool::real(image.right()).c_str(), SliceImage::axisName(image.upAxis()),
+                 Tool::real(image.bottom()).c_str(), Tool::real(image.top()).c_str(), c.empty, c.solid, c.marked);
+}
+
+nlohmann::ordered_json viewJson(const std::string& path, const ViewPage::Summary& s)
+{
+    nlohmann::ordered_json j;
+    j["file"] = path;
+    j["numLeaves"] = s.leaves;
+    j["numOpenLeaves"] = s.openLeaves;
+    j["numPortals"] = s.portals;
+    j["portalMeshPolys"] = s.meshPolys;
+    j["numClipNodes"] = s.clipNodes;
+    j["leakPath"] = s.leak;
+    return j;
 }
 
 void printViewSummary(const std::string& path, const ViewPage::Summary& s)
@@ -507,19 +623,20 @@ int Commands::vis(const VisArgs& args)
         options.leakFile = args.leakOut.empty() ? Tool::joinPath(args.outDir, "leak.obj") : args.leakOut;
 
     AtomicFile::protectInput(args.mesh);
+    OutputSet outputs;
+    std::string error;
+    if (!outputs.makeDirectory(args.outDir, error))
+        return Tool::fail(error);
     if (int code = checkOutputs({options.portalFile, options.meshFile,
-                                 MeshWriter::companionPath(options.meshFile, options.meshFormat), options.leakFile}))
+                                 MeshWriter::companionPath(options.meshFile, options.meshFormat), options.leakFile},
+                                args.json))
         return code;
-    if (args.json && Tool::out() == stderr)
-        return Tool::usage("--json: standard output already carries an output file");
     CheckedMesh checked;
     Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
-    OutputSet outputs;
     mrVisPipeline::Result result;
-    std::string error;
     if (!VisPipeline::run(mesh.get(), options, outputs, result, error))
         return Tool::fail(error);
     if (!commitOutputs(outputs))
@@ -532,14 +649,17 @@ int Commands::vis(const VisArgs& args)
 
     if (args.json)
     {
-        std::fprintf(Tool::out(), "%s\n", visJson(result, checked, options.leakFile, elapsed).dump().c_str());
+        printJson(visJson(result, options, &checked, elapsed));
         return Tool::EXIT_OK;
     }
-    std::fprintf(Tool::out(), "%s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
+    if (Tool::quiet())
+        return Tool::EXIT_OK;
+    std::fprintf(Tool::out(), "mesh %s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
     printVisSummary(result, options);
     std::fprintf(Tool::out(), "%s\n", openSpaceSentence(result.leaks).c_str());
     if (!options.leakFile.empty())
-        std::fprintf(Tool::out(), "wrote %s\n", options.leakFile.c_str());
+        std::fprintf(Tool::out(), "wrote %s: the way out from each inside point that leaks (%s)\n",
+                     options.leakFile.c_str(), Tool::count(countLeaks(result.leaks), "path", "paths").c_str());
     std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
     return Tool::EXIT_OK;
 }
@@ -561,10 +681,8 @@ int Commands::clip(const ClipArgs& args)
         return Tool::usage("--matrix " + args.matrix + ": " + singular);
 
     AtomicFile::protectInput(args.mesh);
-    if (int code = checkOutputs({args.output}))
+    if (int code = checkOutputs({args.output}, args.json))
         return code;
-    if (args.json && Tool::out() == stderr)
-        return Tool::usage("--json: standard output already carries an output file");
     ModuleSession session;
     std::string error;
     if (!session.start(error))
@@ -591,6 +709,7 @@ int Commands::clip(const ClipArgs& args)
     mrClipPipeline::Settings settings;
     settings.offset = offset;
     settings.matrix = matrix;
+    settings.progress = Progress::callback();
     mrClipPipeline::Result result;
     {
         StdoutRedirect quietStdout;
@@ -606,26 +725,16 @@ int Commands::clip(const ClipArgs& args)
     double elapsed = Tool::nowMs() - start;
     if (args.json)
     {
-        nlohmann::ordered_json j;
-        j["file"] = args.output;
-        j["nodes"] = bsp->m_numnodes;
-        j["planes"] = bsp->m_numplanes;
-        j["triangles"] = mesh->m_numpolys;
-        j["emptyLeafs"] = result.numEmptyLeafs;
-        j["solidLeafs"] = result.numSolidLeafs;
-        j["leafFaces"] = result.numLeafFaces;
-        j["mins"] = {bsp->m_mins.x, bsp->m_mins.y, bsp->m_mins.z};
-        j["maxs"] = {bsp->m_maxs.x, bsp->m_maxs.y, bsp->m_maxs.z};
+        nlohmann::ordered_json j = clipJson(args.output, *bsp, result);
+        j["numTriangles"] = mesh->m_numpolys;
         j["health"] = healthJson(checked);
-        j["ms"] = std::round(elapsed * 1000.0) / 1000.0;
-        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
+        j["elapsedMs"] = elapsedJson(elapsed);
+        printJson(j);
         return Tool::EXIT_OK;
     }
-    std::fprintf(Tool::out(), "wrote %s: %u nodes, %u planes from %ld triangles\n", args.output.c_str(),
-                 bsp->m_numnodes, bsp->m_numplanes, mesh->m_numpolys);
-    std::fprintf(Tool::out(), "leaves: %d empty, %d solid; %d faces reached leaves\n", result.numEmptyLeafs,
-                 result.numSolidLeafs, result.numLeafFaces);
-    std::fprintf(Tool::out(), "bounds %s to %s\n", vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
+    if (Tool::quiet())
+        return Tool::EXIT_OK;
+    printClipSummary(args.output, *bsp, result, mesh->m_numpolys);
     std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
     return Tool::EXIT_OK;
 }
@@ -660,7 +769,7 @@ int Commands::check(const FileArgs& args)
         j["problems"] = problems;
         j["orientationNote"] =
             orientation.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(orientation);
-        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
+        printJson(j);
         return Tool::EXIT_OK;
     }
     FILE* out = Tool::out();
@@ -702,7 +811,7 @@ int Commands::box(const BoxArgs& args)
                                Tool::g9(lo[a]) + " > " + Tool::g9(hi[a]) + "): swap the two values");
     }
     srVector3T<float> mins(lo[0], lo[1], lo[2]), maxs(hi[0], hi[1], hi[2]);
-    if (int code = checkOutputs({args.output}))
+    if (int code = checkOutputs({args.output}, args.json))
         return code;
     for (int a = 0; a < 3; ++a)
     {
@@ -721,8 +830,28 @@ int Commands::box(const BoxArgs& args)
     OutputSet outputs;
     if (!saveClipBSP(session, outputs, args.output, bsp.get()) || !commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["file"] = args.output;
+        j["boxMins"] = jvec(mins);
+        j["boxMaxs"] = jvec(maxs);
+        j["numNodes"] = bsp->m_numnodes;
+        j["numPlanes"] = bsp->m_numplanes;
+        j["mins"] = jvec(bsp->m_mins);
+        j["maxs"] = jvec(bsp->m_maxs);
+        j["boundsMargin"] = 16;
+        printJson(j);
+        return Tool::EXIT_OK;
+    }
+    if (Tool::quiet())
+        return Tool::EXIT_OK;
     std::fprintf(Tool::out(), "wrote %s: box %s to %s, %u nodes, %u planes\n", args.output.c_str(), vec3(mins).c_str(),
                  vec3(maxs).c_str(), bsp->m_numnodes, bsp->m_numplanes);
+    // Box clip BSPs keep their bounds 16 units beyond the box, which queries and pictures
+    // of the file show.
+    std::fprintf(Tool::out(), "bounds %s to %s (a box clip BSP's bounds are the box widened by 16 on every side)\n",
+                 vec3(bsp->m_mins).c_str(), vec3(bsp->m_maxs).c_str());
     return Tool::EXIT_OK;
 }
 
@@ -750,18 +879,18 @@ int Commands::info(const FileArgs& args)
         j["class"] = "clip BSP";
         j["classID"] = classId;
         j["contents"] = bsp->m_contents;
-        j["mins"] = {bsp->m_mins.x, bsp->m_mins.y, bsp->m_mins.z};
-        j["maxs"] = {bsp->m_maxs.x, bsp->m_maxs.y, bsp->m_maxs.z};
-        j["nodes"] = bsp->m_numnodes;
-        j["planes"] = bsp->m_numplanes;
-        j["leaves"] =
+        j["mins"] = jvec(bsp->m_mins);
+        j["maxs"] = jvec(bsp->m_maxs);
+        j["numNodes"] = bsp->m_numnodes;
+        j["numPlanes"] = bsp->m_numplanes;
+        j["numLeaves"] =
             valid ? nlohmann::ordered_json((unsigned long long)depth.leaves) : nlohmann::ordered_json(nullptr);
         j["maxDepth"] = valid ? nlohmann::ordered_json(depth.maxDepth) : nlohmann::ordered_json(nullptr);
         j["meanLeafDepth"] = valid ? nlohmann::ordered_json(mean) : nlohmann::ordered_json(nullptr);
         j["fileSize"] = size;
         j["valid"] = valid;
         j["problem"] = valid ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(problem);
-        std::fprintf(Tool::out(), "%s\n", j.dump().c_str());
+        printJson(j);
     }
     else
     {
@@ -792,48 +921,110 @@ int Commands::dump(const FileArgs& args)
     Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
     if (!bsp.get())
         return Tool::EXIT_BAD_INPUT;
-    std::fprintf(Tool::out(), "contents %u\n", bsp->m_contents);
-    std::fprintf(Tool::out(), "mins %s\n", vec3(bsp->m_mins).c_str());
-    std::fprintf(Tool::out(), "maxs %s\n", vec3(bsp->m_maxs).c_str());
-    uint32_t planes = bsp->m_planes ? bsp->m_numplanes : 0;
-    std::fprintf(Tool::out(), "planes %u\n", planes);
+    const uint32_t planes = bsp->m_planes ? bsp->m_numplanes : 0;
+    const uint32_t nodes = bsp->m_nodes ? bsp->m_numnodes : 0;
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["file"] = args.file;
+        j["contents"] = bsp->m_contents;
+        j["mins"] = jvec(bsp->m_mins);
+        j["maxs"] = jvec(bsp->m_maxs);
+        j["numPlanes"] = planes;
+        j["planes"] = nlohmann::ordered_json::array();
+        for (uint32_t i = 0; i < planes; ++i)
+            j["planes"].push_back(
+                {{"normal", jvec(bsp->m_planes[i].m_normal)}, {"dist", Tool::jsonReal(bsp->m_planes[i].m_dist)}});
+        j["numNodes"] = nodes;
+        j["nodes"] = nlohmann::ordered_json::array();
+        for (uint32_t i = 0; i < nodes; ++i)
+        {
+            const mrClipNode& n = bsp->m_nodes[i];
+            j["nodes"].push_back({{"plane", n.planeIndex}, {"front", n.child[0]}, {"back", n.child[1]}});
+        }
+        printJson(j);
+        return Tool::EXIT_OK;
+    }
+    FILE* out = Tool::out();
+    std::fprintf(out, "contents %u\n", bsp->m_contents);
+    std::fprintf(out, "mins %s\n", vec3(bsp->m_mins).c_str());
+    std::fprintf(out, "maxs %s\n", vec3(bsp->m_maxs).c_str());
+    std::fprintf(out, "planes %u\n", planes);
+    std::fprintf(out, "# plane normal.x normal.y normal.z dist (a point p is in front when normal.p - dist >= 0)\n");
     for (uint32_t i = 0; i < planes; ++i)
     {
         const mrPlane& p = bsp->m_planes[i];
-        std::fprintf(Tool::out(), "%u %s %s\n", i, vec3(p.m_normal).c_str(), Tool::g9(p.m_dist).c_str());
+        std::fprintf(out, "%u %s %s\n", i, vec3(p.m_normal).c_str(), Tool::real(p.m_dist).c_str());
     }
-    uint32_t nodes = bsp->m_nodes ? bsp->m_numnodes : 0;
-    std::fprintf(Tool::out(), "nodes %u\n", nodes);
+    std::fprintf(out, "nodes %u\n", nodes);
+    std::fprintf(out, "# node plane front back (a child below 0 is a leaf: -1 empty, -2 solid, -3 marked solid)\n");
     for (uint32_t i = 0; i < nodes; ++i)
     {
         const mrClipNode& n = bsp->m_nodes[i];
-        std::fprintf(Tool::out(), "%u %d %d %d\n", i, n.planeIndex, n.child[0], n.child[1]);
+        std::fprintf(out, "%u %d %d %d\n", i, n.planeIndex, n.child[0], n.child[1]);
     }
     return Tool::EXIT_OK;
 }
 
 int Commands::point(const FileArgs& args)
 {
-    return answerQueries(args, 3, "point takes a point as three numbers X Y Z, or none to read points from stdin",
-                         [](const mrClipBSP& clip, const float* v) {
-                             std::fprintf(Tool::out(), "%d\n", clip.pointInfo(0, srVector3T<float>(v[0], v[1], v[2])));
-                         });
+    const bool json = args.json;
+    return answerQueries(
+        args, 3, "point takes a point as three numbers X Y Z, or none to read points from stdin",
+        [json](const mrClipBSP& clip, const float* v)
+        {
+            srVector3T<float> p(v[0], v[1], v[2]);
+            const int contents = clip.pointInfo(0, p);
+            if (json)
+                printJson({{"point", jvec(p)}, {"contents", contents}, {"meaning", contentsMeaning(contents)}});
+            else
+                std::fprintf(Tool::out(), "%d %s\n", contents, contentsMeaning(contents));
+        });
 }
 
 int Commands::trace(const FileArgs& args)
 {
     return answerQueries(
         args, 6, "trace takes a segment as six numbers X0 Y0 Z0 X1 Y1 Z1, or none to read segments from stdin",
-        [](const mrClipBSP& clip, const float* v)
+        [json = args.json](const mrClipBSP& clip, const float* v)
         {
             mrTrace t;
             // The queries leave the plane as they find it when nothing stops the trace.
             t.m_planeNormal = srVector3T<float>(0, 0, 0);
             t.m_planeDist = 0;
-            int ret = clip.checkCollision(srVector3T<float>(v[0], v[1], v[2]), srVector3T<float>(v[3], v[4], v[5]), t);
-            std::fprintf(Tool::out(), "%d %s %s %d %d %d %s %s\n", ret, Tool::g9(t.m_fraction).c_str(),
-                         vec3(t.m_endPos).c_str(), t.m_startSolid, t.m_allSolid, t.m_inOpen,
-                         vec3(t.m_planeNormal).c_str(), Tool::g9(t.m_planeDist).c_str());
+            srVector3T<float> start(v[0], v[1], v[2]), end(v[3], v[4], v[5]);
+            const bool clear = clip.checkCollision(start, end, t) != 0;
+            // A plane stops the trace unless it is clear or starts in solid space.
+            const bool hasPlane = !clear && !t.m_startSolid;
+            if (json)
+            {
+                nlohmann::ordered_json j;
+                j["start"] = jvec(start);
+                j["end"] = jvec(end);
+                j["clear"] = clear;
+                j["fraction"] = Tool::jsonReal(t.m_fraction);
+                j["endPos"] = jvec(t.m_endPos);
+                j["planeNormal"] = hasPlane ? jvec(t.m_planeNormal) : nlohmann::ordered_json(nullptr);
+                j["planeDist"] =
+                    hasPlane ? nlohmann::ordered_json(Tool::jsonReal(t.m_planeDist)) : nlohmann::ordered_json(nullptr);
+                j["startSolid"] = t.m_startSolid != 0;
+                j["allSolid"] = t.m_allSolid != 0;
+                j["inOpen"] = t.m_inOpen != 0;
+                printJson(j);
+                return;
+            }
+            if (clear)
+            {
+                std::fprintf(Tool::out(), "clear\n");
+                return;
+            }
+            const std::string plane =
+                hasPlane ? "(" + Tool::real(t.m_planeNormal.x) + "," + Tool::real(t.m_planeNormal.y) + "," +
+                               Tool::real(t.m_planeNormal.z) + "," + Tool::real(t.m_planeDist) + ")"
+                         : std::string("none");
+            std::fprintf(Tool::out(), "blocked fraction=%s end=%s plane=%s start_solid=%d all_solid=%d in_open=%d\n",
+                         Tool::real(t.m_fraction).c_str(), tuple3(t.m_endPos).c_str(), plane.c_str(), t.m_startSolid,
+                         t.m_allSolid, t.m_inOpen);
         });
 }
 
@@ -849,7 +1040,7 @@ int Commands::slice(const SliceArgs& args)
     if (args.size < 1 || args.size > 8192)
         return Tool::usage("--size " + std::to_string(args.size) + ": expected 1 to 8192 pixels");
     AtomicFile::protectInput(args.file);
-    if (int code = checkOutputs({args.output}))
+    if (int code = checkOutputs({args.output}, args.json))
         return code;
     ModuleSession session;
     Released<mrClipBSP> bsp(loadClipBSP(session, args.file, true));
@@ -857,17 +1048,22 @@ int Commands::slice(const SliceArgs& args)
         return Tool::EXIT_BAD_INPUT;
     SliceImage image;
     std::string error;
-    if (!image.render(*bsp.get(), axis, at, args.size, error))
-        return Tool::fail(args.file, error);
+    {
+        mrProgress::Stage stage(Progress::callback(), "slice", (uint64_t)args.size);
+        if (!image.render(*bsp.get(), axis, at, args.size, error))
+            return Tool::fail(args.file, error);
+    }
     OutputSet outputs;
     if (!image.writePng(outputs, args.output, error))
         return Tool::fail(error);
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
-    const SliceImage::Counts& c = image.counts();
-    std::fprintf(Tool::out(), "wrote %s: %d x %d pixels of %s = %s; %ld empty, %ld solid, %ld marked solid\n",
-                 args.output.c_str(), image.width(), image.height(), args.axis.c_str(), Tool::g9(at).c_str(), c.empty,
-                 c.solid, c.marked);
+    if (args.json)
+    {
+        printJson(sliceJson(args.output, axis, at, image));
+    }
+    else if (!Tool::quiet())
+        printSliceSummary(args.output, SliceImage::axisName(axis), at, image);
     return Tool::EXIT_OK;
 }
 
@@ -885,7 +1081,7 @@ int Commands::view(const ViewArgs& args)
         options.inside = srVector3T<float>(xyz[0], xyz[1], xyz[2]);
     }
     AtomicFile::protectInput(args.mesh);
-    if (int code = checkOutputs({args.output}))
+    if (int code = checkOutputs({args.output}, args.json))
         return code;
     // The mesh as vis and clip take it, so the page shows what they make.
     CheckedMesh checked;
@@ -898,7 +1094,10 @@ int Commands::view(const ViewArgs& args)
         return code;
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
-    printViewSummary(args.output, summary);
+    if (args.json)
+        printJson(viewJson(args.output, summary));
+    else if (!Tool::quiet())
+        printViewSummary(args.output, summary);
     return Tool::EXIT_OK;
 }
 
@@ -923,8 +1122,6 @@ int Commands::demo(const DemoArgs& args)
     std::string level = demoLevelPath();
     if (level.empty())
         return Tool::fail("demo-level.obj", "the built-in demo level is not installed");
-    if (::mkdir(args.outDir.c_str(), 0777) != 0 && errno != EEXIST)
-        return Tool::fail(args.outDir, std::string("cannot create the directory: ") + std::strerror(errno));
 
     VisPipeline::Options vis;
     vis.portalFile = Tool::joinPath(args.outDir, "test.prt");
@@ -933,21 +1130,23 @@ int Commands::demo(const DemoArgs& args)
     std::string pngFile = Tool::joinPath(args.outDir, "slice.png");
     std::string viewFile = Tool::joinPath(args.outDir, "view.html");
     AtomicFile::protectInput(level);
+    // The outputs are put in place together once all of them are made.
+    OutputSet outputs;
+    std::string error;
+    if (!outputs.makeDirectory(args.outDir, error))
+        return Tool::fail(error);
     if (int code = checkOutputs({vis.portalFile, vis.meshFile, MeshWriter::companionPath(vis.meshFile, vis.meshFormat),
-                                 clipFile, pngFile, viewFile}))
+                                 clipFile, pngFile, viewFile},
+                                args.json))
         return code;
 
     ModuleSession session;
-    std::string error;
     if (!session.start(error))
         return Tool::fail(error);
     Released<srMeshModel> mesh(readMesh(level));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
-    std::fprintf(Tool::out(), "demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
 
-    // The four outputs are put in place together once all of them are made.
-    OutputSet outputs;
     double start = Tool::nowMs();
     mrVisPipeline::Result result;
     if (!VisPipeline::run(mesh.get(), vis, outputs, result, error))
@@ -956,11 +1155,10 @@ int Commands::demo(const DemoArgs& args)
 
     start = Tool::nowMs();
     mrClipPipeline::Result clip;
-    {
-        StdoutRedirect quietStdout;
-        if (!mrClipPipeline::run(mesh.get(), mrClipPipeline::Settings(), clip, error))
-            return Tool::fail(level, error);
-    }
+    mrClipPipeline::Settings clipSettings;
+    clipSettings.progress = Progress::callback();
+    if (!mrClipPipeline::run(mesh.get(), clipSettings, clip, error))
+        return Tool::fail(level, error);
     const mrClipBSP* bsp = clip.clipBSP;
     if (!saveClipBSP(session, outputs, clipFile, clip.clipBSP))
         return Tool::EXIT_BAD_INPUT;
@@ -981,15 +1179,36 @@ int Commands::demo(const DemoArgs& args)
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;
 
-    std::fprintf(Tool::out(), "\nvisibility pipeline (%s)\n", ms(visMs).c_str());
+    if (args.json)
+    {
+        nlohmann::ordered_json j;
+        j["level"] = level;
+        j["numTriangles"] = mesh->m_numpolys;
+        j["vis"] = visJson(result, vis, nullptr, visMs);
+        j["clip"] = clipJson(clipFile, *bsp, clip);
+        j["clip"]["elapsedMs"] = elapsedJson(clipMs);
+        j["slice"] = sliceJson(pngFile, 2, sliceZ, image);
+        j["slice"]["elapsedMs"] = elapsedJson(sliceMs);
+        j["view"] = viewJson(viewFile, viewSummary);
+        printJson(j);
+        return Tool::EXIT_OK;
+    }
+    if (Tool::quiet())
+        return Tool::EXIT_OK;
+    FILE* out = Tool::out();
+    std::fprintf(out, "demo level %s: %ld triangles\n", level.c_str(), mesh->m_numpolys);
+    std::fprintf(out, "\nvisibility pipeline (%s)\n", ms(visMs).c_str());
     printVisSummary(result, vis);
-    std::fprintf(Tool::out(), "\ncollision pipeline (%s)\n", ms(clipMs).c_str());
-    std::fprintf(Tool::out(), "wrote %s: %u nodes, %u planes\n", clipFile.c_str(), bsp->m_numnodes, bsp->m_numplanes);
-    const SliceImage::Counts& c = image.counts();
-    std::fprintf(Tool::out(), "\nslice at z = %s (%s)\n", Tool::g9(sliceZ).c_str(), ms(sliceMs).c_str());
-    std::fprintf(Tool::out(), "wrote %s: %d x %d pixels; %ld empty, %ld solid, %ld marked solid\n", pngFile.c_str(),
-                 image.width(), image.height(), c.empty, c.solid, c.marked);
-    std::fprintf(Tool::out(), "\nview page\n");
+    std::fprintf(out, "%s\n", openSpaceSentence(result.leaks).c_str());
+    std::fprintf(out, "\ncollision pipeline (%s)\n", ms(clipMs).c_str());
+    printClipSummary(clipFile, *bsp, clip, mesh->m_numpolys);
+    std::fprintf(out, "\nslice (%s)\n", ms(sliceMs).c_str());
+    printSliceSummary(pngFile, "z", sliceZ, image);
+    std::fprintf(out, "\nview page\n");
     printViewSummary(viewFile, viewSummary);
+    std::fprintf(out,
+                 "\nnext: open %s in a browser; ask 'meridbsp point %s 128 128 48' (-1 is empty space) or "
+                 "'meridbsp trace %s 128,128,48 128,-200,48'; docs/cli.md explains every output\n",
+                 viewFile.c_str(), clipFile.c_str(), clipFile.c_str());
     return Tool::EXIT_OK;
 }

@@ -4,7 +4,8 @@
 #include <vector>
 
 // The tool's commands. Each takes its parsed arguments, writes its results to standard
-// output and its errors to standard error, and returns the exit code (Tool::e_exit).
+// output (as text, or with --json as JSON) and its errors to standard error, and returns
+// the exit code (Tool::e_exit).
 class Commands
 {
 public:
@@ -35,6 +36,7 @@ public:
         std::string mins;
         std::string maxs;
         std::string output;
+        bool json = false;
     };
     struct FileArgs
     {
@@ -49,6 +51,7 @@ public:
         std::string at;
         int size = 512;
         std::string output;
+        bool json = false;
     };
     struct ViewArgs
     {
@@ -57,10 +60,12 @@ public:
         bool midSplit = false;
         std::string inside; // "x,y,z"; empty: none
         bool keepDegenerate = false;
+        bool json = false;
     };
     struct DemoArgs
     {
         std::string outDir = "demo-out";
+        bool json = false;
     };
 
     static int check(const FileArgs& args);

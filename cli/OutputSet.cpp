@@ -1,5 +1,46 @@
 #include "OutputSet.h"
 
+#include <cerrno>
+#include <cstring>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+OutputSet::~OutputSet()
+{
+    m_files.clear();
+    if (m_committed)
+        return;
+    for (auto dir = m_madeDirectories.rbegin(); dir != m_madeDirectories.rend(); ++dir)
+        ::rmdir(dir->c_str());
+}
+
+bool OutputSet::makeDirectory(const std::string& dir, std::string& error)
+{
+    for (std::string::size_type end = 0; end != std::string::npos;)
+    {
+        end = dir.find('/', end + 1);
+        const std::string part = dir.substr(0, end);
+        if (part.empty() || part == "." || part == "..")
+            continue;
+        struct stat st;
+        if (::stat(part.c_str(), &st) == 0)
+        {
+            if (S_ISDIR(st.st_mode))
+                continue;
+            error = dir + ": cannot create the directory: " + part + " is not a directory";
+            return false;
+        }
+        if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
+        {
+            error = dir + ": cannot create the directory: " + std::strerror(errno);
+            return false;
+        }
+        m_madeDirectories.push_back(part);
+    }
+    return true;
+}
+
 int OutputSet::countStdout(const std::vector<std::string>& paths)
 {
     int count = 0;
@@ -52,5 +93,6 @@ bool OutputSet::commit(std::string& error)
         }
     }
     m_files.clear();
+    m_committed = true;
     return true;
 }

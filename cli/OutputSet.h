@@ -9,11 +9,13 @@
 
 // The outputs of one run, put in place together: each is written to its temporary file,
 // and none is renamed or written through until every one of them is complete. A set
-// dropped before commit() removes its temporary files and touches no output.
+// dropped before commit() removes its temporary files and touches no output, and removes
+// again the directories it made for them.
 class OutputSet
 {
 public:
     OutputSet() = default;
+    ~OutputSet();
     OutputSet(const OutputSet&) = delete;
     OutputSet& operator=(const OutputSet&) = delete;
 
@@ -27,6 +29,12 @@ public:
     // Finishes every output, then puts each in place; "PATH: what is wrong" on failure.
     bool commit(std::string& error);
 
+    // Makes the directory and any parents missing, to be removed again unless the outputs
+    // are committed; false with "DIR: cannot create the directory: why".
+    bool makeDirectory(const std::string& dir, std::string& error);
+
 private:
     std::vector<std::unique_ptr<AtomicFile>> m_files;
+    std::vector<std::string> m_madeDirectories; // parents first
+    bool m_committed = false;
 };

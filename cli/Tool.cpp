@@ -5,33 +5,62 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "Progress.h"
+
+namespace
+{
+int s_verbosity = 0;
+}
+
+void Tool::setVerbosity(int level) { s_verbosity = level; }
+
+bool Tool::quiet() { return s_verbosity < 0; }
+
+bool Tool::verbose() { return s_verbosity > 0; }
 
 int Tool::fail(const std::string& subject, const std::string& what)
 {
+    Progress::clearLine();
     std::fprintf(stderr, "meridbsp: error: %s: %s\n", subject.c_str(), what.c_str());
     return EXIT_BAD_INPUT;
 }
 
 int Tool::fail(const std::string& message)
 {
+    Progress::clearLine();
     std::fprintf(stderr, "meridbsp: error: %s\n", message.c_str());
     return EXIT_BAD_INPUT;
 }
 
 int Tool::usage(const std::string& message)
 {
+    Progress::clearLine();
     std::fprintf(stderr, "meridbsp: error: %s\nRun with --help for more information.\n", message.c_str());
     return EXIT_USAGE;
 }
 
-void Tool::warn(const std::string& message) { std::fprintf(stderr, "meridbsp: warning: %s\n", message.c_str()); }
+void Tool::warn(const std::string& message)
+{
+    if (quiet())
+        return;
+    Progress::clearLine();
+    std::fprintf(stderr, "meridbsp: warning: %s\n", message.c_str());
+}
 
-void Tool::note(const std::string& message) { std::fprintf(stderr, "meridbsp: note: %s\n", message.c_str()); }
+void Tool::note(const std::string& message)
+{
+    if (quiet())
+        return;
+    Progress::clearLine();
+    std::fprintf(stderr, "meridbsp: note: %s\n", message.c_str());
+}
 
 namespace
 {
 FILE* s_report = nullptr;
-}
+} // namespace
 
 FILE* Tool::out() { return s_report ? s_report : stdout; }
 
@@ -127,6 +156,27 @@ std::string Tool::count(long n, const char* one, const char* many)
 {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
+
+std::string Tool::real(float value)
+{
+    char buf[64];
+    for (int digits = 1; digits <= 9; ++digits)
+    {
+        // Nine significant digits always read back; fewer only when both ways of reading
+        // them agree on the float.
+        std::snprintf(buf, sizeof buf, "%.*g", digits, (double)value);
+        if (std::strtof(buf, nullptr) == value && (float)std::strtod(buf, nullptr) == value)
+            break;
+    }
+    // "1e+02" reads back, but people write 100: whole numbers below 1e17 in full.
+    const char* e = std::strchr(buf, 'e');
+    const int exponent = e ? std::atoi(e + 1) : -1;
+    if (exponent >= 0 && exponent < 17)
+        std::snprintf(buf, sizeof buf, "%.*g", exponent + 1, (double)value);
+    return buf;
+}
+
+double Tool::jsonReal(float value) { return std::strtod(real(value).c_str(), nullptr); }
 
 std::string Tool::g9(double value)
 {

@@ -22,10 +22,16 @@ public:
     static int fail(const std::string& message);
     // A usage error: the message and a hint to --help; returns EXIT_USAGE.
     static int usage(const std::string& message);
-    // "meridbsp: warning: MESSAGE" on stderr.
+    // "meridbsp: warning: MESSAGE" on stderr (not under --quiet).
     static void warn(const std::string& message);
-    // "meridbsp: note: MESSAGE" on stderr.
+    // "meridbsp: note: MESSAGE" on stderr (not under --quiet).
     static void note(const std::string& message);
+
+    // How much the tool says besides its results and errors: -1 --quiet (nothing), 0 the
+    // default (warnings, notes, progress), 1 --verbose (also the library's log lines).
+    static void setVerbosity(int level);
+    static bool quiet();
+    static bool verbose();
 
     // Where a command's report goes: standard output, or standard error once an output
     // file has been sent to standard output.
@@ -46,7 +52,12 @@ public:
 
     // "1 triangle", "3 triangles".
     static std::string count(long n, const char* one, const char* many);
-    // Floats in every output: "%.9g", enough digits to read the same float back.
+    // A float in every output: the shortest decimal that reads back as the same float,
+    // whether read as a float or as a double then rounded to float.
+    static std::string real(float value);
+    // The same value as a double, for JSON, which then prints it in as few digits.
+    static double jsonReal(float value);
+    // Doubles the tool computes itself (volumes, means): "%.9g".
     static std::string g9(double value);
     // Wall-clock milliseconds since an arbitrary start.
     static double nowMs();

@@ -173,6 +173,7 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
     mrVisPipeline::Settings vis;
     vis.midSplit = options.midSplit;
     vis.portalMesh = true;
+    vis.progress = options.progress;
     vis.observer = [&](const mrBSPNode* head, const mrBSPPortalizer& portalizer)
     { observe(head, portalizer, options); };
     if (options.hasInside)
@@ -218,7 +219,9 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
     m_summary.meshPolys = visResult.portalMeshPolys;
 
     mrClipPipeline::Result clipResult;
-    if (!mrClipPipeline::run(mesh, mrClipPipeline::Settings(), clipResult, error))
+    mrClipPipeline::Settings clipSettings;
+    clipSettings.progress = options.progress;
+    if (!mrClipPipeline::run(mesh, clipSettings, clipResult, error))
         return false;
     const mrClipBSP& clip = *clipResult.clipBSP;
     Bytes planes, nodes;

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srVector3T.h>
 #include <nlohmann/json.hpp>
 
@@ -25,6 +26,7 @@ public:
         bool midSplit = false;  // the visibility pipeline's partition mode
         bool hasInside = false; // a point that should lie inside the level
         srVector3T<float> inside{0, 0, 0};
+        mrProgress::Callback progress; // told how far both pipelines have got
     };
 
     // What the page holds, for the command's summary line.

@@ -8,6 +8,7 @@
 #include "AtomicFile.h"
 #include "MeshWriter.h"
 #include "OutputSet.h"
+#include "Progress.h"
 #include "StdoutRedirect.h"
 #include "Tool.h"
 
@@ -24,6 +25,7 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, OutputSet& outp
     settings.portalMesh = true;
     settings.findLeaks = true;
     settings.insidePoints = options.insidePoints;
+    settings.progress = Progress::callback();
     {
         StdoutRedirect quietStdout;
         if (!mrVisPipeline::run(mesh, settings, result, error))
@@ -56,7 +58,7 @@ std::string VisPipeline::leakObj(const mrLeakFinder::Report& report)
         lines += "l";
         for (const srVector3T<float>& p : leak.path)
         {
-            obj += "v " + Tool::g9(p.x) + " " + Tool::g9(p.y) + " " + Tool::g9(p.z) + "\n";
+            obj += "v " + Tool::real(p.x) + " " + Tool::real(p.y) + " " + Tool::real(p.z) + "\n";
             lines += " " + std::to_string(next++);
         }
         lines += "\n";
