@@ -423,6 +423,100 @@ TEST_F(CliTest, QuietByDefaultVerboseOnRequestAndProgressOnLongWork)
     EXPECT_EQ(run("vis '" + DEMO_LEVEL + "'").err.find("progress"), std::string::npos);
 }
 
+// ---- The documentation's examples ------------------------------------------------------
+
+struct Example
+{
+    std::string command;
+    std::vector<std::string> output; // what it prints, standard error included
+    bool checkOutput;
+};
+
+// The "$ command" lines of every console block and the lines each prints.
+std::vector<Example> consoleExamples(const std::string& markdown)
+{
+    std::vector<Example> examples;
+    bool inBlock = false;
+    for (const std::string& line : lines(markdown))
+    {
+        if (line.rfind("```", 0) == 0)
+            inBlock = !inBlock && line == "```console";
+        else if (inBlock && line.rfind("$ ", 0) == 0)
+            examples.push_back({line.substr(2), {}, true});
+        else if (inBlock && !examples.empty())
+            examples.back().output.push_back(line);
+    }
+    return examples;
+}
+
+// The commands of the first shell block after a heading, without their comments.
+std::vector<Example> shellExamples(const std::string& markdown, const std::string& heading)
+{
+    std::vector<Example> examples;
+    const std::string text = markdown.substr(markdown.find(heading));
+    std::vector<std::string> all = lines(text.substr(text.find("```sh\n") + 6));
+    for (const std::string& line : all)
+    {
+        if (line == "```")
+            break;
+        examples.push_back({line.substr(0, line.find("  #")), {}, false});
+    }
+    return examples;
+}
+
+// A line of expected output with "…" standing for anything.
+bool lineMatches(const std::string& expected, const std::string& actual)
+{
+    const std::string any = "\u2026";
+    std::string::size_type at = expected.find(any);
+    if (at == std::string::npos)
+        return expected == actual;
+    if (actual.compare(0, at, expected, 0, at) != 0)
+        return false;
+    const std::string rest = expected.substr(at + any.size());
+    for (std::string::size_type from = at; from <= actual.size(); ++from)
+        if (lineMatches(rest, actual.substr(from)))
+            return true;
+    return false;
+}
+
+TEST_F(CliTest, DocumentedExamplesRunAsWritten)
+{
+    mtest::writeFile(dir.file("level.obj"), mtest::readFile(DEMO_LEVEL));
+    std::filesystem::create_directory_symlink(MERIDBSP_BINARY_DIR, dir.file("build"));
+    const std::string cliDoc = mtest::readFile(MERIDBSP_SOURCE_DIR "/docs/cli.md");
+    const std::string readme = mtest::readFile(MERIDBSP_SOURCE_DIR "/README.md");
+    EXPECT_NE(readme.find("](docs/cli.md)"), std::string::npos) << "the README links to docs/cli.md";
+    std::vector<Example> examples = shellExamples(readme, "## Command line");
+    const std::vector<Example> documented = consoleExamples(cliDoc);
+    ASSERT_GE(examples.size(), 10u);
+    ASSERT_GE(documented.size(), 20u);
+    examples.insert(examples.end(), documented.begin(), documented.end());
+    for (const Example& e : examples)
+    {
+        SCOPED_TRACE(e.command);
+        mtest::writeFile(dir.file(".example.sh"),
+                         "export PATH='" MERIDBSP_BINARY_DIR "':\"$PATH\"\n" + e.command + "\n");
+        const std::string out = dir.file(".example.out");
+        const int status =
+            std::system(("cd '" + dir.path() + "' && bash -o pipefail .example.sh >'" + out + "' 2>&1").c_str());
+        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        bool fails = false;
+        for (const std::string& line : e.output)
+            fails = fails || line.find("meridbsp: error:") != std::string::npos;
+        const std::vector<std::string> got = lines(mtest::readFile(out));
+        EXPECT_EQ(code != 0, fails) << "exit code " << code << "\n" << mtest::readFile(out);
+        if (!e.checkOutput)
+            continue;
+        bool same = got.size() == e.output.size();
+        for (size_t i = 0; same && i < got.size(); ++i)
+            same = lineMatches(e.output[i], got[i]);
+        EXPECT_TRUE(same) << "documented:\n"
+                          << ::testing::PrintToString(e.output) << "\nprinted:\n"
+                          << ::testing::PrintToString(got);
+    }
+}
+
 // ---- Clip BSP files: dump, info, refusals ------------------------------------------------
 
 TEST_F(CliTest, DumpAndInfoDescribeTheBox)
