@@ -402,8 +402,8 @@ nlohmann::ordered_json MeshHealth::json(const Report& r)
     j["components"] = r.components;
     if (r.hasBox)
     {
-        j["mins"] = {r.mins.x, r.mins.y, r.mins.z};
-        j["maxs"] = {r.maxs.x, r.maxs.y, r.maxs.z};
+        j["mins"] = {Tool::jsonReal(r.mins.x), Tool::jsonReal(r.mins.y), Tool::jsonReal(r.mins.z)};
+        j["maxs"] = {Tool::jsonReal(r.maxs.x), Tool::jsonReal(r.maxs.y), Tool::jsonReal(r.maxs.z)};
     }
     else
     {
