@@ -6,6 +6,9 @@ CMAKE_FLAGS ?=
 
 .PHONY: all deps build demo test test-asan fuzz bench format format-check install clean
 
+# The build's own progress is enough; make's "Entering directory" lines are not.
+MAKEFLAGS += --no-print-directory
+
 all: build
 
 deps:
