@@ -250,9 +250,9 @@ int main(int argc, char** argv)
 
     // The library's log lines are its own; they are shown only when asked for.
     Tool::setVerbosity(quiet ? -1 : verbose ? 1 : 0);
-    static NullBuffer nothing;
-    static std::ostream discard(&nothing);
-    srSetOutputTarget(verbose ? &std::cerr : &discard);
+    // Never destroyed: the library may still write while the program ends.
+    static std::ostream* discard = new std::ostream(new NullBuffer);
+    srSetOutputTarget(verbose ? &std::cerr : discard);
 
     if (vis->parsed())
         return Commands::vis(visArgs);
