@@ -10,6 +10,7 @@
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/core/mrOutputFile.h>
 #include <meridbsp/platform/core/mrParamBlock.h>
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srOutput.h>
 #include <meridbsp/platform/dx/srTexture.h>
@@ -203,6 +204,37 @@ TEST(OutputFile, ReplacesFilesFollowsLinksWritesThroughPipesAndRefusesTheRest)
     EXPECT_EQ(mtest::readFile(dir.file("old")), "via link");
     for (const auto& e : std::filesystem::directory_iterator(dir.path()))
         EXPECT_EQ(e.path().filename().string().find(".tmp"), std::string::npos) << e.path();
+}
+
+TEST(Progress, StagesReportStartRisingWorkAndEndAndNobodyListensOutsideThem)
+{
+    std::vector<std::string> heard;
+    auto record = [&](const char* stage, uint64_t done, uint64_t total)
+    { heard.push_back(std::string(stage) + " " + std::to_string(done) + "/" + std::to_string(total)); };
+    mrProgress::reach(5); // no stage: nothing happens
+    {
+        // The callback may be a temporary; a million steps give about a thousand reports.
+        mrProgress::Stage stage(mrProgress::Callback(record), "known", 1000000);
+        for (int i = 0; i < 1000000; ++i)
+            mrProgress::step();
+        mrProgress::reach(2000000); // held at the total
+        {
+            mrProgress::Stage hidden(mrProgress::Callback(), "unheard", 10);
+            mrProgress::reach(3); // belongs to the unheard stage, not the outer one
+        }
+    }
+    ASSERT_GE(heard.size(), 900u);
+    EXPECT_LE(heard.size(), 1002u);
+    EXPECT_EQ(heard.front(), "known 0/1000000");
+    EXPECT_EQ(heard.back(), "known 1000000/1000000");
+    heard.clear();
+    {
+        mrProgress::Stage stage(record, "unknown", 0);
+        for (uint64_t n : {1, 2, 3, 500, 502, 1000})
+            mrProgress::reach(n);
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{"unknown 0/0", "unknown 1/0", "unknown 2/0", "unknown 3/0",
+                                               "unknown 500/0", "unknown 1000/0", "unknown 1000/1000"}));
 }
 
 TEST(Core, UninitialisedCoreReportsAndGivesNoManager)

@@ -32,7 +32,7 @@ public:
         friend class mrProgress;
         void report(uint64_t done);
 
-        const Callback* m_callback;
+        Callback m_callback; // a copy: the caller's may be a temporary
         const char* m_name;
         uint64_t m_total;
         uint64_t m_done = 0;
