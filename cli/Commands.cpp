@@ -808,7 +808,7 @@ int Commands::box(const BoxArgs& args)
     {
         if (lo[a] > hi[a])
             return Tool::usage(std::string("the minimum corner is above the maximum on ") + axes[a] + " (" +
-                               Tool::g9(lo[a]) + " > " + Tool::g9(hi[a]) + "): swap the two values");
+                               Tool::real(lo[a]) + " > " + Tool::real(hi[a]) + "): swap the two values");
     }
     srVector3T<float> mins(lo[0], lo[1], lo[2]), maxs(hi[0], hi[1], hi[2]);
     if (int code = checkOutputs({args.output}, args.json))
@@ -816,7 +816,7 @@ int Commands::box(const BoxArgs& args)
     for (int a = 0; a < 3; ++a)
     {
         if (lo[a] == hi[a])
-            Tool::warn(std::string("the box has no size on ") + axes[a] + " (both corners at " + Tool::g9(lo[a]) +
+            Tool::warn(std::string("the box has no size on ") + axes[a] + " (both corners at " + Tool::real(lo[a]) +
                        "): no point is inside it");
     }
     ModuleSession session;
