@@ -1237,6 +1237,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
     std::vector<uint32_t> front;
     while (!stack.empty())
     {
+        mrProgress::reach((uint64_t)m_numLinkedFaces);
         Work work = std::move(stack.back());
         stack.pop_back();
         std::vector<uint32_t>& order = work.list;
