@@ -5,7 +5,7 @@
 #   --bench  also the benchmarks' peer libraries
 set -euo pipefail
 pkgs=(build-essential cmake clang clang-format libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-      libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev help2man libjs-three)
+      libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev help2man libjs-three libtbb-dev)
 optional=()
 [ "${1:-}" = "--test" ] && optional+=(chromium)
 [ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev python3)

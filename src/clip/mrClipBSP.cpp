@@ -7,6 +7,9 @@
 #include <meridbsp/clip/mrClipQueryIndex.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srOutput.h>
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/info.h>
+#include <oneapi/tbb/task_arena.h>
 
 // The node block is published as raw bytes in host order, and the record layout on
 // file and in fields is little-endian.
@@ -517,7 +520,24 @@ void mrClipBSP::dropQueryIndex()
     m_indexNumNodes = m_indexNumPlanes = 0;
 }
 
-void mrClipBSP::prepareQueries()
+void mrClipBSP::prepareQueries() { buildQueryIndex(1); }
+
+void mrClipBSP::prepareQueries(int threads)
+{
+    if (threads <= 0)
+        threads = tbb::info::default_concurrency();
+    threads = (int)std::min<size_t>((size_t)threads,
+                                    tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    if (threads <= 1)
+    {
+        buildQueryIndex(1);
+        return;
+    }
+    tbb::task_arena arena(threads);
+    arena.execute([&] { buildQueryIndex(threads); });
+}
+
+void mrClipBSP::buildQueryIndex(int threads)
 {
     dropQueryIndex();
     // A handful of nodes is walked as fast without one.
@@ -525,8 +545,8 @@ void mrClipBSP::prepareQueries()
         return;
     try
     {
-        m_queryIndex =
-            std::make_shared<const mrClipQueryIndex>(m_nodes, m_numnodes, m_planes, m_numplanes, m_mins, m_maxs);
+        m_queryIndex = std::make_shared<const mrClipQueryIndex>(m_nodes, m_numnodes, m_planes, m_numplanes, m_mins,
+                                                                m_maxs, threads > 1);
     }
     catch (const std::bad_alloc&)
     {

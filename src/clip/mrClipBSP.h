@@ -102,6 +102,9 @@ public:
     // directly calls it afterwards to get the faster queries; after editing records in
     // place it must call it (or dropQueryIndex) before querying again.
     void prepareQueries();
+    // The same index built on up to `threads` threads (0: every core the process may
+    // use; 1: prepareQueries itself).
+    void prepareQueries(int threads);
     void dropQueryIndex();
     bool hasQueryIndex() const { return queryIndex() != nullptr; }
 
@@ -130,6 +133,8 @@ private:
                    : nullptr;
     }
     void copyQueryIndexFrom(const mrClipBSP& o);
+    // prepareQueries, on the current task arena when threads > 1.
+    void buildQueryIndex(int threads);
     bool hasBoxLayout() const;
     // Records the arrays really hold (the counts may say otherwise after field changes).
     unsigned long nodeRecords() const;

@@ -1,9 +1,13 @@
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <functional>
+#include <limits>
 
 #include <meridbsp/clip/mrClipQueryIndex.h>
+#include <oneapi/tbb/parallel_for_each.h>
 
 namespace
 {
@@ -51,7 +55,7 @@ inline bool inRange(const srVector3T<float>& p)
 } // namespace
 
 mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t,
-                                   const srVector3T<float>& mins, const srVector3T<float>& maxs)
+                                   const srVector3T<float>& mins, const srVector3T<float>& maxs, bool parallel)
 {
     m_nodes.resize(numnodes);
     for (uint32_t i = 0; i < numnodes; ++i)
@@ -69,7 +73,7 @@ mrClipQueryIndex::mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, c
     }
 
     findRuns();
-    buildGrid(mins, maxs);
+    buildGrid(mins, maxs, parallel);
 }
 
 void mrClipQueryIndex::findRuns()
@@ -594,7 +598,7 @@ int32_t mrClipQueryIndex::commonLeaf(int32_t node, const double* lo, const doubl
     return found;
 }
 
-void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs)
+void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs, bool parallel)
 {
     // A tree with long chains (a closed part) has its cones instead: pushing boxes down
     // a chain costs more than the cells save, and so does a grid over the deep, bushy
@@ -644,79 +648,124 @@ void mrClipQueryIndex::buildGrid(const srVector3T<float>& mins, const srVector3T
 
     // Boxes of cells pushed down the tree, each from the node its enclosing box reached:
     // a box wholly on one side of a plane follows that side; a box that straddles is
-    // split in eight, down to single cells. The float mapping puts a point up to a few
-    // units in the last place outside its cell, so each box is widened far beyond that.
-    struct Box
-    {
-        int32_t from[3], to[3];
-        int32_t node;
-    };
-    std::vector<Box> stack;
+    // split in eight, down to single cells.
+    const int64_t budget = std::max(GRID_TESTS_MIN, GRID_TESTS_PER_NODE * (int64_t)m_nodes.size()) +
+                           GRID_TESTS_PER_CELL * (int64_t)m_cells.size();
+    const GridBox whole{{0, 0, 0}, {m_dims[0], m_dims[1], m_dims[2]}, 0};
+    if (parallel && gridInParallel(whole, width, ext, budget))
+        return;
+    std::vector<GridBox> stack(1, whole);
     std::vector<int32_t> work;
-    stack.push_back(Box{{0, 0, 0}, {m_dims[0], m_dims[1], m_dims[2]}, 0});
-    int64_t budget = std::max(GRID_TESTS_MIN, GRID_TESTS_PER_NODE * (int64_t)m_nodes.size()) +
-                     GRID_TESTS_PER_CELL * (int64_t)m_cells.size();
+    int64_t left = budget;
     while (!stack.empty())
     {
-        const Box box = stack.back();
+        const GridBox box = stack.back();
         stack.pop_back();
-        double blo[3], bhi[3];
-        bool single = true;
-        for (int k = 0; k < 3; ++k)
-        {
-            const double slack = 1e-5 * ext[k];
-            blo[k] = (double)m_gridLo[k] + box.from[k] * width[k] - slack;
-            bhi[k] = (double)m_gridLo[k] + box.to[k] * width[k] + slack;
-            single = single && box.to[k] - box.from[k] == 1;
-        }
-        int32_t node = box.node;
-        while (node >= 0 && budget > 0)
-        {
-            --budget;
-            const int side = boxSide(m_nodes[node], blo, bhi);
-            if (side < 0)
-                break;
-            node = m_nodes[node].child[side];
-        }
-        if (node >= 0 && budget > 0)
-        {
-            // The box straddles `node`; its points may still all end in leaves of one
-            // kind (a BSP cuts solid and empty space into many convex pieces).
-            const int32_t leaf = commonLeaf(node, blo, bhi, budget, work);
-            if (leaf < 0)
-                node = leaf;
-        }
-        if (node < 0 || single || budget <= 0)
-        {
-            for (int32_t z = box.from[2]; z < box.to[2]; ++z)
-                for (int32_t y = box.from[1]; y < box.to[1]; ++y)
-                {
-                    int32_t* row = &m_cells[((size_t)z * m_dims[1] + y) * m_dims[0]];
-                    std::fill(row + box.from[0], row + box.to[0], node);
-                }
-            continue;
-        }
-        int32_t cuts[3][3];
-        int parts[3];
-        for (int k = 0; k < 3; ++k)
-        {
-            cuts[k][0] = box.from[k];
-            if (box.to[k] - box.from[k] > 1)
-            {
-                cuts[k][1] = box.from[k] + (box.to[k] - box.from[k]) / 2;
-                cuts[k][2] = box.to[k];
-                parts[k] = 2;
-            }
-            else
-            {
-                cuts[k][1] = box.to[k];
-                parts[k] = 1;
-            }
-        }
-        for (int a = 0; a < parts[0]; ++a)
-            for (int b = 0; b < parts[1]; ++b)
-                for (int c = 0; c < parts[2]; ++c)
-                    stack.push_back(Box{
-                        {cuts[0][a], cuts[1][b], cuts[2][c]}, {cuts[0][a + 1], cuts[1][b + 1], cuts[2][c + 1]}, node});
+        gridStep(box, width, ext, left, work, stack);
     }
+}
+
+void mrClipQueryIndex::gridStep(const GridBox& box, const double* width, const double* ext, int64_t& budget,
+                                std::vector<int32_t>& work, std::vector<GridBox>& parts)
+{
+    // The float mapping puts a point up to a few units in the last place outside its
+    // cell, so each box is widened far beyond that.
+    double blo[3], bhi[3];
+    bool single = true;
+    for (int k = 0; k < 3; ++k)
+    {
+        const double slack = 1e-5 * ext[k];
+        blo[k] = (double)m_gridLo[k] + box.from[k] * width[k] - slack;
+        bhi[k] = (double)m_gridLo[k] + box.to[k] * width[k] + slack;
+        single = single && box.to[k] - box.from[k] == 1;
+    }
+    int32_t node = box.node;
+    while (node >= 0 && budget > 0)
+    {
+        --budget;
+        const int side = boxSide(m_nodes[node], blo, bhi);
+        if (side < 0)
+            break;
+        node = m_nodes[node].child[side];
+    }
+    if (node >= 0 && budget > 0)
+    {
+        // The box straddles `node`; its points may still all end in leaves of one
+        // kind (a BSP cuts solid and empty space into many convex pieces).
+        const int32_t leaf = commonLeaf(node, blo, bhi, budget, work);
+        if (leaf < 0)
+            node = leaf;
+    }
+    if (node < 0 || single || budget <= 0)
+    {
+        for (int32_t z = box.from[2]; z < box.to[2]; ++z)
+            for (int32_t y = box.from[1]; y < box.to[1]; ++y)
+            {
+                int32_t* row = &m_cells[((size_t)z * m_dims[1] + y) * m_dims[0]];
+                std::fill(row + box.from[0], row + box.to[0], node);
+            }
+        return;
+    }
+    int32_t cuts[3][3];
+    int count[3];
+    for (int k = 0; k < 3; ++k)
+    {
+        cuts[k][0] = box.from[k];
+        if (box.to[k] - box.from[k] > 1)
+        {
+            cuts[k][1] = box.from[k] + (box.to[k] - box.from[k]) / 2;
+            cuts[k][2] = box.to[k];
+            count[k] = 2;
+        }
+        else
+        {
+            cuts[k][1] = box.to[k];
+            count[k] = 1;
+        }
+    }
+    for (int a = 0; a < count[0]; ++a)
+        for (int b = 0; b < count[1]; ++b)
+            for (int c = 0; c < count[2]; ++c)
+                parts.push_back(GridBox{
+                    {cuts[0][a], cuts[1][b], cuts[2][c]}, {cuts[0][a + 1], cuts[1][b + 1], cuts[2][c + 1]}, node});
+}
+
+bool mrClipQueryIndex::gridInParallel(const GridBox& whole, const double* width, const double* ext, int64_t budget)
+{
+    // Boxes are independent of each other but for the shared budget of node tests. The
+    // boxes go down without a limit, counting their tests: when they all fit in the
+    // budget, the budget never ran out, and every cell is what the one-box-at-a-time
+    // walk gives. When they do not, the walk is left to do it (and the cells to it).
+    std::atomic<int64_t> spent{0};
+    const int64_t unlimited = std::numeric_limits<int64_t>::max() / 2;
+    // Boxes of at most this many cells are finished by the thread that made them.
+    const int64_t SMALL_BOX = 512;
+    std::function<void(const GridBox&)> push = [&](const GridBox& top)
+    {
+        std::vector<GridBox> stack(1, top), parts, large;
+        std::vector<int32_t> work;
+        while (!stack.empty() && spent.load(std::memory_order_relaxed) < budget)
+        {
+            const GridBox box = stack.back();
+            stack.pop_back();
+            int64_t left = unlimited;
+            parts.clear();
+            gridStep(box, width, ext, left, work, parts);
+            spent.fetch_add(unlimited - left, std::memory_order_relaxed);
+            large.clear();
+            for (const GridBox& part : parts)
+            {
+                const int64_t cells =
+                    (int64_t)(part.to[0] - part.from[0]) * (part.to[1] - part.from[1]) * (part.to[2] - part.from[2]);
+                (cells <= SMALL_BOX ? stack : large).push_back(part);
+            }
+            if (!large.empty())
+                tbb::parallel_for_each(large.begin(), large.end(), push);
+        }
+    };
+    push(whole);
+    if (spent.load() < budget)
+        return true;
+    std::fill(m_cells.begin(), m_cells.end(), 0);
+    return false;
 }

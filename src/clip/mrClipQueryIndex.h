@@ -39,9 +39,10 @@ public:
     // Builds the index of a valid tree (see mrClipBSP::validate); the arrays are only
     // read during the call. The grid of cells is laid over the box `mins`..`maxs` grown
     // by a tenth on each side (the clip BSP's bounds): it only decides how fast queries
-    // there are, never their answers.
+    // there are, never their answers. With `parallel`, the grid is built on the threads
+    // of the current task arena; the index is the same.
     mrClipQueryIndex(const mrClipNode* nodes, uint32_t numnodes, const mrPlane* planes, uint32_t numplanes,
-                     const srVector3T<float>& mins, const srVector3T<float>& maxs);
+                     const srVector3T<float>& mins, const srVector3T<float>& maxs, bool parallel = false);
 
     const Node* nodes() const { return m_nodes.data(); }
     size_t numRuns() const { return m_runs.size(); }
@@ -187,7 +188,20 @@ private:
     int boxSide(const Node& n, const double* lo, const double* hi) const;
     int32_t commonLeaf(int32_t node, const double* lo, const double* hi, int64_t& budget,
                        std::vector<int32_t>& stack) const;
-    void buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs);
+    void buildGrid(const srVector3T<float>& mins, const srVector3T<float>& maxs, bool parallel);
+    // A box of cells (x, y, z from `from` up to `to`) and the node its walk starts at.
+    struct GridBox
+    {
+        int32_t from[3], to[3];
+        int32_t node;
+    };
+    // Pushes a box down from its node, spending node tests from `budget`: fills its cells
+    // or appends its parts to `parts`.
+    void gridStep(const GridBox& box, const double* width, const double* ext, int64_t& budget,
+                  std::vector<int32_t>& work, std::vector<GridBox>& parts);
+    // The grid filled on several threads; false (cells cleared) when the budget would
+    // have run out, which the single-threaded walk must then meet as it does.
+    bool gridInParallel(const GridBox& whole, const double* width, const double* ext, int64_t budget);
 
     std::vector<Node> m_nodes;
     std::vector<Run> m_runs;

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <memory>
 #include <unordered_map>
@@ -12,6 +13,12 @@
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srTexture.h>
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/info.h>
+#include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/task_arena.h>
+#include <oneapi/tbb/task_group.h>
 
 namespace
 {
@@ -30,11 +37,17 @@ const double ON_EPSILON = 0.001;
 // cuts of one triangle's pieces; the record has no room for more, so the extra point is
 // reported and dropped (the piece keeps its first 64 points and stays usable). Pieces
 // are made with room for all their points up to that limit.
-void appendPoint(mrFace* face, const srVector3T<float>& p)
+template <class Deferred> void appendPoint(mrFace* face, const srVector3T<float>& p, Deferred* deferred)
 {
     if (face->m_numpoints >= face->capacity())
     {
-        srAssertFail("face->m_numpoints < MAX_POINTS", SOURCE, __LINE__, "face piece exceeds 64 points; point dropped");
+        const char* const expression = "face->m_numpoints < MAX_POINTS";
+        const char* const message = "face piece exceeds 64 points; point dropped";
+        const long line = __LINE__;
+        if (deferred)
+            deferred->push_back({expression, message, line});
+        else
+            srAssertFail(expression, SOURCE, line, message);
         return;
     }
     face->m_points[face->m_numpoints++] = p;
@@ -73,6 +86,31 @@ bool makeKey(float x, float y, float z, float w, PlaneKey& key)
         std::memcpy(&key.v[i], &f, sizeof(f));
     }
     return true;
+}
+
+typedef std::unordered_map<PlaneKey, int, PlaneKeyHash> PlaneIndex;
+
+// Each distinct plane (exact float equality) to the highest index it has.
+void indexPlanes(const mrPlane* planes, unsigned long count, PlaneIndex& index)
+{
+    index.reserve(count);
+    for (unsigned long j = 0; j < count; ++j)
+    {
+        const mrPlane& pl = planes[j];
+        PlaneKey key;
+        if (makeKey(pl.m_normal.x, pl.m_normal.y, pl.m_normal.z, pl.m_dist, key))
+            index[key] = (int)j;
+    }
+}
+
+// The index of a node's plane, or -1 when no plane equals it.
+int findPlane(const PlaneIndex& index, const srVector4T<float>& plane)
+{
+    PlaneKey key;
+    if (!makeKey(plane.x, plane.y, plane.z, plane.w, key))
+        return -1;
+    const PlaneIndex::const_iterator found = index.find(key);
+    return found != index.end() ? found->second : -1;
 }
 } // namespace
 
@@ -134,6 +172,13 @@ namespace
 {
 const double MEASURE_START = 1610612736.0;
 const float BOUNDS_START = 99999.0f;
+
+// Parallel runs: a list of at least this many blocks has its blocks measured and planned
+// on several threads, this many to a share; a node whose front and back lists both have
+// at least this many faces hands its front subtree to another thread.
+const size_t PARALLEL_BLOCKS = 64;
+const size_t GRAIN_BLOCKS = 32;
+const size_t SPAWN_FACES = 1024;
 
 // Middle-plane measure in double: foot point n*w, then per axis (max - P)^2 followed by
 // (P - min)^2, summed x, y, z left to right (part of the reproducibility promise).
@@ -200,12 +245,42 @@ inline int clampedPoints(const mrFace* face) { return std::min(std::max(face->m_
 class mrClipBSPGen::Partitioner
 {
 public:
-    explicit Partitioner(mrClipBSPGen& gen) : m_gen(gen) {}
+    // What a partitioning makes, in the order the recursion makes it: the nodes it
+    // numbers, the pieces of its cuts, its reports and counts. A subtree worked on by
+    // another thread fills an output of its own, spliced in where the recursion would
+    // have made it; filing the outputs in that order gives the single-threaded lists.
+    struct Output
+    {
+        std::vector<mrBSPGenNode*> nodes; // interior nodes, in numbering order
+        std::vector<mrBSPGenNode*> made;  // every node made, for release
+        // Pieces of cuts, back then front, in cut order; the removed-face mark once a
+        // piece is cut in turn. Their addresses stay put while more are added.
+        std::deque<mrFace*> pieces;
+        std::vector<DeferredReport> reports; // made on the filing thread (parallel runs)
+        int64_t leafFaces = 0, solidLeafs = 0, emptyLeafs = 0;
+        bool removedAny = false; // a face of the generator's list was marked removed
+        struct Splice
+        {
+            size_t nodes, pieces, reports; // this output's entries before the part
+            std::unique_ptr<Output> part;
+        };
+        std::vector<Splice> splices;
+    };
+
+    // `parallel`: the node's own work may be spread over the current task arena, and
+    // large subtrees handed to other threads (reports are then deferred to the output).
+    Partitioner(mrClipBSPGen& gen, Output& out, bool parallel) : m_gen(gen), m_out(&out), m_parallel(parallel) {}
     ~Partitioner();
     Partitioner(const Partitioner&) = delete;
     Partitioner& operator=(const Partitioner&) = delete;
 
-    void run(std::vector<mrFace*>& faces, mrBSPGenNode* root);
+    // Sets up the partitioning of `faces` into `root` (a node without a parent).
+    void start(std::vector<mrFace*>& faces, mrBSPGenNode* root);
+    // Works through every pending list, then waits for the subtrees handed on.
+    void loop();
+    // Files outputs into the generator: nodes numbered, faces listed, counts added, and
+    // (with `reports`) deferred reports made, all in the recursion's order.
+    static void file(mrClipBSPGen& gen, Output& root, bool reports);
 
 private:
     enum
@@ -271,13 +346,15 @@ private:
         float measuredMaxs[3] = {0, 0, 0};
     };
 
-    // A list to partition into a node, or (list null) a node whose solid children take
-    // the splitter's kind.
+    // A list to partition into a node. A node with a parent takes the kind of solid of
+    // the parent's splitter texture if it turns out a solid leaf (the recursion refines
+    // a solid child once both subtrees are done; the leaf's contents are final at once).
     struct Task
     {
         mrBSPGenNode* node;
         List* list;
         srTextureIFace* texture;
+        bool hasParent;
     };
 
     Block* newBlock();
@@ -295,7 +372,8 @@ private:
         CUT // cut in two
     };
 
-    Record makeRecord(mrFace* face, size_t slot, double measure);
+    Record makeRecord(mrFace* face, mrFace** slot, double measure);
+    mrBSPGenNode* newNode();
     static void clearBounds(Bounds& b);
     static void unite(Bounds& b, const Bounds& o);
     void faceBounds(const Record& r, Bounds& b) const;
@@ -314,37 +392,58 @@ private:
     };
     static e_verdict verdict(const Bounds& b, const Splitter& sp);
     e_fate fateOf(const Record& r, const srVector4T<float>& plane) const;
-    void divideBlock(Summary s, bool splitterBlock, const Splitter& sp, List& front, List& back);
+    // What a division does to a block: move it whole, or the fate of each face. Reads
+    // the block only, so the blocks of one list may be planned at once.
+    struct Plan
+    {
+        e_verdict whole; // ALL_FRONT or ALL_BACK: the block moves whole; MIXED: see fate
+        bool keepBack;   // MIXED: the block stays with the back list
+        uint8_t fate[BLOCK_FACES];
+    };
+    void planBlock(const Summary& s, bool splitterBlock, const Splitter& sp, Plan& plan) const;
+    void applyPlan(Summary s, const Plan& plan, const Splitter& sp, List& front, List& back);
 
     bool select(List& l, size_t& block, int& index);
     Record cutRecord(const Record& r, const srVector4T<float>& plane, List& other, bool keepBack);
     void divide(List& l, size_t splitterBlock, const srVector4T<float>& plane, List& front, List& back);
-    void partitionNode(mrBSPGenNode* node, List* list);
+    void partitionNode(const Task& task);
+    size_t faceCount(const List& l) const;
+    // Hands the subtree of `node` with `list` to another thread, its output spliced in here.
+    void spawn(mrBSPGenNode* node, List* list, srTextureIFace* texture);
+    // A copy of another partitioner's list, its faces entered into this one's tables.
+    List* adopt(const Partitioner& from, const List& list);
+    // Runs body(first, last) over block ranges of a list, on the arena's threads when
+    // the list is large enough to pay for it.
+    template <class Body> void forBlocks(size_t count, const Body& body);
 
     mrClipBSPGen& m_gen;
+    Output* m_out;
+    const bool m_parallel;
     std::vector<Task> m_tasks;
-    // Per record id: its face (null once cut) and its position in m_allfaces.
+    // Per record id: its face and where the face is listed (in the generator's list or
+    // an output's pieces; null when it is in neither).
     std::vector<mrFace*> m_faceOf;
-    std::vector<size_t> m_slotOf;
-    bool m_removedAny = false;
+    std::vector<mrFace**> m_slotOf;
     std::vector<Block*> m_allBlocks, m_freeBlocks;
     std::vector<List*> m_allLists, m_freeLists;
+    std::vector<Plan> m_plans;
+    // Subtrees handed to other threads.
+    tbb::task_group m_handedOn;
 };
-
-namespace
-{
-const size_t NO_SLOT = (size_t)-1;
-}
 
 mrClipBSPGen::Partitioner::~Partitioner()
 {
-    if (m_removedAny)
-        m_gen.m_allfaces.erase(std::remove(m_gen.m_allfaces.begin(), m_gen.m_allfaces.end(), &g_removedFace),
-                               m_gen.m_allfaces.end());
     for (Block* b : m_allBlocks)
         delete b;
     for (List* l : m_allLists)
         delete l;
+}
+
+mrBSPGenNode* mrClipBSPGen::Partitioner::newNode()
+{
+    m_out->made.push_back(nullptr);
+    m_out->made.back() = new mrBSPGenNode();
+    return m_out->made.back();
 }
 
 mrClipBSPGen::Partitioner::Block* mrClipBSPGen::Partitioner::newBlock()
@@ -382,7 +481,7 @@ void mrClipBSPGen::Partitioner::releaseList(List* l)
     m_freeLists.push_back(l);
 }
 
-mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::makeRecord(mrFace* face, size_t slot, double measure)
+mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::makeRecord(mrFace* face, mrFace** slot, double measure)
 {
     Record r;
     for (int i = 0; i < 3; ++i)
@@ -682,15 +781,21 @@ mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::cutRecord(const Rec
     const int n = classifyPoints(face, plane, dists, sides, counts);
     mrFace* fp = nullptr;
     mrFace* bp = nullptr;
-    m_gen.cutFace(face, plane, dists, sides, n, &fp, &bp);
-    const size_t frontSlot = m_gen.m_allfaces.size() - 1;
-    const size_t backSlot = frontSlot - 1;
-    // The cut face leaves m_allfaces; its slot is closed up when the partitioning ends.
-    const size_t slot = m_slotOf[r.id];
-    if (slot != NO_SLOT)
+    // The pieces join the face list after the generator's faces, in cut order.
+    std::deque<mrFace*>& pieces = m_out->pieces;
+    pieces.push_back(nullptr);
+    pieces.push_back(nullptr);
+    mrFace** backSlot = &pieces[pieces.size() - 2];
+    mrFace** frontSlot = &pieces[pieces.size() - 1];
+    m_gen.cutFace(face, plane, dists, sides, n, &fp, &bp, m_parallel ? &m_out->reports : nullptr);
+    *backSlot = bp;
+    *frontSlot = fp;
+    // The cut face leaves the list; the gaps are closed when the outputs are filed.
+    mrFace** slot = m_slotOf[r.id];
+    if (slot)
     {
-        m_gen.m_allfaces[slot] = &g_removedFace;
-        m_removedAny = true;
+        *slot = &g_removedFace;
+        m_out->removedAny = true;
     }
     delete face;
     m_faceOf[r.id] = nullptr;
@@ -703,7 +808,7 @@ mrClipBSPGen::Partitioner::Record mrClipBSPGen::Partitioner::cutRecord(const Rec
     return keepBack ? back : front;
 }
 
-void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const Splitter& sp, List& front, List& back)
+void mrClipBSPGen::Partitioner::planBlock(const Summary& s, bool splitterBlock, const Splitter& sp, Plan& plan) const
 {
     // The block's box decides most blocks whole. Otherwise each group's box, or failing
     // that each face, gives the faces' fates.
@@ -712,11 +817,10 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
         const e_verdict v = verdict(s.box, sp);
         if (v != MIXED)
         {
-            moveBlock(v == ALL_BACK ? back : front, s);
+            plan.whole = v;
             return;
         }
     }
-    e_fate fate[BLOCK_FACES];
     int toFront = 0, toBack = 0;
     bool untouched = true;
     for (int g = 0; g * GROUP_FACES < s.count; ++g)
@@ -725,15 +829,30 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
         const e_verdict v = verdict(s.block->group[g], sp);
         for (int i = first; i < last; ++i)
         {
-            fate[i] = v == ALL_BACK ? STAY_BACK : v == ALL_FRONT ? STAY_FRONT : fateOf(s.block->f[i], sp.plane);
-            toFront += fate[i] != STAY_BACK && fate[i] != TURN_BACK;
-            toBack += fate[i] != STAY_FRONT && fate[i] != TURN_FRONT;
-            untouched = untouched && (fate[i] == STAY_FRONT || fate[i] == STAY_BACK);
+            const e_fate fate = v == ALL_BACK    ? STAY_BACK
+                                : v == ALL_FRONT ? STAY_FRONT
+                                                 : fateOf(s.block->f[i], sp.plane);
+            plan.fate[i] = (uint8_t)fate;
+            toFront += fate != STAY_BACK && fate != TURN_BACK;
+            toBack += fate != STAY_FRONT && fate != TURN_FRONT;
+            untouched = untouched && (fate == STAY_FRONT || fate == STAY_BACK);
         }
     }
     if (untouched && (toFront == 0 || toBack == 0) && !splitterBlock)
     {
-        moveBlock(toFront == 0 ? back : front, s);
+        plan.whole = toFront == 0 ? ALL_BACK : ALL_FRONT;
+        return;
+    }
+    // The block stays with the side that gets most of its faces.
+    plan.whole = MIXED;
+    plan.keepBack = toBack >= toFront;
+}
+
+void mrClipBSPGen::Partitioner::applyPlan(Summary s, const Plan& plan, const Splitter& sp, List& front, List& back)
+{
+    if (plan.whole != MIXED)
+    {
+        moveBlock(plan.whole == ALL_BACK ? back : front, s);
         return;
     }
 
@@ -741,7 +860,7 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
     // the rest go to the other side one by one. Faces that stay keep their place in the
     // group boxes, which therefore may only grow (a cut piece lies within its face's box,
     // but the boxes take its points all the same).
-    const bool keepBack = toBack >= toFront;
+    const bool keepBack = plan.keepBack;
     List& other = keepBack ? front : back;
     Bounds oldGroups[GROUPS];
     std::copy(s.block->group, s.block->group + GROUPS, oldGroups);
@@ -753,13 +872,14 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
         Bounds piece;
         bool cut = false;
         bool stays;
-        switch (fate[i])
+        const e_fate fate = (e_fate)plan.fate[i];
+        switch (fate)
         {
         case TURN_FRONT:
         case TURN_BACK:
             r.used = 1;
             m_faceOf[r.id]->m_used = 1;
-            stays = (fate[i] == TURN_BACK) == keepBack;
+            stays = (fate == TURN_BACK) == keepBack;
             break;
         case CUT:
             r = cutRecord(r, sp.plane, other, keepBack);
@@ -769,7 +889,7 @@ void mrClipBSPGen::Partitioner::divideBlock(Summary s, bool splitterBlock, const
             stays = true;
             break;
         default:
-            stays = (fate[i] == STAY_BACK) == keepBack;
+            stays = (fate == STAY_BACK) == keepBack;
             break;
         }
         if (!stays)
@@ -844,8 +964,13 @@ bool mrClipBSPGen::Partitioner::select(List& l, size_t& block, int& index)
     if (!l.measured || std::memcmp(l.measuredMins, mins, sizeof mins) != 0 ||
         std::memcmp(l.measuredMaxs, maxs, sizeof maxs) != 0)
     {
-        for (Summary& s : l.blocks)
-            remeasure(s, mins, maxs);
+        Summary* blocks = l.blocks.data();
+        forBlocks(l.blocks.size(),
+                  [blocks, &mins, &maxs](size_t first, size_t last)
+                  {
+                      for (size_t i = first; i < last; ++i)
+                          remeasure(blocks[i], mins, maxs);
+                  });
         l.measured = true;
         std::memcpy(l.measuredMins, mins, sizeof mins);
         std::memcpy(l.measuredMaxs, maxs, sizeof maxs);
@@ -889,35 +1014,86 @@ bool mrClipBSPGen::Partitioner::select(List& l, size_t& block, int& index)
     return true;
 }
 
+template <class Body> void mrClipBSPGen::Partitioner::forBlocks(size_t count, const Body& body)
+{
+    if (!m_parallel || count < PARALLEL_BLOCKS)
+    {
+        body((size_t)0, count);
+        return;
+    }
+    // Isolated: a thread waiting here for its share to come back takes no other subtree
+    // meanwhile, so the node it works on is not held up behind one.
+    tbb::this_task_arena::isolate(
+        [&]
+        {
+            tbb::parallel_for(tbb::blocked_range<size_t>(0, count, GRAIN_BLOCKS),
+                              [&](const tbb::blocked_range<size_t>& r) { body(r.begin(), r.end()); });
+        });
+}
+
 void mrClipBSPGen::Partitioner::divide(List& l, size_t splitterBlock, const srVector4T<float>& plane, List& front,
                                        List& back)
 {
     const Splitter sp(plane);
-    for (size_t i = 0; i < l.blocks.size(); ++i)
-        divideBlock(l.blocks[i], i == splitterBlock, sp, front, back);
+    const size_t count = l.blocks.size();
+    if (!m_parallel || count < PARALLEL_BLOCKS)
+    {
+        Plan plan;
+        for (size_t i = 0; i < count; ++i)
+        {
+            planBlock(l.blocks[i], i == splitterBlock, sp, plan);
+            applyPlan(l.blocks[i], plan, sp, front, back);
+        }
+        l.blocks.clear();
+        return;
+    }
+    // Every block's plan at once (they only read), then the moves and cuts in list order.
+    if (m_plans.size() < count)
+        m_plans.resize(count);
+    Plan* plans = m_plans.data();
+    const Summary* blocks = l.blocks.data();
+    forBlocks(count,
+              [this, plans, blocks, splitterBlock, &sp](size_t first, size_t last)
+              {
+                  for (size_t i = first; i < last; ++i)
+                      planBlock(blocks[i], i == splitterBlock, sp, plans[i]);
+              });
+    for (size_t i = 0; i < count; ++i)
+        applyPlan(l.blocks[i], plans[i], sp, front, back);
     l.blocks.clear();
 }
 
-void mrClipBSPGen::Partitioner::partitionNode(mrBSPGenNode* node, List* list)
+size_t mrClipBSPGen::Partitioner::faceCount(const List& l) const
 {
+    size_t count = 0;
+    for (const Summary& s : l.blocks)
+        count += (size_t)s.count;
+    return count;
+}
+
+void mrClipBSPGen::Partitioner::partitionNode(const Task& task)
+{
+    mrBSPGenNode* node = task.node;
+    List* list = task.list;
     size_t sb = 0;
     int si = -1;
     if (!select(*list, sb, si))
     {
         // A leaf: faces reach it only when they all lie on planes above it, facing in.
-        size_t count = 0;
-        for (const Summary& s : list->blocks)
-            count += (size_t)s.count;
-        m_gen.m_numleaffaces += (int)count;
+        const size_t count = faceCount(*list);
+        m_out->leafFaces += (int64_t)count;
         if (count)
         {
             node->m_contents = -1;
-            ++m_gen.m_numemptyleafs;
+            ++m_out->emptyLeafs;
         }
         else
         {
             node->m_contents = -2;
-            ++m_gen.m_numsolidleafs;
+            ++m_out->solidLeafs;
+            // A solid leaf takes its kind from the splitter that bounds it.
+            if (task.hasParent)
+                node->m_contents = m_gen.findContents(static_cast<srTexture*>(task.texture));
         }
         releaseList(list);
         return;
@@ -929,11 +1105,10 @@ void mrClipBSPGen::Partitioner::partitionNode(mrBSPGenNode* node, List* list)
     splitter->m_used = 1;
     s.used = 1;
     node->m_contents = 0;
-    m_gen.m_nodes.push_back(node);
-    ++m_gen.m_numnodes;
+    m_out->nodes.push_back(node);
 
-    node->m_children[0] = m_gen.newNode();
-    node->m_children[1] = m_gen.newNode();
+    node->m_children[0] = newNode();
+    node->m_children[1] = newNode();
     node->m_plane = splitter->m_plane;
     m_gen.divideNodeBounds(node, node->m_plane);
 
@@ -952,16 +1127,59 @@ void mrClipBSPGen::Partitioner::partitionNode(mrBSPGenNode* node, List* list)
     divide(*list, sb, node->m_plane, *front, *back);
     releaseList(list);
 
-    // Popped in reverse: the front subtree, then the back subtree, then the refinement.
-    m_tasks.push_back(Task{node, nullptr, texture});
-    m_tasks.push_back(Task{node->m_children[1], back, nullptr});
-    m_tasks.push_back(Task{node->m_children[0], front, nullptr});
+    // Two large subtrees: the front one goes to another thread, its output spliced in
+    // here, before everything of the back subtree.
+    if (m_parallel && faceCount(*front) >= SPAWN_FACES && faceCount(*back) >= SPAWN_FACES)
+    {
+        m_tasks.push_back(Task{node->m_children[1], back, texture, true});
+        spawn(node->m_children[0], front, texture);
+        return;
+    }
+    // Popped in reverse: the front subtree, then the back subtree.
+    m_tasks.push_back(Task{node->m_children[1], back, texture, true});
+    m_tasks.push_back(Task{node->m_children[0], front, texture, true});
 }
 
-void mrClipBSPGen::Partitioner::run(std::vector<mrFace*>& faces, mrBSPGenNode* root)
+mrClipBSPGen::Partitioner::List* mrClipBSPGen::Partitioner::adopt(const Partitioner& from, const List& list)
+{
+    List* l = newList();
+    l->measured = list.measured;
+    std::memcpy(l->measuredMins, list.measuredMins, sizeof list.measuredMins);
+    std::memcpy(l->measuredMaxs, list.measuredMaxs, sizeof list.measuredMaxs);
+    l->blocks.reserve(list.blocks.size());
+    for (const Summary& s : list.blocks)
+    {
+        Summary t = s;
+        t.block = newBlock();
+        l->blocks.push_back(t);
+        std::copy(s.block->group, s.block->group + GROUPS, t.block->group);
+        for (int i = 0; i < s.count; ++i)
+        {
+            Record r = s.block->f[i];
+            r.id = (uint32_t)m_faceOf.size();
+            m_faceOf.push_back(from.m_faceOf[s.block->f[i].id]);
+            m_slotOf.push_back(from.m_slotOf[s.block->f[i].id]);
+            t.block->f[i] = r;
+        }
+    }
+    return l;
+}
+
+void mrClipBSPGen::Partitioner::spawn(mrBSPGenNode* node, List* list, srTextureIFace* texture)
+{
+    m_out->splices.push_back(Output::Splice{m_out->nodes.size(), m_out->pieces.size(), m_out->reports.size(), nullptr});
+    m_out->splices.back().part.reset(new Output);
+    std::shared_ptr<Partitioner> part = std::make_shared<Partitioner>(m_gen, *m_out->splices.back().part, m_parallel);
+    part->m_tasks.push_back(Task{node, part->adopt(*this, *list), texture, true});
+    releaseList(list);
+    m_handedOn.run([part] { part->loop(); });
+}
+
+void mrClipBSPGen::Partitioner::start(std::vector<mrFace*>& faces, mrBSPGenNode* root)
 {
     // Where each face sits in m_allfaces (its first occurrence), for removal when cut:
-    // sorted by face, then position, so the first match is the first occurrence.
+    // sorted by face, then position, so the first match is the first occurrence. The
+    // list does not grow while the partitioning runs (pieces wait in the outputs).
     std::vector<std::pair<const mrFace*, size_t>> slots(m_gen.m_allfaces.size());
     for (size_t i = 0; i < m_gen.m_allfaces.size(); ++i)
         slots[i] = std::make_pair(m_gen.m_allfaces[i], i);
@@ -975,32 +1193,161 @@ void mrClipBSPGen::Partitioner::run(std::vector<mrFace*>& faces, mrBSPGenNode* r
         std::vector<std::pair<const mrFace*, size_t>>::const_iterator it =
             std::lower_bound(slots.begin(), slots.end(), std::make_pair((const mrFace*)face, (size_t)0));
         const bool found = it != slots.end() && it->first == face;
-        appendRecord(*rootList, makeRecord(face, found ? it->second : NO_SLOT, 0.0));
+        appendRecord(*rootList, makeRecord(face, found ? &m_gen.m_allfaces[it->second] : nullptr, 0.0));
     }
-    std::vector<std::pair<const mrFace*, size_t>>().swap(slots);
+    m_tasks.push_back(Task{root, rootList, nullptr, false});
+}
 
-    m_tasks.push_back(Task{root, rootList, nullptr});
-    while (!m_tasks.empty())
+void mrClipBSPGen::Partitioner::loop()
+{
+    try
     {
-        mrProgress::reach((uint64_t)m_gen.m_numnodes);
-        const Task task = m_tasks.back();
-        m_tasks.pop_back();
-        if (task.list)
+        while (!m_tasks.empty())
         {
-            partitionNode(task.node, task.list);
+            // Progress counts the nodes this thread takes on (other threads' subtrees do
+            // not report: a stage hears only the thread that opened it).
+            mrProgress::step();
+            const Task task = m_tasks.back();
+            m_tasks.pop_back();
+            partitionNode(task);
+        }
+    }
+    catch (...)
+    {
+        // The subtrees already handed on are called off; what they made is in their
+        // outputs all the same.
+        m_handedOn.cancel();
+        try
+        {
+            m_handedOn.wait();
+        }
+        catch (...)
+        {
+        }
+        throw;
+    }
+    m_handedOn.wait();
+}
+
+void mrClipBSPGen::Partitioner::file(mrClipBSPGen& gen, Output& root, bool reports)
+{
+    // The outputs in the recursion's order, each entry of an output before a splice
+    // coming before the spliced part.
+    struct Cursor
+    {
+        Output* out;
+        size_t splice, node, piece, report;
+    };
+    std::vector<Output*> all;
+    std::vector<Output*> pending(1, &root);
+    std::vector<Cursor> stack;
+    bool removedAny = false;
+    while (!pending.empty())
+    {
+        Output* o = pending.back();
+        pending.pop_back();
+        all.push_back(o);
+        removedAny = removedAny || o->removedAny;
+        for (Output::Splice& sp : o->splices)
+            if (sp.part)
+                pending.push_back(sp.part.get());
+    }
+    // Room first, so that filing cannot fail half way.
+    size_t nodes = 0, pieces = 0, made = 0;
+    for (const Output* o : all)
+    {
+        nodes += o->nodes.size();
+        pieces += o->pieces.size();
+        made += o->made.size();
+    }
+    gen.m_nodes.reserve(gen.m_nodes.size() + nodes);
+    gen.m_allfaces.reserve(gen.m_allfaces.size() + pieces);
+    gen.m_madeNodes.reserve(gen.m_madeNodes.size() + made);
+    stack.reserve(all.size());
+
+    // Faces cut during the partitioning leave the list; the pieces still alive follow.
+    if (removedAny)
+        gen.m_allfaces.erase(std::remove(gen.m_allfaces.begin(), gen.m_allfaces.end(), &g_removedFace),
+                             gen.m_allfaces.end());
+    for (Output* o : all)
+    {
+        gen.m_madeNodes.insert(gen.m_madeNodes.end(), o->made.begin(), o->made.end());
+        o->made.clear();
+        gen.m_numleaffaces += (int)o->leafFaces;
+        gen.m_numsolidleafs += (int)o->solidLeafs;
+        gen.m_numemptyleafs += (int)o->emptyLeafs;
+        gen.m_numnodes += (int)o->nodes.size();
+        o->leafFaces = o->solidLeafs = o->emptyLeafs = 0;
+    }
+
+    stack.push_back(Cursor{&root, 0, 0, 0, 0});
+    auto emit = [&](Cursor& c, size_t nodes, size_t pieces, size_t deferred)
+    {
+        Output& o = *c.out;
+        for (; c.node < nodes; ++c.node)
+            gen.m_nodes.push_back(o.nodes[c.node]);
+        for (; c.piece < pieces; ++c.piece)
+            if (o.pieces[c.piece] && o.pieces[c.piece] != &g_removedFace)
+                gen.m_allfaces.push_back(o.pieces[c.piece]);
+        for (; c.report < deferred; ++c.report)
+            if (reports)
+                srAssertFail(o.reports[c.report].expression, SOURCE, o.reports[c.report].line,
+                             o.reports[c.report].message);
+    };
+    while (!stack.empty())
+    {
+        Cursor& c = stack.back();
+        if (c.splice < c.out->splices.size())
+        {
+            Output::Splice& sp = c.out->splices[c.splice++];
+            emit(c, sp.nodes, sp.pieces, sp.reports);
+            if (sp.part)
+                stack.push_back(Cursor{sp.part.get(), 0, 0, 0, 0});
             continue;
         }
-        // A solid leaf takes its kind from the splitter that bounds it.
-        for (int k = 0; k < 2; ++k)
-            if (task.node->m_children[k]->m_contents == -2)
-                task.node->m_children[k]->m_contents = m_gen.findContents(static_cast<srTexture*>(task.texture));
+        emit(c, c.out->nodes.size(), c.out->pieces.size(), c.out->reports.size());
+        c.out->nodes.clear();
+        c.out->pieces.clear();
+        c.out->reports.clear();
+        c.out->splices.clear();
+        stack.pop_back();
     }
 }
 
 void mrClipBSPGen::partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* node)
 {
-    Partitioner partitioner(*this);
-    partitioner.run(faces, node);
+    Partitioner::Output out;
+    try
+    {
+        Partitioner partitioner(*this, out, false);
+        partitioner.start(faces, node);
+        partitioner.loop();
+    }
+    catch (...)
+    {
+        // The nodes and faces made so far are filed with the generator, which releases them.
+        Partitioner::file(*this, out, false);
+        throw;
+    }
+    Partitioner::file(*this, out, false);
+}
+
+void mrClipBSPGen::partitionParallel(std::vector<mrFace*>& faces, mrBSPGenNode* node)
+{
+    Partitioner::Output out;
+    try
+    {
+        Partitioner partitioner(*this, out, true);
+        partitioner.start(faces, node);
+        partitioner.loop();
+    }
+    catch (...)
+    {
+        Partitioner::file(*this, out, false);
+        throw;
+    }
+    // The reports of every thread, here and in the recursion's order.
+    Partitioner::file(*this, out, true);
 }
 
 mrFace* mrClipBSPGen::selectPartition(std::vector<mrFace*>& faces)
@@ -1071,7 +1418,7 @@ int mrClipBSPGen::classifyPoints(const mrFace* face, const srVector4T<float>& pl
 }
 
 void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists, const int* sides,
-                           int n, mrFace** front, mrFace** back)
+                           int n, mrFace** front, mrFace** back, std::vector<DeferredReport>* deferred)
 {
     // Room for exactly the points each piece gets (beyond 64 they are dropped, below).
     int room[3] = {0, 0, 0}; // front, back, and both
@@ -1086,10 +1433,9 @@ void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, c
         if (sides[i + 1] != mrPlane::SIDE_ON && sides[i + 1] != sides[i])
             ++room[2];
     }
-    mrFace* b = new mrFace(room[mrPlane::SIDE_BACK] + room[2]);
+    std::unique_ptr<mrFace> ownedBack(new mrFace(room[mrPlane::SIDE_BACK] + room[2]));
     mrFace* f = new mrFace(room[mrPlane::SIDE_FRONT] + room[2]);
-    m_allfaces.push_back(b);
-    m_allfaces.push_back(f);
+    mrFace* b = ownedBack.release();
     *back = b;
     *front = f;
     for (mrFace* piece : {b, f})
@@ -1106,14 +1452,14 @@ void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, c
         const srVector3T<float>& p = face->m_points[i];
         if (sides[i] == mrPlane::SIDE_ON)
         {
-            appendPoint(f, p);
-            appendPoint(b, p);
+            appendPoint(f, p, deferred);
+            appendPoint(b, p, deferred);
             continue;
         }
         if (sides[i] == mrPlane::SIDE_FRONT)
-            appendPoint(f, p);
+            appendPoint(f, p, deferred);
         else
-            appendPoint(b, p);
+            appendPoint(b, p, deferred);
         if (sides[i + 1] == mrPlane::SIDE_ON || sides[i + 1] == sides[i])
             continue;
 
@@ -1131,8 +1477,8 @@ void mrClipBSPGen::cutFace(const mrFace* face, const srVector4T<float>& plane, c
             else
                 mid[k] = (float)((double)p[k] + t * ((double)q[k] - (double)p[k]));
         }
-        appendPoint(b, mid);
-        appendPoint(f, mid);
+        appendPoint(b, mid, deferred);
+        appendPoint(f, mid, deferred);
     }
 }
 
@@ -1164,9 +1510,12 @@ void mrClipBSPGen::splitFace(mrFace* face, srVector4T<float>& plane, mrFace** fr
         return;
     }
 
-    cutFace(face, plane, dists, sides, n, front, back);
+    m_allfaces.reserve(m_allfaces.size() + 2);
+    cutFace(face, plane, dists, sides, n, front, back, nullptr);
     mrFace* f2 = *front;
     mrFace* b2 = *back;
+    m_allfaces.push_back(b2);
+    m_allfaces.push_back(f2);
 
     // The cut face is replaced by its pieces.
     std::vector<mrFace*>::iterator it = std::find(m_allfaces.begin(), m_allfaces.end(), face);
@@ -1206,15 +1555,8 @@ mrClipBSP* mrClipBSPGen::flatten()
 
     // Same answers as comparing every node with every plane: the highest index among
     // the exactly equal planes, and each interior child's position in m_nodes.
-    std::unordered_map<PlaneKey, int, PlaneKeyHash> planeIndex;
-    planeIndex.reserve(numPlanes);
-    for (unsigned long j = 0; j < numPlanes; ++j)
-    {
-        const mrPlane& pl = m_planes[j];
-        PlaneKey key;
-        if (makeKey(pl.m_normal.x, pl.m_normal.y, pl.m_normal.z, pl.m_dist, key))
-            planeIndex[key] = (int)j;
-    }
+    PlaneIndex planeIndex;
+    indexPlanes(m_planes, numPlanes, planeIndex);
     std::unordered_map<const mrBSPGenNode*, int> nodeIndex;
     nodeIndex.reserve(numNodes);
     for (size_t i = m_nodes.size(); i-- > 0;)
@@ -1226,14 +1568,9 @@ mrClipBSP* mrClipBSPGen::flatten()
         mrClipNode& out = bsp->m_nodes[i];
 
         // A node whose plane is missing keeps index 0.
-        out.planeIndex = 0;
-        PlaneKey key;
-        std::unordered_map<PlaneKey, int, PlaneKeyHash>::const_iterator found = planeIndex.end();
-        if (makeKey(node->m_plane.x, node->m_plane.y, node->m_plane.z, node->m_plane.w, key))
-            found = planeIndex.find(key);
-        if (found != planeIndex.end())
-            out.planeIndex = found->second;
-        else
+        const int plane = findPlane(planeIndex, node->m_plane);
+        out.planeIndex = plane >= 0 ? plane : 0;
+        if (plane < 0)
             srAssertFail("found", SOURCE, 696, nullptr);
 
         for (int k = 0; k < 2; ++k)
@@ -1258,7 +1595,96 @@ mrClipBSP* mrClipBSPGen::flatten()
     return bsp;
 }
 
+mrClipBSP* mrClipBSPGen::flattenParallel()
+{
+    // The nodes of a partitioning are numbered in pre-order: an interior front child is
+    // the next node, an interior back child the node after its sibling's subtree. Subtree
+    // sizes summed backwards give both positions without a lookup; a list in any other
+    // order is flattened the single-threaded way.
+    const size_t n = m_nodes.size();
+    std::vector<uint32_t> subtree(n);
+    std::vector<int32_t> children(2 * n);
+    for (size_t i = n; i-- > 0;)
+    {
+        const mrBSPGenNode* node = m_nodes[i];
+        size_t next = i + 1;
+        for (int k = 0; k < 2; ++k)
+        {
+            const mrBSPGenNode* child = node->m_children[k];
+            if (child->m_contents != 0)
+            {
+                children[2 * i + k] = child->m_contents;
+                continue;
+            }
+            if (next >= n || m_nodes[next] != child)
+                return flatten();
+            children[2 * i + k] = (int32_t)next;
+            next += subtree[next];
+        }
+        subtree[i] = (uint32_t)(next - i);
+    }
+
+    mrClipBSP* bsp = new mrClipBSP();
+    bsp->m_numnodes = (uint32_t)n;
+    bsp->m_nodes = n ? mrClipBSP::allocNodes((unsigned long)n) : nullptr;
+    const unsigned long numPlanes = m_numplanes > 0 ? (unsigned long)m_numplanes : 0;
+    bsp->m_numplanes = (uint32_t)numPlanes;
+    bsp->m_planes = numPlanes ? mrClipBSP::allocPlanes(numPlanes) : nullptr;
+    for (unsigned long j = 0; j < numPlanes; ++j)
+    {
+        bsp->m_planes[j].m_normal = m_planes[j].m_normal;
+        bsp->m_planes[j].m_dist = m_planes[j].m_dist;
+    }
+    PlaneIndex planeIndex;
+    indexPlanes(m_planes, numPlanes, planeIndex);
+
+    std::vector<char> missing(n, 0);
+    mrClipNode* out = bsp->m_nodes;
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, n, 4096),
+                      [&](const tbb::blocked_range<size_t>& r)
+                      {
+                          for (size_t i = r.begin(); i < r.end(); ++i)
+                          {
+                              const int plane = findPlane(planeIndex, m_nodes[i]->m_plane);
+                              out[i].planeIndex = plane >= 0 ? plane : 0;
+                              missing[i] = plane < 0;
+                              out[i].child[0] = children[2 * i];
+                              out[i].child[1] = children[2 * i + 1];
+                          }
+                      });
+    for (size_t i = 0; i < n; ++i)
+        if (missing[i])
+            srAssertFail("found", SOURCE, 696, nullptr);
+    return bsp;
+}
+
 mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix)
+{
+    return import(model, offset, matrix, 1);
+}
+
+int mrClipBSPGen::availableThreads()
+{
+    // The cores of the process's affinity mask.
+    return std::max(1, tbb::info::default_concurrency());
+}
+
+mrClipBSP* mrClipBSPGen::importMeshModelParallel(srMeshModel* model, srVector3T<float>& offset,
+                                                 srMatrix3T<float>& matrix, int threads)
+{
+    if (threads <= 0)
+        threads = availableThreads();
+    // No more than the process lets the thread pool have (the cores, unless the program
+    // set another limit): more would only wait for each other.
+    threads = (int)std::min<size_t>((size_t)threads,
+                                    tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    if (threads <= 1)
+        return importMeshModel(model, offset, matrix);
+    tbb::task_arena arena(threads);
+    return arena.execute([&] { return import(model, offset, matrix, threads); });
+}
+
+mrClipBSP* mrClipBSPGen::import(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix, int threads)
 {
     if (!model)
     {
@@ -1347,14 +1773,17 @@ mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& 
     root->m_mins = mins;
     root->m_maxs = maxs;
 
-    partitionFaces(m_faces, root);
+    if (threads == 1)
+        partitionFaces(m_faces, root);
+    else
+        partitionParallel(m_faces, root);
 
-    mrClipBSP* bsp = flatten();
+    mrClipBSP* bsp = threads == 1 ? flatten() : flattenParallel();
     bsp->m_mins = srVector3T<float>(mins.x - 1.0f, mins.y - 1.0f, mins.z - 1.0f);
     bsp->m_maxs = srVector3T<float>(maxs.x + 1.0f, maxs.y + 1.0f, maxs.z + 1.0f);
     bsp->refreshPBlock(nullptr);
     // Once the bounds are known: the index lays its grid over them.
-    bsp->prepareQueries();
+    bsp->prepareQueries(threads);
 
     mesh->release();
     return bsp;

@@ -33,6 +33,15 @@ public:
     // Copies and moves the mesh (matrix first, then offset), builds the tree and returns
     // a new clip BSP owned by the caller; null for a null model.
     mrClipBSP* importMeshModel(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix);
+    // The same import on up to `threads` threads (0: every core the process may use; 1
+    // is importMeshModel itself): independent subtrees, the faces of a large node, the
+    // flattening and the query index are worked on at once. The clip BSP, its saved
+    // bytes and answers, the node and face lists, the counters and any assertion reports
+    // (made on the calling thread, in the same order) are exactly importMeshModel's.
+    mrClipBSP* importMeshModelParallel(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix,
+                                       int threads);
+    // What a thread count of 0 stands for: the cores the process may run on.
+    static int availableThreads();
 
     // Fills `node` and its subtree from the faces of `faces`.
     void partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* node);
@@ -71,16 +80,31 @@ private:
     class Partitioner;
 
     mrBSPGenNode* newNode();
+    // importMeshModel, with the partitioning, flattening and index on `threads` threads
+    // (1: the single-threaded operations themselves).
+    mrClipBSP* import(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix, int threads);
+    // partitionFaces on the current task arena's threads, with the same results.
+    void partitionParallel(std::vector<mrFace*>& faces, mrBSPGenNode* node);
     // convertToClipBSP without the query index.
     mrClipBSP* flatten();
+    // The same arrays, with the node records filled on several threads (the current
+    // task arena's); reports are made afterwards on the calling thread, in node order.
+    mrClipBSP* flattenParallel();
     // Point distances and sides of a face against a plane, as the cut reads them; fills
     // n + 1 entries (the first repeated at the end) and counts the sides.
     static int classifyPoints(const mrFace* face, const srVector4T<float>& plane, double* dists, int* sides,
                               int* counts);
-    // Makes the two pieces of a face that has points on both sides and appends them to
-    // m_allfaces, back piece first. The face itself is left to the caller.
+    // Makes the two pieces of a face that has points on both sides; the caller files them
+    // (back piece first) and disposes of the face. A piece that would exceed 64 points is
+    // reported at once, or its report is appended to `deferred` when that is given.
+    struct DeferredReport
+    {
+        const char* expression;
+        const char* message;
+        long line;
+    };
     void cutFace(const mrFace* face, const srVector4T<float>& plane, const double* dists, const int* sides, int n,
-                 mrFace** front, mrFace** back);
+                 mrFace** front, mrFace** back, std::vector<DeferredReport>* deferred);
 
     // Every node this generator made (interior, leaves and root), for release.
     std::vector<mrBSPGenNode*> m_madeNodes;

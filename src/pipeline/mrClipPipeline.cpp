@@ -26,6 +26,11 @@ bool mrClipPipeline::run(srMeshModel* mesh, const Settings& settings, Result& re
         error = "no mesh";
         return false;
     }
+    if (settings.threads < 0)
+    {
+        error = "a negative thread count";
+        return false;
+    }
     // The generator takes its arguments by reference and copies the mesh before moving it;
     // the settings are not changed.
     srVector3T<float> offset = settings.offset;
@@ -33,7 +38,9 @@ bool mrClipPipeline::run(srMeshModel* mesh, const Settings& settings, Result& re
     mrClipBSPGen generator;
     {
         mrProgress::Stage stage(settings.progress, "clip BSP", 0);
-        result.clipBSP = generator.importMeshModel(mesh, offset, matrix);
+        result.clipBSP = settings.threads == 1
+                             ? generator.importMeshModel(mesh, offset, matrix)
+                             : generator.importMeshModelParallel(mesh, offset, matrix, settings.threads);
     }
     result.numLeafFaces = generator.m_numleaffaces;
     result.numSolidLeafs = generator.m_numsolidleafs;

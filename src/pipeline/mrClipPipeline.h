@@ -12,7 +12,8 @@ class srMeshModel;
 
 // The collision pipeline in one call, for library users: the mesh, moved by the matrix
 // and then the offset, becomes a clip BSP ready for queries. It runs the module's own
-// generator, so the clip BSP is exactly the one importMeshModel makes.
+// generator, so the clip BSP is exactly the one importMeshModel makes, on any number of
+// threads.
 class mrClipPipeline
 {
 public:
@@ -24,6 +25,10 @@ public:
         // nodes made, whose number is not known beforehand (total 0). Unset by default; it
         // changes no result.
         mrProgress::Callback progress;
+        // Threads the build may use: 1 (the default) runs importMeshModel on the calling
+        // thread; 0 takes every core the process may run on (its CPU affinity); N up to
+        // N. The results are the same for every count.
+        int threads = 1;
     };
 
     struct Result
@@ -47,6 +52,7 @@ public:
         void release();
     };
 
-    // False with `error` set when there is nothing to build from (a null mesh).
+    // False with `error` set when there is nothing to build from (a null mesh) or the
+    // thread count is negative.
     static bool run(srMeshModel* mesh, const Settings& settings, Result& result, std::string& error);
 };
