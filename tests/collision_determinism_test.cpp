@@ -1,6 +1,7 @@
 // The collision pipeline's results, pinned: the same meshes must give the same tree,
 // counters, saved clip BSP bytes and query answers in every build. The values live in
 // tests/data/collision_pins.txt; any change to them is a change of results.
+// The parallel build must give all of it for every thread count.
 // Also: trees far deeper than any call stack could hold, through every stage.
 #include <cmath>
 #include <cstdint>
@@ -18,6 +19,7 @@
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/io/mrClipBSPIOHandler.h>
 #include <meridbsp/platform/dx/srTexture.h>
+#include <oneapi/tbb/global_control.h>
 
 #include "BenchMesh.h"
 #include "support/TestSupport.h"
@@ -226,6 +228,45 @@ std::vector<Pinned> readPins()
     return out;
 }
 
+std::string text(const Pinned& p)
+{
+    std::ostringstream out;
+    out << p;
+    return out.str();
+}
+
+// What the pins record of a build (the file bytes through `bytes`).
+Pinned measure(const std::string& name, const mrClipBSPGen& gen, const mrClipBSP& bsp,
+               std::vector<unsigned char>& bytes)
+{
+    Pinned got;
+    got.name = name;
+    got.nodes = bsp.m_numnodes;
+    got.planes = bsp.m_numplanes;
+    got.genNodes = gen.m_numnodes;
+    got.leafFaces = gen.m_numleaffaces;
+    got.solidLeafs = gen.m_numsolidleafs;
+    got.emptyLeafs = gen.m_numemptyleafs;
+    got.liveFaces = gen.m_allfaces.size();
+    bytes = mtest::saveBuffer({const_cast<mrClipBSP*>(&bsp)});
+    got.fileHash = mtest::fnv1a(std::string(bytes.begin(), bytes.end()));
+    got.queryHash = queryDigest(bsp, 3000);
+    return got;
+}
+
+// Every live face of the generator, in list order.
+uint64_t faceListDigest(const mrClipBSPGen& gen)
+{
+    uint64_t h = 1469598103934665603ull;
+    for (const mrFace* f : gen.m_allfaces)
+    {
+        h = fnvValue(fnvValue(fnvValue(fnvValue(h, f->m_numpoints), f->m_plane), f->m_used), f->m_texture);
+        for (int i = 0; i < f->m_numpoints; ++i)
+            h = fnvValue(h, f->m_points[i]);
+    }
+    return h;
+}
+
 TEST(CollisionPipeline, PinnedMeshesGiveTheSameTreeFileAndAnswers)
 {
     const std::vector<Pinned> pins = readPins();
@@ -243,28 +284,41 @@ TEST(CollisionPipeline, PinnedMeshesGiveTheSameTreeFileAndAnswers)
         ASSERT_NE(bsp, nullptr);
         EXPECT_TRUE(asserts.reports().empty());
 
-        Pinned got;
-        got.name = pin.name;
-        got.nodes = bsp->m_numnodes;
-        got.planes = bsp->m_numplanes;
-        got.genNodes = gen.m_numnodes;
-        got.leafFaces = gen.m_numleaffaces;
-        got.solidLeafs = gen.m_numsolidleafs;
-        got.emptyLeafs = gen.m_numemptyleafs;
-        got.liveFaces = gen.m_allfaces.size();
-        std::vector<unsigned char> bytes = mtest::saveBuffer({bsp.get()});
-        got.fileHash = mtest::fnv1a(std::string(bytes.begin(), bytes.end()));
-        got.queryHash = queryDigest(*bsp, 3000);
+        std::vector<unsigned char> bytes;
+        EXPECT_EQ(text(measure(pin.name, gen, *bsp, bytes)), text(pin));
         // What is read back answers exactly the same.
         ClipPtr loaded = mtest::loadClip(bytes);
         ASSERT_NE(loaded, nullptr);
-        const uint64_t loadedHash = queryDigest(*loaded, 3000);
+        EXPECT_EQ(queryDigest(*loaded, 3000), pin.queryHash);
+    }
+}
 
-        std::ostringstream want, have;
-        want << pin;
-        have << got;
-        EXPECT_EQ(have.str(), want.str());
-        EXPECT_EQ(loadedHash, pin.queryHash);
+// The parallel build gives the same tree, file, counters, face list and answers for any
+// number of threads, more than the machine has cores included.
+TEST(CollisionPipeline, PinnedMeshesGiveTheSameOnAnyNumberOfThreads)
+{
+    const tbb::global_control pool(tbb::global_control::max_allowed_parallelism, 8);
+    for (const Pinned& pin : readPins())
+    {
+        SCOPED_TRACE(pin.name);
+        Marked marked;
+        Case c;
+        buildCase(pin.name, c, marked.p);
+        mrClipBSPGen serial;
+        ClipPtr expected = c.import(serial);
+        for (int threads : {1, 2, 3, 8})
+        {
+            SCOPED_TRACE(threads);
+            mtest::AssertRecorder asserts;
+            mrClipBSPGen gen;
+            ClipPtr bsp(gen.importMeshModelParallel(&c.mesh, c.offset, c.matrix, threads));
+            ASSERT_NE(bsp, nullptr);
+            EXPECT_TRUE(asserts.reports().empty());
+            std::vector<unsigned char> bytes;
+            EXPECT_EQ(text(measure(pin.name, gen, *bsp, bytes)), text(pin));
+            EXPECT_EQ(faceListDigest(gen), faceListDigest(serial));
+            EXPECT_EQ(bsp->hasQueryIndex(), expected->hasQueryIndex());
+        }
     }
 }
 

@@ -182,13 +182,18 @@ TEST(ClipPipeline, GivesWhatTheGeneratorGivesWithOffsetAndMatrix)
 
     mrClipPipeline::Result result;
     std::string error;
-    ASSERT_TRUE(mrClipPipeline::run(&mesh, settings, result, error));
-    ASSERT_NE(result.clipBSP, nullptr);
-    EXPECT_EQ(mtest::saveBuffer({result.clipBSP}), mtest::saveBuffer({expected.get()}));
-    EXPECT_EQ(result.numSolidLeafs, gen.m_numsolidleafs);
-    EXPECT_EQ(result.numEmptyLeafs, gen.m_numemptyleafs);
-    EXPECT_EQ(result.numLeafFaces, gen.m_numleaffaces);
-    EXPECT_TRUE(result.warnings.empty());
+    // Every thread count (0: all cores) gives the same.
+    for (int threads : {0, 2, 1})
+    {
+        settings.threads = threads;
+        ASSERT_TRUE(mrClipPipeline::run(&mesh, settings, result, error));
+        ASSERT_NE(result.clipBSP, nullptr);
+        EXPECT_EQ(mtest::saveBuffer({result.clipBSP}), mtest::saveBuffer({expected.get()}));
+        EXPECT_EQ(result.numSolidLeafs, gen.m_numsolidleafs);
+        EXPECT_EQ(result.numEmptyLeafs, gen.m_numemptyleafs);
+        EXPECT_EQ(result.numLeafFaces, gen.m_numleaffaces);
+        EXPECT_TRUE(result.warnings.empty());
+    }
 
     mtest::ClipPtr taken(result.take());
     EXPECT_EQ(result.clipBSP, nullptr);
@@ -258,13 +263,17 @@ TEST(Pipelines, ReportProgressStageByStageAndListeningChangesNoResult)
     EXPECT_GT(clip.inside, 100u);
 }
 
-TEST(ClipPipeline, ReportsANullMeshAndWarnsOfAnEmptyOne)
+TEST(ClipPipeline, ReportsANullMeshOrNegativeThreadsAndWarnsOfAnEmptyMesh)
 {
     mrClipPipeline::Result result;
     std::string error;
     EXPECT_FALSE(mrClipPipeline::run(nullptr, mrClipPipeline::Settings(), result, error));
     EXPECT_EQ(error, "no mesh");
     srMeshModel empty;
+    mrClipPipeline::Settings negative;
+    negative.threads = -1;
+    EXPECT_FALSE(mrClipPipeline::run(&empty, negative, result, error));
+    EXPECT_EQ(error, "a negative thread count");
     ASSERT_TRUE(mrClipPipeline::run(&empty, mrClipPipeline::Settings(), result, error));
     ASSERT_EQ(result.warnings.size(), 1u);
     EXPECT_EQ(result.warnings[0], "the mesh has no triangles: the clip BSP is empty space");

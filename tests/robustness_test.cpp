@@ -122,6 +122,16 @@ VisResult runVis(srMeshModel& mesh)
     return r;
 }
 
+std::string reportText(const mtest::AssertRecorder& recorder)
+{
+    std::string out;
+    for (const mtest::AssertReport& r : recorder.reports())
+        out += r.expression + " " + r.source + ":" + std::to_string(r.line) + " " + r.message + "\n";
+    return out;
+}
+
+// The clip BSP of a hostile mesh. Built on three threads, it must come out the same, with
+// the same reports in the same order (made on the calling thread).
 ClipPtr runClip(srMeshModel& mesh)
 {
     V offset(0, 0, 0);
@@ -131,6 +141,18 @@ ClipPtr runClip(srMeshModel& mesh)
     EXPECT_NE(bsp, nullptr);
     std::string why;
     EXPECT_TRUE(!bsp || bsp->validate(&why)) << why;
+    if (bsp)
+    {
+        mtest::AssertRecorder serial;
+        mrClipBSPGen again;
+        ClipPtr expected(again.importMeshModel(&mesh, offset, identity));
+        const std::string serialReports = reportText(serial);
+        mtest::AssertRecorder parallel;
+        mrClipBSPGen threaded;
+        ClipPtr built(threaded.importMeshModelParallel(&mesh, offset, identity, 3));
+        EXPECT_EQ(reportText(parallel), serialReports);
+        EXPECT_TRUE(built && mtest::saveBuffer({built.get()}) == mtest::saveBuffer({expected.get()}));
+    }
     return bsp;
 }
 
