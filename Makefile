@@ -1,10 +1,11 @@
 # Thin wrapper around CMake. `make demo` and `make test` install what is missing first.
 BUILD ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan fuzz bench format format-check install clean
+.PHONY: all deps build demo test test-asan test-tsan fuzz bench format format-check install clean
 
 # The build's own progress is enough; make's "Entering directory" lines are not.
 MAKEFLAGS += --no-print-directory
@@ -34,6 +35,16 @@ test-asan: deps
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# ThreadSanitizer on the tests that build on several threads (the parallel collision
+# build against the single-threaded one).
+TSAN_TESTS ?= AnyNumberOfThreads|ClipPipeline|HostileMeshes
+test-tsan: deps
+	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERIDBSP_SANITIZE=thread \
+	  -DMERIDBSP_BUILD_BENCH=OFF -DMERIDBSP_BUILD_CLI=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target collision_determinism_test pipeline_test robustness_test
+	@cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tools/tsan-suppressions.txt" \
+	  ctest --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)'
+
 # Benchmarks side by side with the peer libraries: writes $(BUILD)/bench.json, prints the ratio table.
 bench:
 	@tools/install-deps.sh --bench
@@ -58,4 +69,4 @@ install: build
 	@cmake --install $(BUILD) --prefix $(or $(PREFIX),/usr/local)
 
 clean:
-	@rm -rf $(BUILD) $(ASAN_BUILD)
+	@rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)

@@ -7,7 +7,9 @@
 #include <limits>
 
 #include <meridbsp/clip/mrClipQueryIndex.h>
-#include <oneapi/tbb/parallel_for_each.h>
+#include <meridbsp/clip/mrThreadHandoff.h>
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/parallel_for.h>
 
 namespace
 {
@@ -760,7 +762,18 @@ bool mrClipQueryIndex::gridInParallel(const GridBox& whole, const double* width,
                 (cells <= SMALL_BOX ? stack : large).push_back(part);
             }
             if (!large.empty())
-                tbb::parallel_for_each(large.begin(), large.end(), push);
+            {
+                const GridBox* boxes = large.data();
+                const auto each = [&push, boxes](const tbb::blocked_range<size_t>& r)
+                {
+                    for (size_t i = r.begin(); i < r.end(); ++i)
+                        push(boxes[i]);
+                };
+                const tbb::blocked_range<size_t> all(0, large.size(), 1);
+                mrThreadHandoff::handingOver();
+                tbb::parallel_for(all, mrThreadHandoff::task(each, this));
+                mrThreadHandoff::finished(this);
+            }
         }
     };
     push(whole);

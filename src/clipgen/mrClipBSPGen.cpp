@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clip/mrThreadHandoff.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
@@ -276,7 +277,8 @@ public:
 
     // Sets up the partitioning of `faces` into `root` (a node without a parent).
     void start(std::vector<mrFace*>& faces, mrBSPGenNode* root);
-    // Works through every pending list, then waits for the subtrees handed on.
+    // Works through every pending list, then waits for the subtrees handed on; its work
+    // space is released at the end.
     void loop();
     // Files outputs into the generator: nodes numbered, faces listed, counts added, and
     // (with `reports`) deferred reports made, all in the recursion's order.
@@ -415,6 +417,7 @@ private:
     // Runs body(first, last) over block ranges of a list, on the arena's threads when
     // the list is large enough to pay for it.
     template <class Body> void forBlocks(size_t count, const Body& body);
+    void releaseMemory();
 
     mrClipBSPGen& m_gen;
     Output* m_out;
@@ -427,16 +430,33 @@ private:
     std::vector<Block*> m_allBlocks, m_freeBlocks;
     std::vector<List*> m_allLists, m_freeLists;
     std::vector<Plan> m_plans;
-    // Subtrees handed to other threads.
+    // Subtrees handed to other threads, and their partitioners.
+    std::vector<std::unique_ptr<Partitioner>> m_parts;
+    // What another thread runs when this partitioner's subtree is handed to it.
+    struct Work
+    {
+        Partitioner* part;
+        void operator()() const { part->loop(); }
+    } m_work{this};
     tbb::task_group m_handedOn;
 };
 
-mrClipBSPGen::Partitioner::~Partitioner()
+mrClipBSPGen::Partitioner::~Partitioner() { releaseMemory(); }
+
+void mrClipBSPGen::Partitioner::releaseMemory()
 {
     for (Block* b : m_allBlocks)
         delete b;
     for (List* l : m_allLists)
         delete l;
+    m_allBlocks.clear();
+    m_freeBlocks.clear();
+    m_allLists.clear();
+    m_freeLists.clear();
+    m_tasks.clear();
+    std::vector<mrFace*>().swap(m_faceOf);
+    std::vector<mrFace**>().swap(m_slotOf);
+    std::vector<Plan>().swap(m_plans);
 }
 
 mrBSPGenNode* mrClipBSPGen::Partitioner::newNode()
@@ -1023,12 +1043,12 @@ template <class Body> void mrClipBSPGen::Partitioner::forBlocks(size_t count, co
     }
     // Isolated: a thread waiting here for its share to come back takes no other subtree
     // meanwhile, so the node it works on is not held up behind one.
-    tbb::this_task_arena::isolate(
-        [&]
-        {
-            tbb::parallel_for(tbb::blocked_range<size_t>(0, count, GRAIN_BLOCKS),
-                              [&](const tbb::blocked_range<size_t>& r) { body(r.begin(), r.end()); });
-        });
+    const auto share = [&body](const tbb::blocked_range<size_t>& r) { body(r.begin(), r.end()); };
+    const tbb::blocked_range<size_t> all(0, count, GRAIN_BLOCKS);
+    const auto run = [&share, &all, this] { tbb::parallel_for(all, mrThreadHandoff::task(share, this)); };
+    mrThreadHandoff::handingOver();
+    tbb::this_task_arena::isolate(run);
+    mrThreadHandoff::finished(this);
 }
 
 void mrClipBSPGen::Partitioner::divide(List& l, size_t splitterBlock, const srVector4T<float>& plane, List& front,
@@ -1169,10 +1189,12 @@ void mrClipBSPGen::Partitioner::spawn(mrBSPGenNode* node, List* list, srTextureI
 {
     m_out->splices.push_back(Output::Splice{m_out->nodes.size(), m_out->pieces.size(), m_out->reports.size(), nullptr});
     m_out->splices.back().part.reset(new Output);
-    std::shared_ptr<Partitioner> part = std::make_shared<Partitioner>(m_gen, *m_out->splices.back().part, m_parallel);
+    m_parts.emplace_back(new Partitioner(m_gen, *m_out->splices.back().part, m_parallel));
+    Partitioner* part = m_parts.back().get();
     part->m_tasks.push_back(Task{node, part->adopt(*this, *list), texture, true});
     releaseList(list);
-    m_handedOn.run([part] { part->loop(); });
+    mrThreadHandoff::handingOver();
+    m_handedOn.run(mrThreadHandoff::task(part->m_work, part->m_out));
 }
 
 void mrClipBSPGen::Partitioner::start(std::vector<mrFace*>& faces, mrBSPGenNode* root)
@@ -1227,6 +1249,11 @@ void mrClipBSPGen::Partitioner::loop()
         throw;
     }
     m_handedOn.wait();
+    for (const Output::Splice& sp : m_out->splices)
+        mrThreadHandoff::finished(sp.part.get());
+    // The subtrees are done; what remains of their work space goes now.
+    m_parts.clear();
+    releaseMemory();
 }
 
 void mrClipBSPGen::Partitioner::file(mrClipBSPGen& gen, Output& root, bool reports)
@@ -1640,18 +1667,21 @@ mrClipBSP* mrClipBSPGen::flattenParallel()
 
     std::vector<char> missing(n, 0);
     mrClipNode* out = bsp->m_nodes;
-    tbb::parallel_for(tbb::blocked_range<size_t>(0, n, 4096),
-                      [&](const tbb::blocked_range<size_t>& r)
-                      {
-                          for (size_t i = r.begin(); i < r.end(); ++i)
-                          {
-                              const int plane = findPlane(planeIndex, m_nodes[i]->m_plane);
-                              out[i].planeIndex = plane >= 0 ? plane : 0;
-                              missing[i] = plane < 0;
-                              out[i].child[0] = children[2 * i];
-                              out[i].child[1] = children[2 * i + 1];
-                          }
-                      });
+    const tbb::blocked_range<size_t> all(0, n, 4096);
+    const auto fill = [&](const tbb::blocked_range<size_t>& r)
+    {
+        for (size_t i = r.begin(); i < r.end(); ++i)
+        {
+            const int plane = findPlane(planeIndex, m_nodes[i]->m_plane);
+            out[i].planeIndex = plane >= 0 ? plane : 0;
+            missing[i] = plane < 0;
+            out[i].child[0] = children[2 * i];
+            out[i].child[1] = children[2 * i + 1];
+        }
+    };
+    mrThreadHandoff::handingOver();
+    tbb::parallel_for(all, mrThreadHandoff::task(fill, bsp));
+    mrThreadHandoff::finished(bsp);
     for (size_t i = 0; i < n; ++i)
         if (missing[i])
             srAssertFail("found", SOURCE, 696, nullptr);
