@@ -1,6 +1,7 @@
 #include "BenchSuite.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -158,6 +159,24 @@ void BenchSuite::registerAll()
     // Order matters for the time limit: within a family the meshes of a kind run
     // smallest first, so each size's time predicts the next.
     registerFamily("clip_build", &BenchSuite::clipBuild);
+    // The parallel build and the queries from several threads: 2 threads, and every core
+    // when there are more (1 thread is clip_build itself).
+    std::vector<int> counts(1, 2);
+    if (mrClipBSPGen::availableThreads() > 2)
+        counts.push_back(mrClipBSPGen::availableThreads());
+    for (std::unique_ptr<Entry>& up : m_entries)
+    {
+        Entry* e = up.get();
+        for (int threads : counts)
+        {
+            const std::string name = "clip_build/" + e->mesh->name() + "/threads:" + std::to_string(threads);
+            benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(
+                name.c_str(), [this, e, threads](benchmark::State& st) { clipBuildThreads(st, *e, threads); });
+            b->Unit(benchmark::kMillisecond)->UseRealTime();
+            if (m_options.tiny)
+                b->Iterations(1);
+        }
+    }
 #ifdef MERIDBSP_BENCH_HAVE_EMBREE
     registerFamily("peer_embree_build", &BenchSuite::embreeBuild);
 #endif
@@ -180,6 +199,20 @@ void BenchSuite::registerAll()
     registerFamily("peer_bullet_segment", &BenchSuite::bulletSegment);
 #endif
     registerFamily("cross_check", &BenchSuite::crossCheck);
+    for (std::unique_ptr<Entry>& up : m_entries)
+        for (bool points : {true, false})
+        {
+            Entry* e = up.get();
+            const std::string name =
+                std::string(points ? "point_info" : "check_collision") + "_threads/" + e->mesh->name();
+            benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(
+                name.c_str(), [this, e, points](benchmark::State& st) { queriesFromThreads(st, *e, points); });
+            b->Unit(benchmark::kMillisecond)->UseRealTime()->Threads(1);
+            for (int threads : counts)
+                b->Threads(threads);
+            if (m_options.tiny)
+                b->Iterations(1);
+        }
 }
 
 // ---- time limit -------------------------------------------------------------------
@@ -341,6 +374,70 @@ void BenchSuite::clipBuild(benchmark::State& st, Entry& e)
     st.counters["nodes"] = nodes;
     st.counters["planes"] = planes;
     st.counters["convert_s"] = average(convert);
+}
+
+void BenchSuite::clipBuildThreads(benchmark::State& st, Entry& e, int threads)
+{
+    // Where the single-threaded build is skipped, so is this one.
+    if (skipByPrediction(st, "clip_build", e, 2.0, m_options.buildMaxSeconds))
+        return;
+    srVector3T<float> offset(0.0f, 0.0f, 0.0f);
+    srMatrix3T<float> matrix;
+    uint32_t nodes = 0;
+    for (auto _ : st)
+    {
+        mrClipBSPGen* gen = new mrClipBSPGen();
+        mrClipBSP* bsp = gen->importMeshModelParallel(e.mesh->mesh(), offset, matrix, threads);
+        benchmark::DoNotOptimize(bsp);
+        st.PauseTiming();
+        nodes = bsp->m_numnodes;
+        bsp->release();
+        delete gen;
+        st.ResumeTiming();
+    }
+    st.counters["triangles"] = (double)e.mesh->numTriangles();
+    st.counters["nodes"] = nodes;
+}
+
+void BenchSuite::queriesFromThreads(benchmark::State& st, Entry& e, bool points)
+{
+    // The first thread makes the shared clip BSP and queries before the threads meet at
+    // the loop; each thread then answers the same queries (at most 20,000) on it.
+    if (st.thread_index() == 0)
+    {
+        clip(e);
+        queries(e);
+    }
+    size_t n = 0, sum = 0;
+    mrTrace trace;
+    // From the first pass on: the threads meet at the loop's start, after the set-up.
+    std::chrono::steady_clock::time_point t0;
+    bool first = true;
+    for (auto _ : st)
+    {
+        if (first)
+            t0 = std::chrono::steady_clock::now();
+        first = false;
+        const mrClipBSP* bsp = e.clip;
+        if (!bsp)
+        {
+            st.SkipWithError("skipped: building the clip BSP is predicted far over the time limit");
+            break;
+        }
+        const BenchQueries& q = *e.queries;
+        n = std::min(q.size(), (size_t)20000);
+        sum = 0;
+        for (size_t i = 0; i < n; ++i)
+            sum += points ? bsp->pointInfo(0, q.m_points[i]) <= -2
+                          : bsp->checkCollision(q.m_segStart[i], q.m_segEnd[i], trace) == 0;
+        benchmark::DoNotOptimize(sum);
+    }
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    // items_per_second is each thread's own rate; the queries of all threads over the
+    // wall time of one gives what the threads answer together.
+    st.SetItemsProcessed((int64_t)st.iterations() * (int64_t)n);
+    st.counters["queries"] = (double)st.iterations() * (double)n;
+    st.counters["wall_s"] = benchmark::Counter(wall, benchmark::Counter::kAvgThreads);
 }
 
 void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)

@@ -63,6 +63,10 @@ private:
 
     // The benchmarks.
     void clipBuild(benchmark::State& st, Entry& e);
+    // The same build on `threads` threads (importMeshModelParallel), in wall time.
+    void clipBuildThreads(benchmark::State& st, Entry& e, int threads);
+    // pointInfo or checkCollision from every benchmark thread at once on one clip BSP.
+    void queriesFromThreads(benchmark::State& st, Entry& e, bool points);
     void visBuild(benchmark::State& st, Entry& e, bool midSplit);
     void visNormal(benchmark::State& st, Entry& e) { visBuild(st, e, false); }
     void visMidSplit(benchmark::State& st, Entry& e) { visBuild(st, e, true); }

@@ -26,9 +26,50 @@ TO_SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 
 
 def strip_iterations(name):
-    # Benchmarks run with a fixed iteration count carry "/iterations:N" in their name.
-    parts = [p for p in name.split("/") if not p.startswith("iterations:")]
+    # Benchmarks run with a fixed iteration count carry "/iterations:N" in their name, and
+    # those timed in wall time "/real_time".
+    parts = [p for p in name.split("/") if not p.startswith("iterations:") and p != "real_time"]
     return "/".join(parts)
+
+
+def thread_counts(runs, prefix):
+    """The K of every benchmark named prefix + "/threads:K", in order."""
+    counts = []
+    for name in runs:
+        if name.startswith(prefix + "/threads:"):
+            counts.append(int(name.rsplit(":", 1)[1]))
+    return sorted(counts)
+
+
+def scaling_rows(runs, mesh):
+    """Wall-time speed-ups over one thread: the parallel build (against clip_build, the
+    single-threaded import) and the queries answered from several threads at once."""
+    rows = []
+
+    def wall(run):
+        return run["real_time"] * TO_SECONDS[run.get("time_unit", "ns")]
+
+    base = runs.get("clip_build/%s" % mesh)
+    for k in thread_counts(runs, "clip_build/%s" % mesh):
+        run = runs.get("clip_build/%s/threads:%d" % (mesh, k))
+        if not base or not run or base.get("error_occurred") or run.get("error_occurred"):
+            continue
+        rows.append(["clip_build", "1 -> %d" % k, "%s -> %s" % (fmt_time(wall(base)), fmt_time(wall(run))),
+                     "%.2fx" % (wall(base) / wall(run))])
+    for family in ("point_info_threads", "check_collision_threads"):
+        prefix = "%s/%s" % (family, mesh)
+        one = runs.get(prefix + "/threads:1")
+        if not one or one.get("error_occurred") or not one.get("wall_s"):
+            continue
+        rate1 = one["queries"] / one["wall_s"]
+        for k in thread_counts(runs, prefix):
+            run = runs.get("%s/threads:%d" % (prefix, k))
+            if k == 1 or not run or run.get("error_occurred") or not run.get("wall_s"):
+                continue
+            rate = run["queries"] / run["wall_s"]
+            rows.append([family.replace("_threads", ""), "1 -> %d" % k,
+                         "%.3g -> %.3g M/s" % (rate1 / 1e6, rate / 1e6), "%.2fx" % (rate / rate1)])
+    return rows
 
 
 def load(path):
@@ -118,6 +159,11 @@ def report(path, markdown):
                          ours_t, best[0] if best else "-", best[2] if best else "-", ratio, tgt])
         cc = runs.get("cross_check/%s" % mesh)
         out.extend(table(header, rows, markdown))
+        scaling = scaling_rows(runs, mesh)
+        if scaling:
+            out.append("")
+            out.append("threads (wall time, the machine's load included):")
+            out.extend(table(["benchmark", "threads", "figure", "speed-up"], scaling, markdown))
         if cc and not cc.get("error_occurred"):
             sp, si = cc.get("solid_points", 0), cc.get("solid_inside", 0)
             bl, be, bb = cc.get("blocked", 0), cc.get("blocked_embree_hit", 0), cc.get("blocked_bullet_hit", 0)
