@@ -403,7 +403,7 @@ private:
         uint8_t fate[BLOCK_FACES];
     };
     void planBlock(const Summary& s, bool splitterBlock, const Splitter& sp, Plan& plan) const;
-    void applyPlan(Summary s, const Plan& plan, const Splitter& sp, List& front, List& back);
+    void applyPlan(const Summary& block, const Plan& plan, const Splitter& sp, List& front, List& back);
 
     bool select(List& l, size_t& block, int& index);
     Record cutRecord(const Record& r, const srVector4T<float>& plane, List& other, bool keepBack);
@@ -868,13 +868,15 @@ void mrClipBSPGen::Partitioner::planBlock(const Summary& s, bool splitterBlock, 
     plan.keepBack = toBack >= toFront;
 }
 
-void mrClipBSPGen::Partitioner::applyPlan(Summary s, const Plan& plan, const Splitter& sp, List& front, List& back)
+void mrClipBSPGen::Partitioner::applyPlan(const Summary& block, const Plan& plan, const Splitter& sp, List& front,
+                                          List& back)
 {
     if (plan.whole != MIXED)
     {
-        moveBlock(plan.whole == ALL_BACK ? back : front, s);
+        moveBlock(plan.whole == ALL_BACK ? back : front, block);
         return;
     }
+    Summary s = block;
 
     // The block stays with the side that gets most of its faces, in place and in order;
     // the rest go to the other side one by one. Faces that stay keep their place in the
