@@ -5,17 +5,15 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <map>
 
 #include <fcntl.h>
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/io/mrClipBSPIOHandler.h>
+#include <meridbsp/pipeline/mrVisPipeline.h>
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/core/mrIOManager.h>
-#include <meridbsp/portals/mrBSPPortalizer.h>
-#include <meridbsp/solid/mrBSPTree.h>
-#include <meridbsp/solid/mrSolidBSP.h>
-#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 #include <unistd.h>
 
 #ifdef MERIDBSP_BENCH_HAVE_EMBREE
@@ -447,62 +445,56 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
     // about n^2.2 on spheres once partition selection stopped early).
     if (skipByPrediction(st, family, e, 2.0, m_options.maxSeconds))
         return;
-    const std::string path = m_options.portalDir + "/test.prt";
-    double tSurf = 0, tGen = 0, tPortal = 0, tFile = 0, tMesh = 0, tFree = 0;
+    // The library's one-call pipeline, timed per stage through its progress reports (a
+    // stage starts with done = 0 and ends with done = total); what follows the last stage
+    // is releasing the portals and the tree.
+    mrVisPipeline::Settings settings;
+    settings.midSplit = midSplit;
+    settings.portalFile = m_options.portalDir + "/test.prt";
+    settings.findLeaks = false;
+    std::map<std::string, double> stageTime;
+    std::string current;
+    Clock::time_point stageStart = 0;
+    settings.progress = [&](const char* stage, uint64_t done, uint64_t total)
+    {
+        if (done == 0)
+        {
+            current = stage;
+            stageStart = Clock::now();
+        }
+        else if (done == total && current == stage)
+            stageTime[current] += secondsSince(stageStart);
+    };
+    double tAll = 0;
     int32_t splitNodes = 0, visleafs = 0, visportals = 0;
     long meshPolys = 0;
     bool fileOk = true;
     for (auto _ : st)
     {
+        mrVisPipeline::Result result;
+        std::string error;
         Clock::time_point t = Clock::now();
-        mrBSPSurfaceBuilder builder;
-        mrBSPSurface* list = builder.buildSurfaces(e.mesh->mesh());
-        for (mrBSPSurface* s = list; s; s = s->m_next)
-            s->calcBounds();
-        tSurf += secondsSince(t);
-
-        t = Clock::now();
-        mrSolidBSP solid;
-        mrBSPNode* head = solid.generate(list, midSplit ? 1 : 0);
-        head->m_mins = e.mesh->mins();
-        head->m_maxs = e.mesh->maxs();
-        tGen += secondsSince(t);
-
-        t = Clock::now();
-        mrBSPPortalizer portalizer;
-        portalizer.portalize(head);
-        tPortal += secondsSince(t);
-
-        t = Clock::now();
         {
             StdoutSilencer quiet;
-            fileOk = mrBSPPortalizer::writePortalfile(head, path.c_str()) && fileOk;
+            fileOk = mrVisPipeline::run(e.mesh->mesh(), settings, result, error) && fileOk;
         }
-        tFile += secondsSince(t);
-
-        t = Clock::now();
-        srMeshModel* portalMesh = mrBSPPortalizer::createMeshModel(head);
-        tMesh += secondsSince(t);
-
-        t = Clock::now();
-        mrBSPPortalizer::freeAllPortals(head);
-        tFree += secondsSince(t);
-
+        tAll += secondsSince(t);
         st.PauseTiming();
-        splitNodes = solid.m_numSplitNodes;
-        visleafs = mrBSPPortalizer::m_num_visleafs;
-        visportals = mrBSPPortalizer::m_num_visportals;
-        meshPolys = portalMesh ? portalMesh->m_numpolys : 0;
-        if (portalMesh)
-            portalMesh->release();
-        mrBSPPortalizer::releaseMaterials();
-        mrBSPTree::release(head);
-        builder.releasePlanes();
+        splitNodes = result.numSplitNodes;
+        visleafs = result.numVisleafs;
+        visportals = result.numVisportals;
+        meshPolys = result.portalMeshPolys;
+        result.release();
         st.ResumeTiming();
     }
+    double tStages = 0;
+    for (const auto& stage : stageTime)
+        tStages += stage.second;
+    const double tSurf = stageTime["surfaces"], tGen = stageTime["solid BSP"], tPortal = stageTime["portals"],
+                 tFile = stageTime["portal file"], tMesh = stageTime["portal mesh"], tFree = tAll - tStages;
     if (!fileOk)
         st.SkipWithError("the portal file could not be written");
-    recordTime(family, e, (tSurf + tGen + tPortal + tFile + tMesh + tFree) / (double)st.iterations());
+    recordTime(family, e, tAll / (double)st.iterations());
     st.counters["triangles"] = (double)e.mesh->numTriangles();
     st.counters["split_nodes"] = splitNodes;
     st.counters["visleafs"] = visleafs;
