@@ -1343,12 +1343,14 @@ void mrClipBSPGen::Partitioner::file(mrClipBSPGen& gen, Output& root, bool repor
     }
 }
 
-void mrClipBSPGen::partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* node)
+void mrClipBSPGen::partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* node) { partition(faces, node, false); }
+
+void mrClipBSPGen::partition(std::vector<mrFace*>& faces, mrBSPGenNode* node, bool parallel)
 {
     Partitioner::Output out;
     try
     {
-        Partitioner partitioner(*this, out, false);
+        Partitioner partitioner(*this, out, parallel);
         partitioner.start(faces, node);
         partitioner.loop();
     }
@@ -1358,25 +1360,8 @@ void mrClipBSPGen::partitionFaces(std::vector<mrFace*>& faces, mrBSPGenNode* nod
         Partitioner::file(*this, out, false);
         throw;
     }
-    Partitioner::file(*this, out, false);
-}
-
-void mrClipBSPGen::partitionParallel(std::vector<mrFace*>& faces, mrBSPGenNode* node)
-{
-    Partitioner::Output out;
-    try
-    {
-        Partitioner partitioner(*this, out, true);
-        partitioner.start(faces, node);
-        partitioner.loop();
-    }
-    catch (...)
-    {
-        Partitioner::file(*this, out, false);
-        throw;
-    }
-    // The reports of every thread, here and in the recursion's order.
-    Partitioner::file(*this, out, true);
+    // A parallel run files the reports of every thread here, in the recursion's order.
+    Partitioner::file(*this, out, parallel);
 }
 
 mrFace* mrClipBSPGen::selectPartition(std::vector<mrFace*>& faces)
@@ -1805,10 +1790,7 @@ mrClipBSP* mrClipBSPGen::import(srMeshModel* model, srVector3T<float>& offset, s
     root->m_mins = mins;
     root->m_maxs = maxs;
 
-    if (threads == 1)
-        partitionFaces(m_faces, root);
-    else
-        partitionParallel(m_faces, root);
+    partition(m_faces, root, threads != 1);
 
     mrClipBSP* bsp = threads == 1 ? flatten() : flattenParallel();
     bsp->m_mins = srVector3T<float>(mins.x - 1.0f, mins.y - 1.0f, mins.z - 1.0f);

@@ -83,8 +83,8 @@ private:
     // importMeshModel, with the partitioning, flattening and index on `threads` threads
     // (1: the single-threaded operations themselves).
     mrClipBSP* import(srMeshModel* model, srVector3T<float>& offset, srMatrix3T<float>& matrix, int threads);
-    // partitionFaces on the current task arena's threads, with the same results.
-    void partitionParallel(std::vector<mrFace*>& faces, mrBSPGenNode* node);
+    // partitionFaces, or the same on the current task arena's threads with the same results.
+    void partition(std::vector<mrFace*>& faces, mrBSPGenNode* node, bool parallel);
     // convertToClipBSP without the query index.
     mrClipBSP* flatten();
     // The same arrays, with the node records filled on several threads (the current
