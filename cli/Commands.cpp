@@ -594,6 +594,15 @@ void printViewSummary(const std::string& path, const ViewPage::Summary& s)
                  s.leak ? ", a leak path" : "");
 }
 
+// --threads: 0 or a count.
+int checkCount(const char* option, int value)
+{
+    if (value >= 0)
+        return Tool::EXIT_OK;
+    return Tool::usage(std::string(option) + " " + std::to_string(value) +
+                       ": expected 0 (every core the process may use) or a count");
+}
+
 } // namespace
 
 int Commands::vis(const VisArgs& args)
@@ -679,6 +688,8 @@ int Commands::clip(const ClipArgs& args)
     std::string singular = matrixProblem(matrix, det);
     if (!singular.empty())
         return Tool::usage("--matrix " + args.matrix + ": " + singular);
+    if (int code = checkCount("--threads", args.threads))
+        return code;
 
     AtomicFile::protectInput(args.mesh);
     if (int code = checkOutputs({args.output}, args.json))
@@ -710,6 +721,7 @@ int Commands::clip(const ClipArgs& args)
     settings.offset = offset;
     settings.matrix = matrix;
     settings.progress = Progress::callback();
+    settings.threads = args.threads;
     mrClipPipeline::Result result;
     {
         StdoutRedirect quietStdout;
@@ -1069,8 +1081,11 @@ int Commands::slice(const SliceArgs& args)
 
 int Commands::view(const ViewArgs& args)
 {
+    if (int code = checkCount("--threads", args.threads))
+        return code;
     ViewPage::Options options;
     options.midSplit = args.midSplit;
+    options.threads = args.threads;
     float xyz[3];
     if (!args.inside.empty())
     {
@@ -1119,6 +1134,8 @@ std::string Commands::demoLevelPath()
 
 int Commands::demo(const DemoArgs& args)
 {
+    if (int code = checkCount("--threads", args.threads))
+        return code;
     std::string level = demoLevelPath();
     if (level.empty())
         return Tool::fail("demo-level.obj", "the built-in demo level is not installed");
@@ -1157,6 +1174,7 @@ int Commands::demo(const DemoArgs& args)
     mrClipPipeline::Result clip;
     mrClipPipeline::Settings clipSettings;
     clipSettings.progress = Progress::callback();
+    clipSettings.threads = args.threads;
     if (!mrClipPipeline::run(mesh.get(), clipSettings, clip, error))
         return Tool::fail(level, error);
     const mrClipBSP* bsp = clip.clipBSP;
@@ -1174,7 +1192,9 @@ int Commands::demo(const DemoArgs& args)
         return Tool::fail(error);
     double sliceMs = Tool::nowMs() - start;
     ViewPage::Summary viewSummary;
-    if (int code = addViewPage(mesh.get(), level, ViewPage::Options(), outputs, viewFile, viewSummary))
+    ViewPage::Options viewOptions;
+    viewOptions.threads = args.threads;
+    if (int code = addViewPage(mesh.get(), level, viewOptions, outputs, viewFile, viewSummary))
         return code;
     if (!commitOutputs(outputs))
         return Tool::EXIT_BAD_INPUT;

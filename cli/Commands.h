@@ -30,6 +30,9 @@ public:
         std::string matrix; // nine numbers m0 to m8; empty: identity
         bool keepDegenerate = false;
         bool json = false;
+        // Threads of the build: 0 every core the process may use, 1 the single-threaded
+        // build, N up to N.
+        int threads = 0;
     };
     struct BoxArgs
     {
@@ -61,11 +64,13 @@ public:
         std::string inside; // "x,y,z"; empty: none
         bool keepDegenerate = false;
         bool json = false;
+        int threads = 0; // of the collision build, as ClipArgs::threads
     };
     struct DemoArgs
     {
         std::string outDir = "demo-out";
         bool json = false;
+        int threads = 0; // of the collision build, as ClipArgs::threads
     };
 
     static int check(const FileArgs& args);

@@ -221,6 +221,7 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
     mrClipPipeline::Result clipResult;
     mrClipPipeline::Settings clipSettings;
     clipSettings.progress = options.progress;
+    clipSettings.threads = options.threads;
     if (!mrClipPipeline::run(mesh, clipSettings, clipResult, error))
         return false;
     const mrClipBSP& clip = *clipResult.clipBSP;

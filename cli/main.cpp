@@ -84,6 +84,15 @@ protected:
     int overflow(int c) override { return c == EOF ? 0 : c; }
 };
 
+// --threads on a command whose builds can run on several cores.
+void addThreads(CLI::App* command, int& threads, const std::string& build)
+{
+    command->add_option("--threads", threads,
+                        "Threads of " + build +
+                            " (default 0: every core the process may use; 1: the single-threaded build; N: up to N); "
+                            "the output is the same for every count");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -141,6 +150,7 @@ int main(int argc, char** argv)
                      "m5 y + m8 z (default: the identity, 1,0,0,0,1,0,0,0,1)");
     clip->add_flag("--keep-degenerate", clipArgs.keepDegenerate,
                    "Pass triangles without a plane to the library (default: dropped, with a warning)");
+    addThreads(clip, clipArgs.threads, "the collision build");
     clip->add_flag("--json", clipArgs.json, "Print the results as one JSON object");
 
     Commands::FileArgs checkArgs;
@@ -205,12 +215,14 @@ int main(int argc, char** argv)
                      "(default: none)");
     view->add_flag("--keep-degenerate", viewArgs.keepDegenerate,
                    "Pass triangles without a plane to the library (default: dropped, with a warning)");
+    addThreads(view, viewArgs.threads, "the collision build");
     view->add_flag("--json", viewArgs.json, "Print the results as one JSON object");
 
     Commands::DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Both pipelines, a slice and a view page of the built-in level");
     demo->add_option("--out", demoArgs.outDir,
                      "Output directory, made (with its parents) if missing (default demo-out)");
+    addThreads(demo, demoArgs.threads, "the collision builds");
     demo->add_flag("--json", demoArgs.json, "Print the results as one JSON object");
 
     // Set last, so that the commands' own help does not repeat it.

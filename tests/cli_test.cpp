@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -23,6 +24,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "BenchMesh.h"
 #include "support/TestSupport.h"
 
 #define STB_IMAGE_IMPLEMENTATION
@@ -1256,6 +1258,37 @@ TEST_F(CliTest, DemoWritesItsFourOutputs)
     mtest::PortalFile prt = mtest::parsePortalFile(file("out/test.prt"));
     ASSERT_GT(prt.leafs, 1);
     EXPECT_EQ(mtest::connectedLeafGroups(prt), 1u);
+}
+
+// ---- Threads ------------------------------------------------------------------------------
+
+// Writes a pinned benchmark mesh as NAME.obj in the test's directory.
+void writeBenchMesh(const mtest::TempDir& dir, const std::string& name)
+{
+    std::unique_ptr<BenchMesh> mesh(BenchMesh::generate(name));
+    ASSERT_TRUE(mesh && mesh->writeObj(dir.file(name + ".obj"))) << name;
+}
+
+TEST_F(CliTest, ClipWritesTheSameBytesOnEveryThreadCount)
+{
+    // Meshes large enough that subtrees and the blocks of large nodes are built on other threads.
+    const std::vector<std::string> meshes = {"knot10k", "sphere10k"};
+    for (const std::string& name : meshes)
+    {
+        SCOPED_TRACE(name);
+        writeBenchMesh(dir, name);
+        ASSERT_EQ(run("clip " + name + ".obj -o " + name + "-1.mrc --threads 1").code, 0);
+        for (const char* threads : {"--threads 2", "--threads 3", "--threads 8", ""})
+        {
+            Outcome r = run("clip " + name + ".obj -o t.mrc " + threads);
+            ASSERT_EQ(r.code, 0) << threads << r.err;
+            EXPECT_EQ(file("t.mrc"), file(name + "-1.mrc")) << threads;
+        }
+    }
+    for (const char* args :
+         {"clip room.obj -o a.mrc --threads -2", "demo --out d --threads -1", "view room.obj -o v.html --threads -1"})
+        expectRun(args, "", 2, "", "--threads -");
+    EXPECT_FALSE(exists(dir.file("d")));
 }
 
 } // namespace
