@@ -5,8 +5,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <map>
 
 #include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/pipeline/mrClipPipeline.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
@@ -15,6 +18,7 @@
 #include <unistd.h>
 
 #include "AtomicFile.h"
+#include "Batch.h"
 #include "MeshHealth.h"
 #include "MeshReader.h"
 #include "MeshWriter.h"
@@ -117,11 +121,11 @@ bool commitOutputs(OutputSet& outputs)
     return false;
 }
 
-std::string joinWords(const std::vector<std::string>& words)
+std::string joinWords(const std::vector<std::string>& words, const char* between = " ")
 {
     std::string text;
     for (const std::string& w : words)
-        text += (text.empty() ? "" : " ") + w;
+        text += (text.empty() ? "" : between) + w;
     return text;
 }
 
@@ -594,7 +598,7 @@ void printViewSummary(const std::string& path, const ViewPage::Summary& s)
                  s.leak ? ", a leak path" : "");
 }
 
-// --threads: 0 or a count.
+// --threads and --jobs: 0 or a count.
 int checkCount(const char* option, int value)
 {
     if (value >= 0)
@@ -603,23 +607,81 @@ int checkCount(const char* option, int value)
                        ": expected 0 (every core the process may use) or a count");
 }
 
-} // namespace
-
-int Commands::vis(const VisArgs& args)
+// One mesh's outputs or many meshes' --out-dir: usage errors for both, and for several
+// meshes without --out-dir. `given` lists the options for one mesh's outputs that were
+// given, `single` says which there are, `each` what --out-dir makes of a mesh's name.
+int checkOutputMode(const std::vector<std::string>& meshes, const std::string& batchDir, int jobs,
+                    const std::string& given, const std::string& single, const char* each)
 {
-    double start = Tool::nowMs();
-    VisPipeline::Options options;
+    if (!batchDir.empty() && !given.empty())
+        return Tool::usage("--out-dir cannot go with " + given + ": it names each mesh's outputs itself (" + each +
+                           ")");
+    if (batchDir.empty() && jobs != 0)
+        return Tool::usage("--jobs goes with --out-dir");
+    if (batchDir.empty() && meshes.size() > 1)
+        return Tool::usage(
+            std::string("several meshes need --out-dir DIR, which names each mesh's outputs after it (") + each +
+            "); " + single + " for one mesh");
+    return checkCount("--jobs", jobs);
+}
+
+// Where each mesh's outputs go in a run over many: DIR/NAME plus `suffix`, NAME the mesh
+// file's name without its extension. Usage errors for a name that is missing or taken twice.
+int batchTargets(const std::vector<std::string>& meshes, const std::string& dir, const std::string& suffix,
+                 std::vector<std::string>& targets)
+{
+    std::map<std::string, std::string> taken;
+    for (const std::string& mesh : meshes)
+    {
+        const std::string name = std::filesystem::path(mesh).stem().string();
+        if (name.empty() || name == "." || name == "..")
+            return Tool::usage(mesh + ": no file name to name its outputs after");
+        const std::string target = Tool::joinPath(dir, name + suffix);
+        auto at = taken.emplace(target, mesh);
+        if (!at.second)
+            return Tool::usage(at.first->second + " and " + mesh + " would both write " + target +
+                               " (outputs are named after the mesh file without its extension)");
+        targets.push_back(target);
+    }
+    return Tool::EXIT_OK;
+}
+
+// Runs the workers of a run over many meshes into `dir`; exit code 1, naming every mesh
+// that failed, when any did. The directory is made if missing and kept even when nothing
+// was built: other runs (as in a batch over GNU parallel) may be writing into it too.
+int runBatch(const std::string& dir, const std::vector<Batch::Item>& items, int jobs, bool json,
+             const Batch::Summary& summary)
+{
+    OutputSet made;
+    std::string error;
+    if (!made.makeDirectory(dir, error) || !made.commit(error))
+        return Tool::fail(error);
+    const std::vector<std::string> failed = Batch::run(items, jobs, json, summary);
+    if (failed.empty())
+        return Tool::EXIT_OK;
+    // One mesh's worker has said what went wrong.
+    if (items.size() == 1)
+        return Tool::EXIT_BAD_INPUT;
+    return Tool::fail(std::to_string(failed.size()) + " of " + Tool::count((long)items.size(), "mesh", "meshes") +
+                      " failed: " + joinWords(failed, ", "));
+}
+
+// The visibility run's options from the command line, with the default outputs in `dir`;
+// 0, or the exit code of a usage error.
+int visOptions(const Commands::VisArgs& args, const std::string& dir, VisPipeline::Options& options)
+{
     options.midSplit = args.midSplit;
-    options.portalFile = args.prtOut.empty() ? Tool::joinPath(args.outDir, "test.prt") : args.prtOut;
-    options.meshFile = args.meshOut.empty() ? Tool::joinPath(args.outDir, "portals.obj") : args.meshOut;
-    options.meshFormat =
-        args.meshFormat.empty() ? MeshWriter::formatOf(options.meshFile) : MeshWriter::formatNamed(args.meshFormat);
-    if (!args.meshFormat.empty() && options.meshFormat == MeshWriter::FORMAT_NONE)
+    options.portalFile = args.prtOut.empty() ? Tool::joinPath(dir, "test.prt") : args.prtOut;
+    const MeshWriter::e_format named = MeshWriter::formatNamed(args.meshFormat);
+    if (!args.meshFormat.empty() && named == MeshWriter::FORMAT_NONE)
         return Tool::usage("--mesh-format " + args.meshFormat + ": expected obj, glb or ply");
+    // The default mesh file is named for the format asked for.
+    const char* extension = named == MeshWriter::FORMAT_GLB ? "glb" : named == MeshWriter::FORMAT_PLY ? "ply" : "obj";
+    options.meshFile = args.meshOut.empty() ? Tool::joinPath(dir, std::string("portals.") + extension) : args.meshOut;
+    options.meshFormat = args.meshFormat.empty() ? MeshWriter::formatOf(options.meshFile) : named;
     if (options.meshFormat == MeshWriter::FORMAT_NONE)
         return Tool::usage("--mesh-out " + options.meshFile +
                            ": unsupported mesh format (use .obj, .glb or .ply, or name one with --mesh-format)");
-
     for (const std::string& text : args.inside)
     {
         float v[3];
@@ -629,19 +691,25 @@ int Commands::vis(const VisArgs& args)
         options.insidePoints.emplace_back(v[0], v[1], v[2]);
     }
     if (!options.insidePoints.empty())
-        options.leakFile = args.leakOut.empty() ? Tool::joinPath(args.outDir, "leak.obj") : args.leakOut;
+        options.leakFile = args.leakOut.empty() ? Tool::joinPath(dir, "leak.obj") : args.leakOut;
+    return Tool::EXIT_OK;
+}
 
-    AtomicFile::protectInput(args.mesh);
+int visOne(const Commands::VisArgs& args, const std::string& meshPath, const VisPipeline::Options& options)
+{
+    double start = Tool::nowMs();
+    Tool::setSubject(meshPath);
+    AtomicFile::protectInput(meshPath);
     OutputSet outputs;
     std::string error;
-    if (!outputs.makeDirectory(args.outDir, error))
+    if (!outputs.makeDirectory(args.outDir.empty() ? "." : args.outDir, error))
         return Tool::fail(error);
     if (int code = checkOutputs({options.portalFile, options.meshFile,
                                  MeshWriter::companionPath(options.meshFile, options.meshFormat), options.leakFile},
                                 args.json))
         return code;
     CheckedMesh checked;
-    Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
+    Released<srMeshModel> mesh(readCheckedMesh(meshPath, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
 
@@ -663,7 +731,7 @@ int Commands::vis(const VisArgs& args)
     }
     if (Tool::quiet())
         return Tool::EXIT_OK;
-    std::fprintf(Tool::out(), "mesh %s: %ld triangles\n", args.mesh.c_str(), mesh->m_numpolys);
+    std::fprintf(Tool::out(), "mesh %s: %ld triangles\n", meshPath.c_str(), mesh->m_numpolys);
     printVisSummary(result, options);
     std::fprintf(Tool::out(), "%s\n", openSpaceSentence(result.leaks).c_str());
     if (!options.leakFile.empty())
@@ -673,25 +741,78 @@ int Commands::vis(const VisArgs& args)
     return Tool::EXIT_OK;
 }
 
-int Commands::clip(const ClipArgs& args)
+// vis over many meshes: DIR/NAME/test.prt, DIR/NAME/portals.obj, ... each, one worker per mesh.
+// The visibility build runs on one thread, so there are as many workers as cores.
+int visBatch(const Commands::VisArgs& args)
 {
-    double start = Tool::nowMs();
-    float xyz[3] = {0, 0, 0};
+    std::vector<std::string> targets;
+    if (int code = batchTargets(args.meshes, args.batchDir, "", targets))
+        return code;
+    const Batch::Shape shape = Batch::shape(args.meshes.size(), args.jobs, 1, mrClipBSPGen::availableThreads());
+    std::vector<Batch::Item> items;
+    for (size_t i = 0; i < args.meshes.size(); ++i)
+    {
+        Batch::Item item{args.meshes[i], {"vis", "--out=" + targets[i], "--json"}};
+        if (args.midSplit)
+            item.args.push_back("--mid-split");
+        if (!args.meshFormat.empty())
+            item.args.push_back("--mesh-format=" + args.meshFormat);
+        for (const std::string& point : args.inside)
+            item.args.push_back("--inside=" + point);
+        if (args.keepDegenerate)
+            item.args.push_back("--keep-degenerate");
+        item.args.insert(item.args.end(), {"--", args.meshes[i]});
+        items.push_back(item);
+    }
+    return runBatch(args.batchDir, items, shape.jobs, args.json,
+                    [](const nlohmann::ordered_json& r)
+                    {
+                        const nlohmann::ordered_json open = r.value("openLeaves", nlohmann::ordered_json::object());
+                        mrLeakFinder::Report leaks;
+                        leaks.openLeaves = open.value("total", 0L);
+                        leaks.reachable = open.value("reachOutside", 0L);
+                        leaks.enclosed = open.value("enclosed", 0L);
+                        std::string line = "wrote " + r.value("portalFile", "") + " (" +
+                                           Tool::count(r.value("numVisleafs", 0L), "open leaf", "open leaves") + ", " +
+                                           Tool::count(r.value("numVisportals", 0L), "portal", "portals") + ") and " +
+                                           r.value("portalMeshFile", "") + " (" +
+                                           Tool::count(r.value("portalMeshPolys", 0L), "polygon", "polygons") + "); " +
+                                           openSpaceSentence(leaks);
+                        if (r.contains("leak") && r["leak"].is_object())
+                            line += "; leak paths in " + r["leak"].value("file", "");
+                        return line + " (" + ms(r.value("elapsedMs", 0.0)) + ")";
+                    });
+}
+
+// Where the clip BSP goes: the matrix first, then the offset.
+struct Placement
+{
+    srVector3T<float> offset{0, 0, 0};
     srMatrix3T<float> matrix;
+    double det = 1; // the matrix's determinant: below 0 it mirrors the mesh
+};
+
+// 0, or the exit code of a usage error.
+int readPlacement(const Commands::ClipArgs& args, Placement& placement)
+{
+    float xyz[3] = {0, 0, 0};
     std::string why;
     if (!args.offset.empty() && !Tool::parseVector(args.offset, 3, xyz, why))
         return Tool::usage("--offset " + args.offset + ": " + why + " (expected three numbers X,Y,Z)");
-    srVector3T<float> offset(xyz[0], xyz[1], xyz[2]);
-    if (!args.matrix.empty() && !Tool::parseVector(args.matrix, 9, matrix.m, why))
+    placement.offset = srVector3T<float>(xyz[0], xyz[1], xyz[2]);
+    if (!args.matrix.empty() && !Tool::parseVector(args.matrix, 9, placement.matrix.m, why))
         return Tool::usage("--matrix " + args.matrix + ": " + why + " (expected nine numbers m0,...,m8)");
-    double det = 0;
-    std::string singular = matrixProblem(matrix, det);
+    std::string singular = matrixProblem(placement.matrix, placement.det);
     if (!singular.empty())
         return Tool::usage("--matrix " + args.matrix + ": " + singular);
-    if (int code = checkCount("--threads", args.threads))
-        return code;
+    return Tool::EXIT_OK;
+}
 
-    AtomicFile::protectInput(args.mesh);
+int clipOne(const Commands::ClipArgs& args, const std::string& meshPath, const Placement& placement)
+{
+    double start = Tool::nowMs();
+    Tool::setSubject(meshPath);
+    AtomicFile::protectInput(meshPath);
     if (int code = checkOutputs({args.output}, args.json))
         return code;
     ModuleSession session;
@@ -699,12 +820,12 @@ int Commands::clip(const ClipArgs& args)
     if (!session.start(error))
         return Tool::fail(error);
     CheckedMesh checked;
-    Released<srMeshModel> mesh(readCheckedMesh(args.mesh, args.keepDegenerate, checked));
+    Released<srMeshModel> mesh(readCheckedMesh(meshPath, args.keepDegenerate, checked));
     if (!mesh.get())
         return Tool::EXIT_BAD_INPUT;
     // A mirroring matrix turns the faces the other way round.
     MeshHealth::Report placed = checked.health;
-    if (det < 0)
+    if (placement.det < 0)
     {
         std::swap(placed.partsIn, placed.partsOut);
         placed.signedVolume = -placed.signedVolume;
@@ -718,15 +839,15 @@ int Commands::clip(const ClipArgs& args)
         Tool::note(inward);
 
     mrClipPipeline::Settings settings;
-    settings.offset = offset;
-    settings.matrix = matrix;
+    settings.offset = placement.offset;
+    settings.matrix = placement.matrix;
     settings.progress = Progress::callback();
     settings.threads = args.threads;
     mrClipPipeline::Result result;
     {
         StdoutRedirect quietStdout;
         if (!mrClipPipeline::run(mesh.get(), settings, result, error))
-            return Tool::fail(args.mesh, error);
+            return Tool::fail(meshPath, error);
     }
     for (const std::string& warning : result.warnings)
         Tool::warn(warning);
@@ -749,6 +870,80 @@ int Commands::clip(const ClipArgs& args)
     printClipSummary(args.output, *bsp, result, mesh->m_numpolys);
     std::fprintf(Tool::out(), "time %s\n", ms(elapsed).c_str());
     return Tool::EXIT_OK;
+}
+
+// clip over many meshes: DIR/NAME.mrc each, one worker per mesh.
+int clipBatch(const Commands::ClipArgs& args)
+{
+    std::vector<std::string> targets;
+    if (int code = batchTargets(args.meshes, args.batchDir, ".mrc", targets))
+        return code;
+    const Batch::Shape shape =
+        Batch::shape(args.meshes.size(), args.jobs, args.threads, mrClipBSPGen::availableThreads());
+    std::vector<Batch::Item> items;
+    for (size_t i = 0; i < args.meshes.size(); ++i)
+    {
+        Batch::Item item{args.meshes[i],
+                         {"clip", "--output=" + targets[i], "--json", "--threads=" + std::to_string(shape.threads)}};
+        if (!args.offset.empty())
+            item.args.push_back("--offset=" + args.offset);
+        if (!args.matrix.empty())
+            item.args.push_back("--matrix=" + args.matrix);
+        if (args.keepDegenerate)
+            item.args.push_back("--keep-degenerate");
+        item.args.insert(item.args.end(), {"--", args.meshes[i]});
+        items.push_back(item);
+    }
+    return runBatch(args.batchDir, items, shape.jobs, args.json,
+                    [](const nlohmann::ordered_json& r)
+                    {
+                        return "wrote " + r.value("file", "") + ": a clip BSP of " +
+                               std::to_string(r.value("numNodes", 0)) + " nodes and " +
+                               std::to_string(r.value("numPlanes", 0)) + " planes from " +
+                               Tool::count(r.value("numTriangles", 0L), "triangle", "triangles") + " (" +
+                               ms(r.value("elapsedMs", 0.0)) + ")";
+                    });
+}
+
+} // namespace
+
+int Commands::vis(const VisArgs& args)
+{
+    VisPipeline::Options options;
+    if (int code = visOptions(args, args.outDir.empty() ? "." : args.outDir, options))
+        return code;
+    std::vector<std::string> given;
+    const std::pair<const std::string*, const char*> single[] = {{&args.outDir, "--out"},
+                                                                 {&args.prtOut, "--prt-out"},
+                                                                 {&args.meshOut, "--mesh-out"},
+                                                                 {&args.leakOut, "--leak-out"}};
+    for (const auto& option : single)
+        if (!option.first->empty())
+            given.push_back(option.second);
+    if (int code = checkOutputMode(args.meshes, args.batchDir, args.jobs, joinWords(given, ", "),
+                                   "--out, --prt-out, --mesh-out and --leak-out are",
+                                   "DIR/NAME/test.prt, DIR/NAME/portals.obj, ..."))
+        return code;
+    if (!args.batchDir.empty())
+        return visBatch(args);
+    return visOne(args, args.meshes[0], options);
+}
+
+int Commands::clip(const ClipArgs& args)
+{
+    Placement placement;
+    if (int code = readPlacement(args, placement))
+        return code;
+    if (int code = checkCount("--threads", args.threads))
+        return code;
+    if (int code = checkOutputMode(args.meshes, args.batchDir, args.jobs, args.output.empty() ? "" : "-o", "-o is",
+                                   "DIR/NAME.mrc"))
+        return code;
+    if (!args.batchDir.empty())
+        return clipBatch(args);
+    if (args.output.empty())
+        return Tool::usage("clip needs -o FILE, or --out-dir DIR to write DIR/NAME.mrc");
+    return clipOne(args, args.meshes[0], placement);
 }
 
 int Commands::check(const FileArgs& args)

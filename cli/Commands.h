@@ -11,9 +11,9 @@ class Commands
 public:
     struct VisArgs
     {
-        std::string mesh;
+        std::vector<std::string> meshes; // one, or with batchDir any number
         bool midSplit = false;
-        std::string outDir = ".";
+        std::string outDir;              // empty: the current directory
         std::string prtOut;              // empty: test.prt in outDir
         std::string meshOut;             // empty: portals.obj in outDir
         std::string meshFormat;          // obj, glb or ply; empty: from meshOut's extension
@@ -21,18 +21,26 @@ public:
         std::string leakOut;             // empty: leak.obj in outDir
         bool keepDegenerate = false;
         bool json = false;
+        // Many meshes: the outputs of each in batchDir/NAME/, built by `jobs` workers at
+        // once (0: see Batch::shape).
+        std::string batchDir;
+        int jobs = 0;
     };
     struct ClipArgs
     {
-        std::string mesh;
+        std::vector<std::string> meshes; // one, or with batchDir any number
         std::string output;
         std::string offset; // three numbers; empty: 0,0,0
         std::string matrix; // nine numbers m0 to m8; empty: identity
         bool keepDegenerate = false;
         bool json = false;
-        // Threads of the build: 0 every core the process may use, 1 the single-threaded
-        // build, N up to N.
+        // Threads of each build: 0 every core the process may use (shared out among the
+        // workers of a batch), 1 the single-threaded build, N up to N.
         int threads = 0;
+        // Many meshes: batchDir/NAME.mrc each, built by `jobs` workers at once (0: see
+        // Batch::shape).
+        std::string batchDir;
+        int jobs = 0;
     };
     struct BoxArgs
     {

@@ -86,7 +86,8 @@ void report(const char* stage, uint64_t done, uint64_t total)
 
 mrProgress::Callback Progress::callback()
 {
-    if (Tool::quiet())
+    // A worker's result line is the progress of a run over many meshes.
+    if (Tool::quiet() || Tool::worker())
         return mrProgress::Callback();
     return report;
 }

@@ -12,9 +12,17 @@
 namespace
 {
 int s_verbosity = 0;
-}
+bool s_worker = false;
+std::string s_subject; // "MESH: " in a worker, else empty
+} // namespace
 
 void Tool::setVerbosity(int level) { s_verbosity = level; }
+
+void Tool::setWorker(bool worker) { s_worker = worker; }
+
+bool Tool::worker() { return s_worker; }
+
+void Tool::setSubject(const std::string& mesh) { s_subject = s_worker ? mesh + ": " : std::string(); }
 
 bool Tool::quiet() { return s_verbosity < 0; }
 
@@ -46,7 +54,7 @@ void Tool::warn(const std::string& message)
     if (quiet())
         return;
     Progress::clearLine();
-    std::fprintf(stderr, "meridbsp: warning: %s\n", message.c_str());
+    std::fprintf(stderr, "meridbsp: warning: %s%s\n", s_subject.c_str(), message.c_str());
 }
 
 void Tool::note(const std::string& message)
@@ -54,7 +62,7 @@ void Tool::note(const std::string& message)
     if (quiet())
         return;
     Progress::clearLine();
-    std::fprintf(stderr, "meridbsp: note: %s\n", message.c_str());
+    std::fprintf(stderr, "meridbsp: note: %s%s\n", s_subject.c_str(), message.c_str());
 }
 
 namespace

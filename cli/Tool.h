@@ -33,6 +33,12 @@ public:
     static bool quiet();
     static bool verbose();
 
+    // A worker of a run over many meshes (see Batch): it shows no progress, and its
+    // warnings and notes name the mesh given to setSubject(), as its errors already do.
+    static void setWorker(bool worker);
+    static bool worker();
+    static void setSubject(const std::string& mesh);
+
     // Where a command's report goes: standard output, or standard error once an output
     // file has been sent to standard output.
     static FILE* out();

@@ -65,14 +65,15 @@ std::string closestCommand(const std::string& word, const std::vector<CLI::App*>
     return best;
 }
 
-// Usage lines name an optional run of numbers as [POINT], not as the parser's [POINT(0x)].
+// Usage lines name an optional run of numbers as [POINT], not as the parser's [POINT(0x)],
+// and one or more files as MESH....
 class Formatter : public CLI::Formatter
 {
 public:
     std::string make_option_usage(const CLI::Option* option) const override
     {
         if (option->get_positional() && option->get_expected_max() > 1)
-            return "[" + option->get_name() + "]";
+            return option->get_required() ? option->get_name() + "..." : "[" + option->get_name() + "]";
         return CLI::Formatter::make_option_usage(option);
     }
 };
@@ -85,12 +86,23 @@ protected:
 };
 
 // --threads on a command whose builds can run on several cores.
-void addThreads(CLI::App* command, int& threads, const std::string& build)
+void addThreads(CLI::App* command, int& threads, const std::string& build, const std::string& batch = "")
 {
     command->add_option("--threads", threads,
-                        "Threads of " + build +
-                            " (default 0: every core the process may use; 1: the single-threaded build; N: up to N); "
-                            "the output is the same for every count");
+                        "Threads of " + build + " (default 0: every core the process may use" + batch +
+                            "; 1: the single-threaded build; N: up to N); the output is the same for every count");
+}
+
+// --out-dir and --jobs: a command run over many meshes, each in a worker process.
+void addBatch(CLI::App* command, std::string& dir, int& jobs, const std::string& naming)
+{
+    command->add_option("--out-dir", dir,
+                        "Directory DIR for any number of meshes, made if missing: " + naming +
+                            "; the meshes are built at once by worker processes, one result line per mesh as each ends "
+                            "(default: none)");
+    command->add_option("--jobs", jobs,
+                        "With --out-dir, meshes built at once (default 0: one per core, no more than meshes, or with "
+                        "--threads N one per N cores)");
 }
 
 } // namespace
@@ -114,10 +126,14 @@ int main(int argc, char** argv)
         app.add_flag("-v,--verbose", verbose, "Also show the library's own log lines on standard error");
     app.add_flag("-q,--quiet", quiet, "Errors only: no warnings, notes, progress or reports of files written")
         ->excludes(verboseFlag);
+    // A worker of a run over many meshes (Batch): not for people, so not in the help.
+    bool worker = false;
+    app.add_flag("--worker", worker)->group("");
 
     Commands::VisArgs visArgs;
     CLI::App* vis = app.add_subcommand("vis", "Visibility pipeline: portal file and portal mesh of a mesh");
-    vis->add_option("MESH", visArgs.mesh, "Mesh file (OBJ, OFF, PLY, STL, glTF, ...)")->required();
+    vis->add_option("MESH", visArgs.meshes, "Mesh file (OBJ, OFF, PLY, STL, glTF, ...); several with --out-dir")
+        ->required();
     vis->add_flag("--mid-split", visArgs.midSplit,
                   "Choose each partition plane by dividing the box evenly instead of by cutting the fewest faces: "
                   "much faster on curved meshes, and a different tree (default: off)");
@@ -126,8 +142,8 @@ int main(int argc, char** argv)
                     "directory)");
     vis->add_option("--prt-out", visArgs.prtOut, "Portal file (default DIR/test.prt; - for standard output)");
     vis->add_option("--mesh-out", visArgs.meshOut,
-                    "Portal mesh file: .obj (with a .mtl beside it), .glb or .ply (default DIR/portals.obj; - for "
-                    "standard output)");
+                    "Portal mesh file: .obj (with a .mtl beside it), .glb or .ply (default DIR/portals.obj, or .glb "
+                    "or .ply after --mesh-format; - for standard output)");
     vis->add_option("--mesh-format", visArgs.meshFormat,
                     "Portal mesh format, obj, glb or ply (default: from the --mesh-out extension)");
     vis->add_option("--inside", visArgs.inside,
@@ -138,20 +154,24 @@ int main(int argc, char** argv)
     vis->add_option("--leak-out", visArgs.leakOut, "Leak path file, with --inside (default DIR/leak.obj)");
     vis->add_flag("--keep-degenerate", visArgs.keepDegenerate,
                   "Pass triangles without a plane to the library (default: dropped, with a warning)");
-    vis->add_flag("--json", visArgs.json, "Print the results as one JSON object");
+    vis->add_flag("--json", visArgs.json, "Print the results as one JSON object (with --out-dir, one per mesh)");
+    addBatch(vis, visArgs.batchDir, visArgs.jobs, "DIR/NAME/test.prt, DIR/NAME/portals.obj, ... for NAME.obj");
 
     Commands::ClipArgs clipArgs;
     CLI::App* clip = app.add_subcommand("clip", "Collision pipeline: a clip BSP file from a mesh");
-    clip->add_option("MESH", clipArgs.mesh, "Mesh file (OBJ, OFF, PLY, STL, glTF, ...)")->required();
-    clip->add_option("-o,--output", clipArgs.output, "Clip BSP file to write (- for standard output)")->required();
+    clip->add_option("MESH", clipArgs.meshes, "Mesh file (OBJ, OFF, PLY, STL, glTF, ...); several with --out-dir")
+        ->required();
+    clip->add_option("-o,--output", clipArgs.output,
+                     "Clip BSP file to write, for one mesh (- for standard output; default: none)");
     clip->add_option("--offset", clipArgs.offset, "Offset X,Y,Z added after the matrix (default 0,0,0)");
     clip->add_option("--matrix", clipArgs.matrix,
                      "Matrix m0,...,m8 applied first: x' = m0 x + m3 y + m6 z, y' = m1 x + m4 y + m7 z, z' = m2 x + "
                      "m5 y + m8 z (default: the identity, 1,0,0,0,1,0,0,0,1)");
     clip->add_flag("--keep-degenerate", clipArgs.keepDegenerate,
                    "Pass triangles without a plane to the library (default: dropped, with a warning)");
-    addThreads(clip, clipArgs.threads, "the collision build");
-    clip->add_flag("--json", clipArgs.json, "Print the results as one JSON object");
+    addThreads(clip, clipArgs.threads, "each collision build", ", shared out among the workers with --out-dir");
+    clip->add_flag("--json", clipArgs.json, "Print the results as one JSON object (with --out-dir, one per mesh)");
+    addBatch(clip, clipArgs.batchDir, clipArgs.jobs, "DIR/NAME.mrc for NAME.obj");
 
     Commands::FileArgs checkArgs;
     CLI::App* check = app.add_subcommand("check", "Health of a mesh: holes, bad edges, degenerate triangles, facing");
@@ -262,6 +282,7 @@ int main(int argc, char** argv)
 
     // The library's log lines are its own; they are shown only when asked for.
     Tool::setVerbosity(quiet ? -1 : verbose ? 1 : 0);
+    Tool::setWorker(worker);
     // Never destroyed: the library may still write while the program ends.
     static std::ostream* discard = new std::ostream(new NullBuffer);
     srSetOutputTarget(verbose ? &std::cerr : discard);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -482,26 +483,18 @@ bool lineMatches(const std::string& expected, const std::string& actual)
     return false;
 }
 
-TEST_F(CliTest, DocumentedExamplesRunAsWritten)
+// Runs each example in the test's directory after `prelude` (shell lines), expecting what
+// it documents: a failure exactly when it prints an error, and its lines.
+void expectExamples(const std::string& directory, const std::vector<Example>& examples, const std::string& prelude)
 {
-    mtest::writeFile(dir.file("level.obj"), mtest::readFile(DEMO_LEVEL));
-    std::filesystem::create_directory_symlink(MERIDBSP_BINARY_DIR, dir.file("build"));
-    const std::string cliDoc = mtest::readFile(MERIDBSP_SOURCE_DIR "/docs/cli.md");
-    const std::string readme = mtest::readFile(MERIDBSP_SOURCE_DIR "/README.md");
-    EXPECT_NE(readme.find("](docs/cli.md)"), std::string::npos) << "the README links to docs/cli.md";
-    std::vector<Example> examples = shellExamples(readme, "## Command line");
-    const std::vector<Example> documented = consoleExamples(cliDoc);
-    ASSERT_GE(examples.size(), 10u);
-    ASSERT_GE(documented.size(), 20u);
-    examples.insert(examples.end(), documented.begin(), documented.end());
     for (const Example& e : examples)
     {
         SCOPED_TRACE(e.command);
-        mtest::writeFile(dir.file(".example.sh"),
-                         "export PATH='" MERIDBSP_BINARY_DIR "':\"$PATH\"\n" + e.command + "\n");
-        const std::string out = dir.file(".example.out");
+        mtest::writeFile(directory + "/.example.sh",
+                         "export PATH='" MERIDBSP_BINARY_DIR "':\"$PATH\"\n" + prelude + e.command + "\n");
+        const std::string out = directory + "/.example.out";
         const int status =
-            std::system(("cd '" + dir.path() + "' && bash -o pipefail .example.sh >'" + out + "' 2>&1").c_str());
+            std::system(("cd '" + directory + "' && bash -o pipefail .example.sh >'" + out + "' 2>&1").c_str());
         const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         bool fails = false;
         for (const std::string& line : e.output)
@@ -517,6 +510,21 @@ TEST_F(CliTest, DocumentedExamplesRunAsWritten)
                           << ::testing::PrintToString(e.output) << "\nprinted:\n"
                           << ::testing::PrintToString(got);
     }
+}
+
+TEST_F(CliTest, DocumentedExamplesRunAsWritten)
+{
+    mtest::writeFile(dir.file("level.obj"), mtest::readFile(DEMO_LEVEL));
+    std::filesystem::create_directory_symlink(MERIDBSP_BINARY_DIR, dir.file("build"));
+    const std::string cliDoc = mtest::readFile(MERIDBSP_SOURCE_DIR "/docs/cli.md");
+    const std::string readme = mtest::readFile(MERIDBSP_SOURCE_DIR "/README.md");
+    EXPECT_NE(readme.find("](docs/cli.md)"), std::string::npos) << "the README links to docs/cli.md";
+    std::vector<Example> examples = shellExamples(readme, "## Command line");
+    const std::vector<Example> documented = consoleExamples(cliDoc);
+    ASSERT_GE(examples.size(), 10u);
+    ASSERT_GE(documented.size(), 20u);
+    examples.insert(examples.end(), documented.begin(), documented.end());
+    expectExamples(dir.path(), examples, "");
 }
 
 // ---- Clip BSP files: dump, info, refusals ------------------------------------------------
@@ -1260,7 +1268,7 @@ TEST_F(CliTest, DemoWritesItsFourOutputs)
     EXPECT_EQ(mtest::connectedLeafGroups(prt), 1u);
 }
 
-// ---- Threads ------------------------------------------------------------------------------
+// ---- Threads and many meshes ----------------------------------------------------------------
 
 // Writes a pinned benchmark mesh as NAME.obj in the test's directory.
 void writeBenchMesh(const mtest::TempDir& dir, const std::string& name)
@@ -1269,7 +1277,7 @@ void writeBenchMesh(const mtest::TempDir& dir, const std::string& name)
     ASSERT_TRUE(mesh && mesh->writeObj(dir.file(name + ".obj"))) << name;
 }
 
-TEST_F(CliTest, ClipWritesTheSameBytesOnEveryThreadCount)
+TEST_F(CliTest, ClipWritesTheSameBytesOnEveryThreadCountAndInABatch)
 {
     // Meshes large enough that subtrees and the blocks of large nodes are built on other threads.
     const std::vector<std::string> meshes = {"knot10k", "sphere10k"};
@@ -1285,10 +1293,115 @@ TEST_F(CliTest, ClipWritesTheSameBytesOnEveryThreadCount)
             EXPECT_EQ(file("t.mrc"), file(name + "-1.mrc")) << threads;
         }
     }
+    // Each worker's build gets the cores left over.
+    ASSERT_EQ(run("clip knot10k.obj sphere10k.obj --out-dir many").code, 0);
+    for (const std::string& name : meshes)
+        EXPECT_EQ(file("many/" + name + ".mrc"), file(name + "-1.mrc")) << name;
     for (const char* args :
          {"clip room.obj -o a.mrc --threads -2", "demo --out d --threads -1", "view room.obj -o v.html --threads -1"})
         expectRun(args, "", 2, "", "--threads -");
     EXPECT_FALSE(exists(dir.file("d")));
+}
+
+TEST_F(CliTest, ManyMeshesAreBuiltByWorkersEachAsItsOwnRunWouldBuildIt)
+{
+    mtest::writeFile(dir.file("level.obj"), mtest::readFile(DEMO_LEVEL));
+    mtest::writeFile(dir.file("bad.obj"), "v 0 0 0\nv nan 0 0\nv 0 1 0\nf 1 2 3\n");
+    std::filesystem::create_directory(dir.file("one"));
+    // Each command's run over many meshes, a one-mesh run of NAME, and the files both write.
+    // The portal meshes' colours come from the process's random numbers, so two visibility
+    // builds in one process would colour the second differently.
+    const struct
+    {
+        const char* command;
+        std::string (*single)(const std::string& name);
+        std::vector<std::string> outputs; // NAME stands for the mesh's name
+    } commands[] = {
+        {"clip", [](const std::string& name) { return "clip " + name + ".obj -o one/" + name + ".mrc"; }, {"NAME.mrc"}},
+        {"vis",
+         [](const std::string& name) { return "vis " + name + ".obj --out one/" + name; },
+         {"NAME/test.prt", "NAME/portals.obj", "NAME/portals.mtl"}},
+    };
+    for (const auto& c : commands)
+    {
+        SCOPED_TRACE(c.command);
+        const std::string command = c.command;
+        Outcome r = run(command + " level.obj bad.obj room.obj --out-dir many");
+        EXPECT_EQ(r.code, 1);
+        // A line per mesh built, as each ends; the failure said in its own words, then named.
+        std::vector<std::string> got = lines(r.out);
+        std::sort(got.begin(), got.end());
+        ASSERT_EQ(got.size(), 2u) << r.out;
+        EXPECT_EQ(got[0].rfind("level.obj: wrote many/level", 0), 0u) << got[0];
+        EXPECT_EQ(got[1].rfind("room.obj: wrote many/room", 0), 0u) << got[1];
+        EXPECT_NE(r.err.find("meridbsp: error: bad.obj: mesh 0 vertex 1 has a non-finite coordinate (nan 0 0)\n"),
+                  std::string::npos)
+            << r.err;
+        EXPECT_NE(r.err.find("meridbsp: error: 1 of 3 meshes failed: bad.obj\n"), std::string::npos) << r.err;
+        for (const std::string name : {"level", "room"})
+        {
+            ASSERT_EQ(run(c.single(name)).code, 0);
+            for (std::string output : c.outputs)
+            {
+                output.replace(output.find("NAME"), 4, name);
+                EXPECT_EQ(file("many/" + output), file("one/" + output)) << output;
+            }
+        }
+
+        // JSON Lines: an object per mesh, failures included.
+        r = run(command + " bad.obj room.obj --out-dir json --json");
+        EXPECT_EQ(r.code, 1);
+        std::map<std::string, nlohmann::json> results;
+        for (const std::string& line : lines(r.out))
+        {
+            const nlohmann::json j = nlohmann::json::parse(line);
+            results[j["mesh"]] = j;
+        }
+        ASSERT_EQ(results.size(), 2u) << r.out;
+        EXPECT_EQ(
+            results["bad.obj"],
+            nlohmann::json::parse(
+                "{\"mesh\":\"bad.obj\",\"ok\":false,\"error\":\"bad.obj: mesh 0 vertex 1 has a non-finite coordinate "
+                "(nan 0 0)\"}"));
+        EXPECT_EQ(results["room.obj"]["ok"], true);
+        EXPECT_EQ(results["room.obj"]["health"]["triangles"], 12);
+    }
+    // A worker's warnings name its mesh.
+    EXPECT_NE(run("clip room.obj --out-dir many").err.find("meridbsp: note: room.obj: the faces point inward"),
+              std::string::npos);
+    EXPECT_FALSE(exists(dir.file("many/bad"))); // a failed visibility build leaves no directory
+
+    // A worker that dies is named with the signal that ended it.
+    writeBenchMesh(dir, "knot10k");
+    Outcome r = run("vis knot10k.obj room.obj --out-dir slow --json", "", "ulimit -c 0; ulimit -S -t 1;");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.out.find("{\"mesh\":\"knot10k.obj\",\"ok\":false,\"error\":\"knot10k.obj: the worker was ended by "
+                         "signal 24 (CPU time limit exceeded)\"}"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("{\"mesh\":\"room.obj\",\"ok\":true,"), std::string::npos) << r.out;
+}
+
+TEST_F(CliTest, OutputsForOneMeshOrForManyAreAskedForOneWayOnly)
+{
+    std::filesystem::create_directory(dir.file("sub"));
+    mtest::writeFile(dir.file("sub/room.obj"), ROOM_OBJ);
+    const std::pair<const char*, const char*> cases[] = {
+        {"clip room.obj sub/room.obj", "several meshes need --out-dir DIR, which names each mesh's outputs after it "
+                                       "(DIR/NAME.mrc); -o is for one mesh"},
+        {"vis room.obj sub/room.obj", "several meshes need --out-dir DIR"},
+        {"clip room.obj", "clip needs -o FILE, or --out-dir DIR to write DIR/NAME.mrc"},
+        {"clip room.obj -o a.mrc --out-dir d", "--out-dir cannot go with -o: it names each mesh's outputs itself"},
+        {"vis room.obj --out-dir d --prt-out p.prt --out e", "--out-dir cannot go with --out, --prt-out"},
+        {"clip room.obj -o a.mrc --jobs 2", "--jobs goes with --out-dir"},
+        {"vis room.obj --out-dir d --jobs -1", "--jobs -1: expected 0 (every core the process may use) or a count"},
+        {"clip room.obj sub/room.obj --out-dir d", "room.obj and sub/room.obj would both write d/room.mrc"},
+        {"vis sub/ --out-dir d", "sub/: no file name to name its outputs after"},
+    };
+    for (const auto& c : cases)
+        expectRun(c.first, "", 2, "", c.second);
+    for (const char* made : {"a.mrc", "d", "e"})
+        EXPECT_FALSE(exists(dir.file(made))) << made;
 }
 
 } // namespace
