@@ -1404,4 +1404,37 @@ TEST_F(CliTest, OutputsForOneMeshOrForManyAreAskedForOneWayOnly)
         EXPECT_FALSE(exists(dir.file(made))) << made;
 }
 
+// The recipes of docs/batch.md with GNU parallel, "across machines" included: there ssh is
+// a stand-in that runs the commands here, in a directory of their own, so the files are
+// copied there and back as they would be between machines.
+TEST_F(CliTest, BatchRecipesWithGnuParallelRunAsWritten)
+{
+    for (const char* tool : {"parallel", "rsync"})
+        if (std::system((std::string("command -v ") + tool + " >/dev/null").c_str()) != 0)
+            GTEST_SKIP() << tool << " is not installed (tools/install-deps.sh --test installs it)";
+    std::filesystem::create_directory(dir.file("levels"));
+    std::filesystem::create_directory(dir.file("remote"));
+    mtest::writeFile(dir.file("levels/level.obj"), mtest::readFile(DEMO_LEVEL));
+    mtest::writeFile(dir.file("levels/room.obj"), ROOM_OBJ);
+    mtest::writeFile(dir.file("levels/empty.obj"), "");
+    // ssh [OPTIONS] HOST [--] COMMAND: the command, run here in `remote` (parallel keeps its
+    // own files under HOME, the test's directory).
+    mtest::writeFile(dir.file("ssh"),
+                     "#!/bin/bash\n"
+                     "while [ $# -gt 0 ]; do case \"$1\" in -o|-l|-p) shift 2;; -*) shift;; *) break;; "
+                     "esac; done\n"
+                     "shift; [ \"${1:-}\" = -- ] && shift\n"
+                     "cd \"$REMOTE\" && exec /bin/sh -c \"$*\"\n");
+    ::chmod(dir.file("ssh").c_str(), 0755);
+    const std::vector<Example> examples = consoleExamples(mtest::readFile(MERIDBSP_SOURCE_DIR "/docs/batch.md"));
+    ASSERT_GE(examples.size(), 3u);
+    expectExamples(dir.path(), examples,
+                   "export HOME='" + dir.path() + "' PARALLEL_SSH='" + dir.file("ssh") + "' REMOTE='" +
+                       dir.file("remote") + "'\n");
+    ASSERT_EQ(run("clip levels/level.obj -o level.mrc").code, 0);
+    EXPECT_EQ(file("clips/level.mrc"), file("level.mrc"));
+    EXPECT_EQ(file("built/level.mrc"), file("level.mrc")); // built "remotely" and brought back
+    EXPECT_TRUE(std::filesystem::is_empty(dir.file("remote")));
+}
+
 } // namespace

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing. Quiet when all are there.
-#   --test   also Chromium, which the tests use to open the view pages headless; where it
-#            cannot be installed those tests are skipped, so its failure is not fatal
+#   --test   also Chromium, which the tests use to open the view pages headless, and GNU parallel
+#            and rsync, with which they run the batch recipes of docs/batch.md; where these cannot
+#            be installed the tests that need them are skipped, so their failure is not fatal
 #   --bench  also the benchmarks' peer libraries
 set -euo pipefail
 pkgs=(build-essential cmake clang clang-format libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
       libassimp-dev libcli11-dev nlohmann-json3-dev libstb-dev help2man libjs-three libtbb-dev)
 optional=()
-[ "${1:-}" = "--test" ] && optional+=(chromium)
+[ "${1:-}" = "--test" ] && optional+=(chromium parallel rsync)
 [ "${1:-}" = "--bench" ] && pkgs+=(libembree-dev libbullet-dev python3)
 missing() {
   for p in "$@"; do
