@@ -66,6 +66,19 @@ std::vector<std::string> workerOptions()
     return options;
 }
 
+// This program's file. Named through its link rather than run as /proc/self/exe, which under
+// a tool such as valgrind is the tool itself.
+const std::string& program()
+{
+    static const std::string path = []
+    {
+        char buf[4096];
+        const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+        return n > 0 ? std::string(buf, (size_t)n) : std::string("/proc/self/exe");
+    }();
+    return path;
+}
+
 // Starts this program again on the item; false with the reason.
 bool start(Worker& w, std::string& why)
 {
@@ -92,7 +105,7 @@ bool start(Worker& w, std::string& why)
     // What this process has printed must not reach the worker's buffers twice.
     std::fflush(stdout);
     std::fflush(stderr);
-    const int rc = ::posix_spawn(&w.pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    const int rc = ::posix_spawn(&w.pid, program().c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0)
     {
