@@ -17,8 +17,12 @@
 #include <meridbsp/portals/mrBSPPortal.h>
 #include <meridbsp/portals/mrBSPPortalizer.h>
 #include <meridbsp/portals/mrLeakFinder.h>
+#include <meridbsp/portals/mrPortalCutter.h>
 #include <meridbsp/solid/mrBSPTree.h>
+#include <meridbsp/solid/mrSolidBSP.h>
+#include <meridbsp/surfaces/mrBSPSurfaceBuilder.h>
 
+#include "BenchMesh.h"
 #include "support/TestSupport.h"
 
 namespace
@@ -302,6 +306,90 @@ TEST(NodePortals, ClippedAwayNodePortalCountsAsDegenerate)
     EXPECT_TRUE(portalsOf(front).empty());
     EXPECT_EQ(portalsOf(back).size(), 6u);
     pz.releasePortals(head);
+}
+
+// Every list of a portalized tree, the outside node's last, in order: for each portal the
+// other node (by its place in the front-first walk), its plane's numbers and its winding.
+std::string listsOf(mrBSPNode* head, mrBSPNode* outside)
+{
+    std::vector<mrBSPNode*> nodes, stack(1, head);
+    while (!stack.empty())
+    {
+        mrBSPNode* n = stack.back();
+        stack.pop_back();
+        nodes.push_back(n);
+        if (n->m_plane)
+            stack.insert(stack.end(), {n->m_children[1], n->m_children[0]});
+    }
+    nodes.push_back(outside);
+    std::string out;
+    for (mrBSPNode* n : nodes)
+    {
+        for (mrBSPPortal* p : portalsOf(n))
+        {
+            const mrBSPNode* other = p->m_nodes[p->m_nodes[0] == n ? 1 : 0];
+            out += std::to_string(std::find(nodes.begin(), nodes.end(), other) - nodes.begin()) + " ";
+            for (float v : {p->m_plane->m_normal.x, p->m_plane->m_normal.y, p->m_plane->m_normal.z, p->m_plane->m_dist})
+                out += std::to_string(v) + " ";
+            for (const V& v : pointsOf(p->m_winding))
+            {
+                char text[128];
+                std::snprintf(text, sizeof text, "(%a %a %a)", v.x, v.y, v.z);
+                out += text;
+            }
+            out += "\n";
+        }
+        out += "--\n";
+    }
+    return out;
+}
+
+TEST(PortalCutter, ChainsGiveTheWalksPortalsListsAndCount)
+{
+    // Curved meshes make chains. The cutter, made to take even these small trees and to
+    // keep chains from a few portals on, must leave every list as the walk does.
+    mrPortalCutter::Settings eager;
+    eager.minDepth = 0;
+    eager.minChainShare = 0.0;
+    eager.chainStart = 8;
+    std::unique_ptr<BenchMesh> meshes[] = {std::unique_ptr<BenchMesh>(BenchMesh::blob("blob", 6, 7)),
+                                           std::unique_ptr<BenchMesh>(BenchMesh::sphere("sphere", 16, 12, 300.0f)),
+                                           std::unique_ptr<BenchMesh>(BenchMesh::knot("knot", 6, 30))};
+    for (const auto& mesh : meshes)
+        for (int midSplit = 0; midSplit < 2; ++midSplit)
+        {
+            SCOPED_TRACE(mesh->name() + (midSplit ? " mid-split" : ""));
+            std::string lists[2];
+            int32_t degenerate[2] = {0, 0};
+            for (int cutter = 0; cutter < 2; ++cutter)
+            {
+                mrBSPSurfaceBuilder builder;
+                mrBSPSurface* surfaces = builder.buildSurfaces(mesh->mesh());
+                for (mrBSPSurface* s = surfaces; s; s = s->m_next)
+                    s->calcBounds();
+                mrSolidBSP bsp;
+                mrBSPNode* head = bsp.generate(surfaces, midSplit);
+                head->m_mins = mesh->mins();
+                head->m_maxs = mesh->maxs();
+                mrBSPPortalizer pz;
+                mtest::LogCapture log;
+                pz.makeHeadnodePortals(head);
+                if (cutter)
+                    EXPECT_TRUE(mrPortalCutter::cut(head, degenerate[1], eager));
+                else
+                {
+                    EXPECT_FALSE(mrPortalCutter::cut(head, degenerate[0])); // too small a tree
+                    pz.cutNodePortals_r(head);
+                    degenerate[0] = pz.m_num_degenerate;
+                }
+                lists[cutter] = listsOf(head, &pz.m_outsideNode);
+                pz.releasePortals(head);
+                mrBSPTree::release(head);
+                builder.releasePlanes();
+            }
+            EXPECT_EQ(degenerate[0], degenerate[1]);
+            EXPECT_TRUE(lists[0] == lists[1]);
+        }
 }
 
 TEST(PortalLinks, RemovingFromTheBackNodeClearsOnlyThatSlotAndBrokenListsAreReported)

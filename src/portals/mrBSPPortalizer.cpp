@@ -13,6 +13,7 @@
 #include <meridbsp/platform/geom/mrPlane.h>
 #include <meridbsp/platform/geom/mrWinding.h>
 #include <meridbsp/portals/mrBSPPortalizer.h>
+#include <meridbsp/portals/mrPortalCutter.h>
 
 int32_t mrBSPPortalizer::m_num_visleafs = 0;
 int32_t mrBSPPortalizer::m_num_visportals = 0;
@@ -236,6 +237,11 @@ struct mrBSPPortalizer::PortalEntry
 
 void mrBSPPortalizer::cutNodePortals_r(mrBSPNode* node)
 {
+    // Lists as portalize leaves them (the usual case) are cut by mrPortalCutter, which
+    // gives the same portals and lists without walking every list link by link.
+    if (mrPortalCutter::cut(node, m_num_degenerate))
+        return;
+
     // An explicit stack instead of recursion, so very deep trees are safe. The back child
     // is pushed below the front child: the front subtree is cut completely before the
     // back one, exactly as a depth-first walk would.
