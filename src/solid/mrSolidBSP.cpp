@@ -1,6 +1,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <unordered_map>
 #include <vector>
 
 #include <meridbsp/platform/core/mrProgress.h>
@@ -160,7 +164,9 @@ struct SurfaceFact
     int32_t lower, upper;
     int32_t flips;
     int32_t onNode;
-    int32_t fresh; // faces made by this node's cuts (while a node is divided)
+    int32_t fresh;    // faces made by this node's cuts (while a node is divided)
+    int32_t chainKey; // in a chain (mid-split): the surface's key
+    int32_t flipBase; // in a chain: the chain's cuts less the reversals owed
 };
 
 const int32_t UNKNOWN_CUTS = 0x3FFFFFFF;
@@ -194,6 +200,8 @@ SurfaceFact factOf(mrBSPSurface* s)
     f.flips = 0;
     f.onNode = s->m_onNode;
     f.fresh = 0;
+    f.chainKey = 0;
+    f.flipBase = 0;
     return f;
 }
 
@@ -673,6 +681,524 @@ mrBSPSurface* materialize(std::vector<SurfaceFact>& facts, const std::vector<uin
     }
     return head;
 }
+
+// ---- Chains (mid-split) ------------------------------------------------------------
+//
+// A closed curved mesh makes a chain: each node hands nearly all of its list on to one
+// child. Such a list is kept here across the nodes instead of being copied at each: every
+// surface has a fixed key (its place when the chain started, which the back half of a
+// divided surface takes over), and since each child list is the parent's reversed, a
+// node's list runs in increasing dir . key with dir changing sign at every node. The
+// choice, the list's bounds and the surfaces a plane may divide are found through sorted
+// sets and trees; only the surfaces that leave the chain or are divided are touched.
+
+// A chain starts at a mid-split node whose list has at least CHAIN_START surfaces and ends
+// when fewer than CHAIN_KEEP are left.
+const size_t CHAIN_START = 512;
+const size_t CHAIN_KEEP = 128;
+const uint32_t GONE = 0xFFFFFFFFu;
+
+// A box tree over the surfaces of a chain by key. Surfaces that leave stay as leaves until
+// the tree is rebuilt (their keys then hold GONE), and boxes are never narrowed: dividing
+// only shrinks a surface's bounds.
+class KeyBoxTree
+{
+public:
+    void build(const std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& slots)
+    {
+        m_nodes.clear();
+        m_root = -1;
+        std::vector<int32_t> leaves;
+        for (uint32_t key = 0; key < slots.size(); ++key)
+        {
+            if (slots[key] == GONE)
+                continue;
+            const SurfaceFact& f = facts[slots[key]];
+            Node n;
+            for (int k = 0; k < 3; ++k)
+            {
+                n.mins[k] = f.mins[k];
+                n.maxs[k] = f.maxs[k];
+            }
+            n.child[0] = n.child[1] = -1;
+            n.key = key;
+            leaves.push_back((int32_t)m_nodes.size());
+            m_nodes.push_back(n);
+        }
+        if (leaves.empty())
+            return;
+        struct Range
+        {
+            size_t begin, end;
+            int32_t parent;
+            int slot;
+        };
+        std::vector<Range> stack(1, Range{0, leaves.size(), -1, 0});
+        std::vector<int32_t> made;
+        auto centre = [this](int32_t n, int k)
+        { return 0.5f * m_nodes[(size_t)n].mins[k] + 0.5f * m_nodes[(size_t)n].maxs[k]; };
+        while (!stack.empty())
+        {
+            const Range r = stack.back();
+            stack.pop_back();
+            int32_t n;
+            if (r.end - r.begin == 1)
+                n = leaves[r.begin];
+            else
+            {
+                n = (int32_t)m_nodes.size();
+                m_nodes.push_back(Node());
+                made.push_back(n);
+                float lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+                for (size_t i = r.begin; i < r.end; ++i)
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        lo[k] = std::min(lo[k], centre(leaves[i], k));
+                        hi[k] = std::max(hi[k], centre(leaves[i], k));
+                    }
+                int axis = 0;
+                for (int k = 1; k < 3; ++k)
+                    if (hi[k] - lo[k] > hi[axis] - lo[axis])
+                        axis = k;
+                const size_t mid = r.begin + (r.end - r.begin) / 2;
+                std::nth_element(leaves.begin() + (long)r.begin, leaves.begin() + (long)mid,
+                                 leaves.begin() + (long)r.end,
+                                 [&](int32_t a, int32_t b) { return centre(a, axis) < centre(b, axis); });
+                stack.push_back({r.begin, mid, n, 0});
+                stack.push_back({mid, r.end, n, 1});
+            }
+            if (r.parent < 0)
+                m_root = n;
+            else
+                m_nodes[(size_t)r.parent].child[r.slot] = n;
+        }
+        for (size_t i = made.size(); i-- > 0;)
+        {
+            Node& n = m_nodes[(size_t)made[i]];
+            const Node& a = m_nodes[(size_t)n.child[0]];
+            const Node& b = m_nodes[(size_t)n.child[1]];
+            for (int k = 0; k < 3; ++k)
+            {
+                n.mins[k] = std::min(a.mins[k], b.mins[k]);
+                n.maxs[k] = std::max(a.maxs[k], b.maxs[k]);
+            }
+        }
+    }
+
+    // Calls visit(key) for every leaf whose box boundsSide does not put wholly on `side`.
+    template <class Visit> void notWhollyOn(const mrPlane* plane, mrPlane::e_side side, Visit visit)
+    {
+        if (m_root < 0)
+            return;
+        m_stack.assign(1, m_root);
+        while (!m_stack.empty())
+        {
+            const Node& n = m_nodes[(size_t)m_stack.back()];
+            m_stack.pop_back();
+            if (boundsSide(n.mins, n.maxs, plane) == side)
+                continue;
+            if (n.child[0] < 0)
+            {
+                visit(n.key);
+                continue;
+            }
+            m_stack.push_back(n.child[1]);
+            m_stack.push_back(n.child[0]);
+        }
+    }
+
+private:
+    struct Node
+    {
+        float mins[3], maxs[3];
+        int32_t child[2];
+        uint32_t key;
+    };
+    std::vector<Node> m_nodes;
+    std::vector<int32_t> m_stack;
+    int32_t m_root = -1;
+};
+
+// The three numbers of a normal as a key of exact equality (0 and -0 alike, as == has it).
+struct NormalKey
+{
+    uint32_t bits[3];
+    bool operator==(const NormalKey& o) const
+    {
+        return bits[0] == o.bits[0] && bits[1] == o.bits[1] && bits[2] == o.bits[2];
+    }
+};
+struct NormalKeyHash
+{
+    size_t operator()(const NormalKey& k) const
+    {
+        return (size_t)k.bits[0] * 0x9E3779B97F4A7C15ull ^ (size_t)k.bits[1] * 0xC2B2AE3D27D4EB4Full ^
+               (size_t)k.bits[2] * 0x165667B19E3779F9ull;
+    }
+};
+NormalKey normalKey(const float* n)
+{
+    NormalKey key;
+    for (int k = 0; k < 3; ++k)
+    {
+        const float v = n[k] == 0.0f ? 0.0f : n[k];
+        std::memcpy(&key.bits[k], &v, sizeof v);
+    }
+    return key;
+}
+
+class SurfaceChain
+{
+public:
+    // The list (fact numbers in list order) becomes the chain; its keys are the places.
+    void start(std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order)
+    {
+        m_slots = order;
+        m_dir = 1;
+        m_cuts = 0;
+        m_live = order.size();
+        m_gone = 0;
+        m_segSize = 1;
+        while (m_segSize < order.size())
+            m_segSize *= 2;
+        for (int k = 0; k < 3; ++k)
+        {
+            m_lo[k].assign(2 * m_segSize, INFINITY);
+            m_hi[k].assign(2 * m_segSize, -INFINITY);
+        }
+        for (uint32_t key = 0; key < order.size(); ++key)
+        {
+            SurfaceFact& f = facts[order[key]];
+            f.chainKey = key;
+            f.flipBase = -f.flips;
+            for (int k = 0; k < 3; ++k)
+            {
+                m_lo[k][m_segSize + key] = f.mins[k];
+                m_hi[k][m_segSize + key] = f.maxs[k];
+            }
+            if (!f.onNode)
+                addCandidate(f);
+            m_parallel[normalKey(f.normal)].push_back(key);
+        }
+        for (size_t i = m_segSize; i-- > 1;)
+            for (int k = 0; k < 3; ++k)
+            {
+                m_lo[k][i] = std::min(m_lo[k][2 * i], m_lo[k][2 * i + 1]);
+                m_hi[k][i] = std::max(m_hi[k][2 * i], m_hi[k][2 * i + 1]);
+            }
+        m_tree.build(facts, m_slots);
+    }
+
+    size_t live() const { return m_live; }
+    size_t candidates() const { return m_candidates.size(); }
+
+    // The list at the node to cut next, in order, every fact owing its reversals; the
+    // chain is then empty.
+    std::vector<uint32_t> takeOrder(std::vector<SurfaceFact>& facts)
+    {
+        std::vector<uint32_t> order;
+        order.reserve(m_live);
+        for (size_t i = 0; i < m_slots.size(); ++i)
+        {
+            const uint32_t id = m_slots[m_dir > 0 ? i : m_slots.size() - 1 - i];
+            if (id == GONE)
+                continue;
+            facts[id].flips = owed(facts[id]);
+            order.push_back(id);
+        }
+        return order;
+    }
+
+    // Cuts `node` (its list is the chain's) as partitionByFacts would at mid-split: the
+    // choice, the children and the division. The list of the child the chain does not go
+    // on to, and the chain's child, are returned.
+    void cut(mrSolidBSP& bsp, std::vector<SurfaceFact>& facts, std::vector<PointBox>& pointBoxes, mrBSPNode* node,
+             std::vector<uint32_t>& otherList, mrBSPNode** chainNode, mrBSPNode** otherNode)
+    {
+        srVector3T<float> mins(99999.0f, 99999.0f, 99999.0f);
+        srVector3T<float> maxs(-99999.0f, -99999.0f, -99999.0f);
+        for (int k = 0; k < 3; ++k)
+        {
+            if (m_lo[k][1] < mins[k])
+                mins[k] = m_lo[k][1];
+            if (m_hi[k][1] > maxs[k])
+                maxs[k] = m_hi[k][1];
+        }
+        const uint32_t splitKey = m_candidates.size() == 1 ? *m_candidates.begin() : choose(facts, mins, maxs);
+
+        ++bsp.m_numSplitNodes;
+        node->m_children[0] = new mrBSPNode;
+        node->m_children[1] = new mrBSPNode;
+        mrBSPSurface* splitter = facts[m_slots[splitKey]].surface;
+        mrPlane* plane = splitter->m_plane;
+        node->m_plane = plane;
+        bsp.divideNodeBounds(node, plane);
+
+        // The surfaces that may not go whole to the chain's side: those the plane's
+        // bounds test does not place there, and those parallel to the plane. The chain
+        // goes on the side it went last time unless most of it goes the other way.
+        const float normal[3] = {plane->m_normal.x, plane->m_normal.y, plane->m_normal.z};
+        const std::vector<uint32_t>* parallel = nullptr;
+        {
+            auto found = m_parallel.find(normalKey(normal));
+            if (found != m_parallel.end())
+                parallel = &found->second;
+        }
+        std::vector<uint32_t>& movers = m_movers;
+        auto gather = [&](bool keepBack)
+        {
+            movers.clear();
+            m_tree.notWhollyOn(plane, keepBack ? mrPlane::SIDE_BACK : mrPlane::SIDE_FRONT,
+                               [&](uint32_t key)
+                               {
+                                   if (m_slots[key] != GONE && !isParallel(facts[m_slots[key]], normal))
+                                       movers.push_back(key);
+                               });
+            if (parallel)
+                for (uint32_t key : *parallel)
+                    if (m_slots[key] != GONE)
+                        movers.push_back(key);
+        };
+        gather(m_keepBack);
+        if (movers.size() > m_live / 2)
+        {
+            m_keepBack = !m_keepBack;
+            gather(m_keepBack);
+        }
+        const int keep = m_keepBack ? 1 : 0;
+        const int dir = m_dir;
+        std::sort(movers.begin(), movers.end(),
+                  [dir](uint32_t a, uint32_t b) { return dir * (int64_t)a < dir * (int64_t)b; });
+
+        // Each mover as partitionByFacts handles it; the movers' order is the list's.
+        std::vector<uint32_t> leaving;
+        for (uint32_t key : movers)
+        {
+            const uint32_t id = m_slots[key];
+            SurfaceFact& f = facts[id];
+            f.flips = owed(f);
+            mrBSPSurface* p = f.surface;
+            int side;
+            if (isParallel(f, normal))
+            {
+                // dividePlane's parallel case: the faces are not touched.
+                side = f.dist > plane->m_dist ? 0 : 1;
+                if (f.dist == plane->m_dist)
+                {
+                    p->m_onNode = 1;
+                    if (!f.onNode)
+                        dropCandidate(f);
+                    f.onNode = 1;
+                    side = 0;
+                }
+            }
+            else
+            {
+                const mrPlane::e_side whole = boundsSide(f.mins, f.maxs, plane);
+                if (whole != mrPlane::SIDE_ON)
+                {
+                    ++f.flips;
+                    side = whole == mrPlane::SIDE_FRONT ? 0 : 1;
+                }
+                else
+                {
+                    if (f.flips & 1)
+                        reverseFaces(p);
+                    f.flips = 0;
+                    mrBSPSurface* parts[2] = {nullptr, nullptr};
+                    bsp.dividePlane(p, plane, &parts[0], &parts[1]);
+                    int32_t faces[2] = {0, 0};
+                    for (int s = 0; s < 2; ++s)
+                    {
+                        if (!parts[s])
+                            continue;
+                        if (!parts[s]->m_faces)
+                            srAssertFail("0", kSource, __LINE__, "surface with no faces");
+                        for (mrBSPFace* face = parts[s]->m_faces; face; face = face->m_next)
+                            ++faces[s];
+                    }
+                    if (parts[0] && parts[1])
+                    {
+                        // The back half is a new surface with a fact of its own.
+                        const uint32_t backId = (uint32_t)facts.size();
+                        const SurfaceFact copy = facts[id];
+                        facts.push_back(copy);
+                        pointBoxes.push_back(PointBox());
+                        const uint32_t ids[2] = {id, backId};
+                        for (int s = 0; s < 2; ++s)
+                        {
+                            SurfaceFact& part = facts[ids[s]];
+                            part.surface = parts[s];
+                            part.faces = faces[s];
+                            part.onNode = parts[s]->m_onNode;
+                            for (int k = 0; k < 3; ++k)
+                            {
+                                part.mins[k] = parts[s]->m_mins[k];
+                                part.maxs[k] = parts[s]->m_maxs[k];
+                            }
+                            pointBoxes[ids[s]] = PointBox::of(part);
+                        }
+                        // The half on the chain's side keeps the key.
+                        const uint32_t stays = ids[keep], goes = ids[1 - keep];
+                        m_slots[key] = stays;
+                        setBounds(key, &facts[stays]);
+                        facts[stays].flipBase = (int32_t)m_cuts + 1;
+                        leaving.push_back(goes);
+                        continue;
+                    }
+                    side = parts[0] ? 0 : 1;
+                }
+            }
+            if (side == keep)
+            {
+                // Still in the chain, owing what it owes now plus nothing for this cut
+                // (the chain adds one reversal to all at the end of each cut).
+                f.flipBase = (int32_t)m_cuts + 1 - f.flips;
+                continue;
+            }
+            leave(key, f);
+            leaving.push_back(id);
+        }
+        splitter->m_onNode = 1;
+
+        // The other child's list is the reverse of the order in which its surfaces left.
+        otherList.assign(leaving.rbegin(), leaving.rend());
+        *chainNode = node->m_children[keep];
+        *otherNode = node->m_children[1 - keep];
+        m_dir = -m_dir;
+        ++m_cuts;
+        if (m_gone > m_live + 1024)
+        {
+            m_tree.build(facts, m_slots);
+            m_gone = 0;
+        }
+    }
+
+private:
+    int32_t owed(const SurfaceFact& f) const { return (int32_t)m_cuts - f.flipBase; }
+
+    static bool isParallel(const SurfaceFact& f, const float* normal)
+    {
+        return f.normal[0] == normal[0] && f.normal[1] == normal[1] && f.normal[2] == normal[2];
+    }
+
+    void addCandidate(const SurfaceFact& f)
+    {
+        m_byAxis[f.axis].insert({f.v, (uint32_t)f.chainKey});
+        m_candidates.insert((uint32_t)f.chainKey);
+    }
+    void dropCandidate(const SurfaceFact& f)
+    {
+        m_byAxis[f.axis].erase({f.v, (uint32_t)f.chainKey});
+        m_candidates.erase((uint32_t)f.chainKey);
+    }
+
+    void leave(uint32_t key, const SurfaceFact& f)
+    {
+        if (!f.onNode)
+            dropCandidate(f);
+        m_slots[key] = GONE;
+        setBounds(key, nullptr);
+        --m_live;
+        ++m_gone;
+    }
+
+    void setBounds(uint32_t key, const SurfaceFact* f)
+    {
+        size_t i = m_segSize + key;
+        for (int k = 0; k < 3; ++k)
+        {
+            m_lo[k][i] = f ? f->mins[k] : INFINITY;
+            m_hi[k][i] = f ? f->maxs[k] : -INFINITY;
+        }
+        for (i /= 2; i >= 1; i /= 2)
+            for (int k = 0; k < 3; ++k)
+            {
+                m_lo[k][i] = std::min(m_lo[k][2 * i], m_lo[k][2 * i + 1]);
+                m_hi[k][i] = std::max(m_hi[k][2 * i], m_hi[k][2 * i + 1]);
+            }
+    }
+
+    // The mid-plane choice of the list walk. Its best score is a float: once a candidate
+    // whose score D is at most T (the smallest float at or above the lowest D) has been
+    // taken, only those with D at most T can follow, and none before it can hold it off;
+    // so the walk over just those, in list order, makes the choice. A candidate's D grows
+    // with the distance of its plane's coordinate from the middle of the box along its
+    // axis, so they are found by walking out from the middle in each axis's set.
+    uint32_t choose(const std::vector<SurfaceFact>& facts, const srVector3T<float>& mins, const srVector3T<float>& maxs)
+    {
+        double lowest = INFINITY, limit = INFINITY;
+        m_scored.clear();
+        for (int a = 0; a < 3; ++a)
+        {
+            const std::set<std::pair<double, uint32_t>>& set = m_byAxis[a];
+            if (set.empty())
+                continue;
+            const double lo = mins[a], hi = maxs[a];
+            const double middle = 0.5 * (lo + hi);
+            // D = 2 (v - middle)^2 + this, exactly; computed, within far less than the margin.
+            double rest = 0.5 * (hi - lo) * (hi - lo);
+            for (int k = 0; k < 3; ++k)
+                if (k != a)
+                {
+                    const double e = (double)maxs[k] - (double)mins[k];
+                    rest += 2.0 * e * e;
+                }
+            auto up = set.lower_bound({middle, 0});
+            auto down = up;
+            for (;;)
+            {
+                const bool hasUp = up != set.end(), hasDown = down != set.begin();
+                if (!hasUp && !hasDown)
+                    break;
+                std::set<std::pair<double, uint32_t>>::const_iterator at;
+                if (hasUp && (!hasDown || up->first - middle <= middle - std::prev(down)->first))
+                    at = up++;
+                else
+                    at = --down;
+                const double off = std::fabs(at->first - middle);
+                const double least = (2.0 * off * off + rest) * (1.0 - 1e-9);
+                if (least > limit)
+                    break;
+                const double score = factScore(facts[m_slots[at->second]], mins, maxs);
+                m_scored.push_back({at->second, score});
+                if (score < lowest)
+                {
+                    lowest = score;
+                    limit = (double)floatAtOrAbove(lowest);
+                }
+            }
+        }
+        if (!(lowest <= 402653184.0))
+            return m_dir > 0 ? *m_candidates.begin() : *m_candidates.rbegin();
+        std::sort(m_scored.begin(), m_scored.end(),
+                  [this](const std::pair<uint32_t, double>& a, const std::pair<uint32_t, double>& b)
+                  { return m_dir * (int64_t)a.first < m_dir * (int64_t)b.first; });
+        uint32_t best = GONE;
+        float bestScore = 0.0f;
+        for (const auto& s : m_scored)
+            if (s.second <= limit && (best == GONE || s.second <= (double)bestScore))
+            {
+                best = s.first;
+                bestScore = (float)s.second;
+            }
+        return best;
+    }
+
+    std::vector<uint32_t> m_slots; // fact by key; GONE once it left
+    int m_dir = 1;                 // the list runs in increasing m_dir . key
+    bool m_keepBack = true;        // the chain went to the back child at the last cut
+    uint32_t m_cuts = 0;           // each owes a reversal to the faces of every surface kept
+    size_t m_live = 0, m_gone = 0;
+    std::set<std::pair<double, uint32_t>> m_byAxis[3];                              // unmarked: (plane coordinate, key)
+    std::set<uint32_t> m_candidates;                                                // keys of the unmarked
+    std::unordered_map<NormalKey, std::vector<uint32_t>, NormalKeyHash> m_parallel; // keys by normal
+    size_t m_segSize = 1;
+    std::vector<float> m_lo[3], m_hi[3]; // the bounds, by key, in a tree of minima and maxima
+    KeyBoxTree m_tree;
+    std::vector<uint32_t> m_movers;
+    std::vector<std::pair<uint32_t, double>> m_scored;
+};
 
 // True when every plane of the list has finite numbers: then every plane has a dominant
 // axis and lies on itself, which the generation by facts relies on.
@@ -1216,9 +1742,10 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
     {
         std::vector<uint32_t> list;
         mrBSPNode* node;
+        std::unique_ptr<SurfaceChain> chain; // set: the list is this chain's
     };
     std::vector<Work> stack;
-    stack.push_back({{}, head});
+    stack.push_back({{}, head, nullptr});
     for (mrBSPSurface* s = list; s; s = s->m_next)
     {
         stack.back().list.push_back((uint32_t)facts.size());
@@ -1242,6 +1769,40 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         stack.pop_back();
         std::vector<uint32_t>& order = work.list;
         mrBSPNode* node = work.node;
+
+        // Mid-split on a long list: kept as a chain for as long as one child takes most
+        // of it (see SurfaceChain); the chain's list comes back as an array once it is
+        // short or the node is a leaf.
+        if (m_midSplit && !work.chain && order.size() >= CHAIN_START)
+        {
+            work.chain.reset(new SurfaceChain);
+            work.chain->start(facts, order);
+        }
+        if (work.chain && (work.chain->live() < CHAIN_KEEP || work.chain->candidates() == 0))
+        {
+            order = work.chain->takeOrder(facts);
+            work.chain.reset();
+        }
+        if (work.chain)
+        {
+            std::vector<uint32_t> otherList;
+            mrBSPNode *chainNode = nullptr, *otherNode = nullptr;
+            work.chain->cut(*this, facts, pointBoxes, node, otherList, &chainNode, &otherNode);
+            // The back child's work goes below the front child's.
+            Work chained{{}, chainNode, std::move(work.chain)};
+            Work other{std::move(otherList), otherNode, nullptr};
+            if (chainNode == node->m_children[1])
+            {
+                stack.push_back(std::move(chained));
+                stack.push_back(std::move(other));
+            }
+            else
+            {
+                stack.push_back(std::move(other));
+                stack.push_back(std::move(chained));
+            }
+            continue;
+        }
 
         // selectPartition on the facts.
         int candidates = 0, last = -1;
@@ -1529,7 +2090,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                     f.upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, f.upper + made);
             }
         }
-        stack.push_back({std::move(order), node->m_children[1]});
-        stack.push_back({front, node->m_children[0]});
+        stack.push_back({std::move(order), node->m_children[1], nullptr});
+        stack.push_back({front, node->m_children[0], nullptr});
     }
 }
