@@ -450,14 +450,40 @@ TEST(PortalFile, WriteFloatRules)
         {12.5f, "12.500000 "}, {-2.5f, "-2.500000 "}, {-7.0004f, "-7 "},
         {1.002f, "1.002000 "}, {65536.0f, "65536 "},  {3e9f, "3000000000.000000 "}, // beyond a 32-bit integer
     };
-    for (const auto& c : cases)
+    auto written = [](float value)
     {
         FILE* f = tmpfile();
-        mrBSPPortalizer::writeFloat(f, c.first);
+        mrBSPPortalizer::writeFloat(f, value);
         rewind(f);
         char buf[64] = {0};
-        EXPECT_EQ(std::string(buf, fread(buf, 1, sizeof buf - 1, f)), c.second) << c.first;
+        std::string text(buf, fread(buf, 1, sizeof buf - 1, f));
         fclose(f);
+        return text;
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(written(c.first), c.second) << c.first;
+
+    // Decimals as printf gives them (ties to even, on the exact value): halves of the
+    // sixth decimal (multiples of 1/128), and values of every size and sign.
+    std::vector<float> values;
+    for (int k = -300; k <= 300; ++k)
+        values.push_back((float)k / 128.0f + 0.25f);
+    uint32_t seed = 12345;
+    for (int i = 0; i < 4000; ++i)
+    {
+        seed = seed * 1664525u + 1013904223u;
+        const float unit = (float)(seed >> 8) / 16777216.0f - 0.5f;
+        values.push_back(std::ldexp(unit, (int)(seed % 48) - 24));
+    }
+    for (float v : values)
+    {
+        const double r = std::floor((double)v + 0.5);
+        char expected[512];
+        if (std::fabs((double)v - r) < (double)0.001f)
+            std::snprintf(expected, sizeof expected, "%i ", (int)r);
+        else
+            std::snprintf(expected, sizeof expected, "%f ", (double)v);
+        ASSERT_EQ(written(v), expected) << v;
     }
 }
 

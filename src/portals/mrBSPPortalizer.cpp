@@ -67,6 +67,59 @@ int sideOf(const mrBSPPortal* p, const mrBSPNode* node)
     return -1;
 }
 
+// Appends the decimal digits of n.
+void appendDigits(std::string& out, uint64_t n)
+{
+    char digits[24];
+    int count = 0;
+    do
+    {
+        digits[count++] = (char)('0' + n % 10);
+        n /= 10;
+    } while (n);
+    while (count)
+        out += digits[--count];
+}
+
+// printf's "%f" of a float's value: six decimals, rounded to nearest (ties to even) from
+// the exact binary value, a minus sign on every negative value. Done here in integers, as
+// printf's own long arithmetic is most of the time of writing a large portal file; false
+// for values it leaves to printf (above 2^30 in magnitude).
+bool appendSixDecimals(std::string& out, float value)
+{
+    const double v = value;
+    if (!(std::fabs(v) < 1073741824.0))
+        return false;
+    // v = m 2^e exactly, m an integer of at most 24 bits.
+    int e = 0;
+    const double fraction = std::frexp(std::fabs(v), &e);
+    const uint64_t m = (uint64_t)std::ldexp(fraction, 24);
+    e -= 24;
+    // q = v 10^6 rounded: m 10^6 < 2^44, so it and every shift below fit in 64 bits.
+    const uint64_t scaled = m * 1000000u;
+    uint64_t q;
+    if (e >= 0)
+        q = scaled << e;
+    else if (-e >= 46)
+        q = 0; // below half a millionth
+    else
+    {
+        const int shift = -e;
+        q = scaled >> shift;
+        const uint64_t rest = scaled & ((uint64_t(1) << shift) - 1), half = uint64_t(1) << (shift - 1);
+        if (rest > half || (rest == half && (q & 1)))
+            ++q;
+    }
+    if (std::signbit(v))
+        out += '-';
+    appendDigits(out, q / 1000000u);
+    out += '.';
+    const uint64_t decimals = q % 1000000u;
+    for (uint64_t unit = 100000u; unit; unit /= 10)
+        out += (char)('0' + decimals / unit % 10);
+    return true;
+}
+
 // One number of the portal file and its blank. A value within 0.001 of a whole number is
 // written as that number. Reproducibility promise: rounding in double, against the
 // single-precision 0.001.
@@ -78,9 +131,19 @@ void appendFloat(std::string& out, float value)
     int n;
     // The range check keeps the conversion defined; such values are written in full.
     if (std::fabs(v - r) < (double)0.001f && r >= -2147483648.0 && r <= 2147483647.0)
-        n = std::snprintf(text, sizeof(text), "%i ", (int)r);
-    else
-        n = std::snprintf(text, sizeof(text), "%f ", v);
+    {
+        if (r < 0)
+            out += '-';
+        appendDigits(out, (uint64_t)std::fabs(r));
+        out += ' ';
+        return;
+    }
+    if (appendSixDecimals(out, value))
+    {
+        out += ' ';
+        return;
+    }
+    n = std::snprintf(text, sizeof(text), "%f ", v);
     if (n > 0)
         out.append(text, (size_t)std::min(n, (int)sizeof(text) - 1));
 }
@@ -551,6 +614,9 @@ bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
     std::sort(portals.begin(), portals.end());
     portals.erase(std::unique(portals.begin(), portals.end()), portals.end());
     auto doomed = [&portals](const mrBSPPortal* p) { return std::binary_search(portals.begin(), portals.end(), p); };
+    // Every portal on a list of the subtree is doomed; only lists outside it are filtered.
+    std::sort(nodes.begin(), nodes.end());
+    auto inside = [&nodes](const mrBSPNode* n) { return std::binary_search(nodes.begin(), nodes.end(), n); };
 
     // Every node a doomed portal is linked to, and how many doomed portals it must hold.
     std::vector<mrBSPNode*> touched;
@@ -570,23 +636,31 @@ bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
         }
         ++expected.back();
     }
+    std::vector<char> within(ends.size());
     for (size_t i = 0; i < ends.size(); ++i)
     {
+        within[i] = inside(ends[i]);
         size_t found = 0;
         for (mrBSPPortal* p = ends[i]->m_portals; p;)
         {
             int side = sideOf(p, ends[i]);
             if (side < 0)
                 return false;
-            found += doomed(p);
+            found += within[i] || doomed(p);
             p = p->m_next[side];
         }
         if (found != expected[i])
             return false;
     }
 
-    for (mrBSPNode* n : ends)
+    for (size_t i = 0; i < ends.size(); ++i)
     {
+        mrBSPNode* n = ends[i];
+        if (within[i])
+        {
+            n->m_portals = nullptr;
+            continue;
+        }
         mrBSPPortal** link = &n->m_portals;
         while (mrBSPPortal* p = *link)
         {

@@ -24,8 +24,8 @@ const size_t CHAIN_KEEP = 64;
 // Clipping in a chain looks the planes near the polygon up once this many portals have
 // been walked, if they number at most 1 / LOOK_SHARE of those, and again each time the
 // walk has doubled.
-const size_t LOOK_FIRST = 256;
-const size_t LOOK_SHARE = 4;
+const size_t LOOK_FIRST = 1024;
+const size_t LOOK_SHARE = 2;
 
 // When a portal was last linked: the number of the cut that linked it (cuts are numbered
 // in the walk's order, 0 for links made before the walk) and its rank within the cut.
