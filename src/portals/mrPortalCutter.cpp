@@ -5,6 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/geom/mrPlane.h>
 #include <meridbsp/platform/geom/mrWinding.h>
 #include <meridbsp/portals/mrBSPPortal.h>
@@ -938,6 +939,7 @@ int32_t Cutter::run()
         if (!split(x))
             continue;
         ++cut;
+        mrProgress::step();
         if (!m_chains.empty() && chain().owner == x && chain().live < CHAIN_KEEP)
             endChain(x);
         if (!m_chains.empty() && chain().owner == x)
