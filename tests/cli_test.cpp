@@ -1418,7 +1418,7 @@ TEST_F(CliTest, BatchRecipesWithGnuParallelRunAsWritten)
     mtest::writeFile(dir.file("levels/room.obj"), ROOM_OBJ);
     mtest::writeFile(dir.file("levels/empty.obj"), "");
     // ssh [OPTIONS] HOST [--] COMMAND: the command, run here in `remote` (parallel keeps its
-    // own files under HOME, the test's directory).
+    // own files under HOME, the test's directory; CI runs without SHELL, which parallel needs).
     mtest::writeFile(dir.file("ssh"),
                      "#!/bin/bash\n"
                      "while [ $# -gt 0 ]; do case \"$1\" in -o|-l|-p) shift 2;; -*) shift;; *) break;; "
@@ -1429,7 +1429,7 @@ TEST_F(CliTest, BatchRecipesWithGnuParallelRunAsWritten)
     const std::vector<Example> examples = consoleExamples(mtest::readFile(MERIDBSP_SOURCE_DIR "/docs/batch.md"));
     ASSERT_GE(examples.size(), 3u);
     expectExamples(dir.path(), examples,
-                   "export HOME='" + dir.path() + "' PARALLEL_SSH='" + dir.file("ssh") + "' REMOTE='" +
+                   "export SHELL=/bin/sh HOME='" + dir.path() + "' PARALLEL_SSH='" + dir.file("ssh") + "' REMOTE='" +
                        dir.file("remote") + "'\n");
     ASSERT_EQ(run("clip levels/level.obj -o level.mrc").code, 0);
     EXPECT_EQ(file("clips/level.mrc"), file("level.mrc"));
