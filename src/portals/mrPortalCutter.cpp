@@ -5,6 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <meridbsp/geometry/mrMedianTree.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/geom/mrPlane.h>
 #include <meridbsp/platform/geom/mrWinding.h>
@@ -191,52 +192,22 @@ public:
         m_built = leaves.size();
         if (leaves.empty())
             return;
-        struct Range
-        {
-            size_t begin, end;
-            int32_t parent;
-            int slot;
-        };
-        std::vector<Range> stack;
-        std::vector<int32_t> made;
-        stack.push_back({0, leaves.size(), -1, 0});
-        while (!stack.empty())
-        {
-            const Range r = stack.back();
-            stack.pop_back();
-            int32_t n;
-            if (r.end - r.begin == 1)
-                n = leaves[r.begin];
-            else
+        const std::vector<int32_t> made = mrBuildMedianTree(
+            leaves, [this](int32_t leaf, int k) { return centre(leaf, k); },
+            [this]()
             {
-                n = alloc();
+                const int32_t n = alloc();
                 m_nodes[(size_t)n].child[0] = m_nodes[(size_t)n].child[1] = -1;
-                made.push_back(n);
-                float lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
-                for (size_t i = r.begin; i < r.end; ++i)
-                    for (int k = 0; k < 3; ++k)
-                    {
-                        const float c = centre(leaves[i], k);
-                        lo[k] = std::min(lo[k], c);
-                        hi[k] = std::max(hi[k], c);
-                    }
-                int axis = 0;
-                for (int k = 1; k < 3; ++k)
-                    if (hi[k] - lo[k] > hi[axis] - lo[axis])
-                        axis = k;
-                const size_t mid = r.begin + (r.end - r.begin) / 2;
-                std::nth_element(leaves.begin() + (long)r.begin, leaves.begin() + (long)mid,
-                                 leaves.begin() + (long)r.end,
-                                 [&](int32_t a, int32_t b) { return centre(a, axis) < centre(b, axis); });
-                stack.push_back({r.begin, mid, n, 0});
-                stack.push_back({mid, r.end, n, 1});
-            }
-            m_nodes[(size_t)n].parent = r.parent;
-            if (r.parent < 0)
-                m_root = n;
-            else
-                m_nodes[(size_t)r.parent].child[r.slot] = n;
-        }
+                return n;
+            },
+            [this](int32_t n, int32_t parent, int slot)
+            {
+                m_nodes[(size_t)n].parent = parent;
+                if (parent < 0)
+                    m_root = n;
+                else
+                    m_nodes[(size_t)parent].child[slot] = n;
+            });
         // Parents were made before their children: bound them in reverse.
         for (size_t i = made.size(); i-- > 0;)
             bound(made[i]);

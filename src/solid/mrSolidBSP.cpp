@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <meridbsp/geometry/mrMedianTree.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/solid/mrSolidBSP.h>
@@ -725,53 +726,21 @@ public:
             leaves.push_back((int32_t)m_nodes.size());
             m_nodes.push_back(n);
         }
-        if (leaves.empty())
-            return;
-        struct Range
-        {
-            size_t begin, end;
-            int32_t parent;
-            int slot;
-        };
-        std::vector<Range> stack(1, Range{0, leaves.size(), -1, 0});
-        std::vector<int32_t> made;
-        auto centre = [this](int32_t n, int k)
-        { return 0.5f * m_nodes[(size_t)n].mins[k] + 0.5f * m_nodes[(size_t)n].maxs[k]; };
-        while (!stack.empty())
-        {
-            const Range r = stack.back();
-            stack.pop_back();
-            int32_t n;
-            if (r.end - r.begin == 1)
-                n = leaves[r.begin];
-            else
+        const std::vector<int32_t> made = mrBuildMedianTree(
+            leaves,
+            [this](int32_t n, int k) { return 0.5f * m_nodes[(size_t)n].mins[k] + 0.5f * m_nodes[(size_t)n].maxs[k]; },
+            [this]()
             {
-                n = (int32_t)m_nodes.size();
                 m_nodes.push_back(Node());
-                made.push_back(n);
-                float lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
-                for (size_t i = r.begin; i < r.end; ++i)
-                    for (int k = 0; k < 3; ++k)
-                    {
-                        lo[k] = std::min(lo[k], centre(leaves[i], k));
-                        hi[k] = std::max(hi[k], centre(leaves[i], k));
-                    }
-                int axis = 0;
-                for (int k = 1; k < 3; ++k)
-                    if (hi[k] - lo[k] > hi[axis] - lo[axis])
-                        axis = k;
-                const size_t mid = r.begin + (r.end - r.begin) / 2;
-                std::nth_element(leaves.begin() + (long)r.begin, leaves.begin() + (long)mid,
-                                 leaves.begin() + (long)r.end,
-                                 [&](int32_t a, int32_t b) { return centre(a, axis) < centre(b, axis); });
-                stack.push_back({r.begin, mid, n, 0});
-                stack.push_back({mid, r.end, n, 1});
-            }
-            if (r.parent < 0)
-                m_root = n;
-            else
-                m_nodes[(size_t)r.parent].child[r.slot] = n;
-        }
+                return (int32_t)m_nodes.size() - 1;
+            },
+            [this](int32_t n, int32_t parent, int slot)
+            {
+                if (parent < 0)
+                    m_root = n;
+                else
+                    m_nodes[(size_t)parent].child[slot] = n;
+            });
         for (size_t i = made.size(); i-- > 0;)
         {
             Node& n = m_nodes[(size_t)made[i]];
