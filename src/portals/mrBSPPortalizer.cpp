@@ -178,29 +178,6 @@ bool windingBox(const mrWinding* w, float* mins, float* maxs)
     return true;
 }
 
-// Bounds on the distances of a box's points from a plane, as clip and divide compute
-// them, widened by far more than their rounding: false when the box is too far out for
-// the margin to mean anything.
-bool distanceRange(const float* mins, const float* maxs, const float* plane, double& lo, double& hi)
-{
-    lo = hi = 0.0;
-    double size = std::fabs((double)plane[3]);
-    for (int k = 0; k < 3; ++k)
-    {
-        // Each product of a float normal and a float coordinate is exact in double.
-        double a = (double)plane[k] * mins[k], b = (double)plane[k] * maxs[k];
-        lo += a < b ? a : b;
-        hi += a < b ? b : a;
-        size += std::max(std::fabs(a), std::fabs(b));
-    }
-    const double slack = size * 1e-12;
-    if (!(slack < 1e-3))
-        return false;
-    lo -= (double)plane[3] + slack;
-    hi -= (double)plane[3] - slack;
-    return true;
-}
-
 bool sameContents(const mrBSPPortal* p)
 {
     return p->m_nodes[0] && p->m_nodes[1] && p->m_nodes[0]->m_contents == p->m_nodes[1]->m_contents;
@@ -402,7 +379,7 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
             for (float& v : numbers)
                 v = -v;
         double lo, hi;
-        if (wboxed && distanceRange(wmins, wmaxs, numbers, lo, hi) && lo > -WINDING_EPSILON)
+        if (wboxed && mrPortalCutter::distanceRange(wmins, wmaxs, numbers, lo, hi) && lo > -WINDING_EPSILON)
             continue;
         mrPlane plane(numbers[0], numbers[1], numbers[2], numbers[3]);
         mrWinding* clipped = mrWinding::clip(w, &plane, 1);

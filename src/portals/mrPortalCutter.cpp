@@ -80,27 +80,9 @@ Box windingBox(const mrWinding* w)
     return b;
 }
 
-// Bounds on the distances of a box's points from a plane (normal and distance), as clip
-// and divide compute them, widened by far more than their rounding: false when the box
-// is too large or too far out for the margin to mean anything.
 bool distanceRange(const Box& box, const float* plane, double& lo, double& hi)
 {
-    lo = hi = 0.0;
-    double size = std::fabs((double)plane[3]);
-    for (int k = 0; k < 3; ++k)
-    {
-        // Each product of a float normal and a float coordinate is exact in double.
-        double a = (double)plane[k] * box.mins[k], b = (double)plane[k] * box.maxs[k];
-        lo += a < b ? a : b;
-        hi += a < b ? b : a;
-        size += std::max(std::fabs(a), std::fabs(b));
-    }
-    const double slack = size * 1e-12;
-    if (!(slack < 1e-3))
-        return false;
-    lo -= (double)plane[3] + slack;
-    hi -= (double)plane[3] - slack;
-    return true;
+    return mrPortalCutter::distanceRange(box.mins, box.maxs, plane, lo, hi);
 }
 
 void planeNumbers(const mrPlane* plane, int side, float* numbers)
@@ -1403,3 +1385,23 @@ bool mrPortalCutter::cut(mrBSPNode* node, int32_t& degenerate, const Settings& s
 }
 
 bool mrPortalCutter::cut(mrBSPNode* node, int32_t& degenerate) { return cut(node, degenerate, Settings()); }
+
+bool mrPortalCutter::distanceRange(const float* mins, const float* maxs, const float* plane, double& lo, double& hi)
+{
+    lo = hi = 0.0;
+    double size = std::fabs((double)plane[3]);
+    for (int k = 0; k < 3; ++k)
+    {
+        // Each product of a float normal and a float coordinate is exact in double.
+        double a = (double)plane[k] * mins[k], b = (double)plane[k] * maxs[k];
+        lo += a < b ? a : b;
+        hi += a < b ? b : a;
+        size += std::max(std::fabs(a), std::fabs(b));
+    }
+    const double slack = size * 1e-12;
+    if (!(slack < 1e-3))
+        return false;
+    lo -= (double)plane[3] + slack;
+    hi -= (double)plane[3] - slack;
+    return true;
+}

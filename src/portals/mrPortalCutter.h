@@ -38,4 +38,9 @@ public:
     // otherwise. degenerate: node portals clipped away, added to.
     static bool cut(mrBSPNode* node, int32_t& degenerate, const Settings& settings);
     static bool cut(mrBSPNode* node, int32_t& degenerate);
+
+    // Bounds on the distances of a box's points from a plane (normal and distance), as
+    // clip and divide compute them, widened by far more than their rounding: false when
+    // the box is too large or too far out for the margin to mean anything.
+    static bool distanceRange(const float* mins, const float* maxs, const float* plane, double& lo, double& hi);
 };

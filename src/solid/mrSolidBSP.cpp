@@ -38,9 +38,8 @@ int dominantAxis(const mrPlane* plane)
 // Box score of a candidate plane: the summed squared diagonals of the two boxes made
 // by cutting the list's box across the plane's dominant axis. v and the sum are in
 // double, summed in this exact order (part of the reproducibility promise).
-double scoreOnAxis(const mrPlane* plane, int axis, const srVector3T<float>& mins, const srVector3T<float>& maxs)
+double scoreAt(double v, int axis, const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
-    double v = (double)plane->m_normal[axis] * (double)plane->m_dist;
     double lo = v - (double)mins[axis];
     double hi = (double)maxs[axis] - v;
     double score = lo * lo + hi * hi;
@@ -52,6 +51,11 @@ double scoreOnAxis(const mrPlane* plane, int axis, const srVector3T<float>& mins
         score = score + 2.0 * (e * e);
     }
     return score;
+}
+
+double scoreOnAxis(const mrPlane* plane, int axis, const srVector3T<float>& mins, const srVector3T<float>& maxs)
+{
+    return scoreAt((double)plane->m_normal[axis] * (double)plane->m_dist, axis, mins, maxs);
 }
 
 double boxScore(const mrPlane* plane, const srVector3T<float>& mins, const srVector3T<float>& maxs,
@@ -209,18 +213,7 @@ SurfaceFact factOf(mrBSPSurface* s)
 // The box score of a fact's plane, exactly as scoreOnAxis computes it.
 double factScore(const SurfaceFact& f, const srVector3T<float>& mins, const srVector3T<float>& maxs)
 {
-    const int a = f.axis;
-    double lo = f.v - (double)mins[a];
-    double hi = (double)maxs[a] - f.v;
-    double score = lo * lo + hi * hi;
-    for (int k = 0; k < 3; ++k)
-    {
-        if (k == a)
-            continue;
-        double e = (double)maxs[k] - (double)mins[k];
-        score = score + 2.0 * (e * e);
-    }
-    return score;
+    return scoreAt(f.v, f.axis, mins, maxs);
 }
 
 // A box of points as faceSide sees them, in double.
