@@ -104,6 +104,25 @@ void indexPlanes(const mrPlane* planes, unsigned long count, PlaneIndex& index)
     }
 }
 
+// A clip BSP with room for numNodes nodes and a copy of the plane table, and the index of
+// its planes.
+mrClipBSP* newClipBSP(unsigned long numNodes, const mrPlane* planes, int numplanes, PlaneIndex& planeIndex)
+{
+    mrClipBSP* bsp = new mrClipBSP();
+    bsp->m_numnodes = (uint32_t)numNodes;
+    bsp->m_nodes = numNodes ? mrClipBSP::allocNodes(numNodes) : nullptr;
+    const unsigned long numPlanes = numplanes > 0 ? (unsigned long)numplanes : 0;
+    bsp->m_numplanes = (uint32_t)numPlanes;
+    bsp->m_planes = numPlanes ? mrClipBSP::allocPlanes(numPlanes) : nullptr;
+    for (unsigned long j = 0; j < numPlanes; ++j)
+    {
+        bsp->m_planes[j].m_normal = planes[j].m_normal;
+        bsp->m_planes[j].m_dist = planes[j].m_dist;
+    }
+    indexPlanes(planes, numPlanes, planeIndex);
+    return bsp;
+}
+
 // The index of a node's plane, or -1 when no plane equals it.
 int findPlane(const PlaneIndex& index, const srVector4T<float>& plane)
 {
@@ -1552,25 +1571,11 @@ mrClipBSP* mrClipBSPGen::convertToClipBSP()
 
 mrClipBSP* mrClipBSPGen::flatten()
 {
-    mrClipBSP* bsp = new mrClipBSP();
-
     const unsigned long numNodes = (unsigned long)m_nodes.size();
-    bsp->m_numnodes = (uint32_t)numNodes;
-    bsp->m_nodes = numNodes ? mrClipBSP::allocNodes(numNodes) : nullptr;
-
-    const unsigned long numPlanes = m_numplanes > 0 ? (unsigned long)m_numplanes : 0;
-    bsp->m_numplanes = (uint32_t)numPlanes;
-    bsp->m_planes = numPlanes ? mrClipBSP::allocPlanes(numPlanes) : nullptr;
-    for (unsigned long j = 0; j < numPlanes; ++j)
-    {
-        bsp->m_planes[j].m_normal = m_planes[j].m_normal;
-        bsp->m_planes[j].m_dist = m_planes[j].m_dist;
-    }
-
     // Same answers as comparing every node with every plane: the highest index among
     // the exactly equal planes, and each interior child's position in m_nodes.
     PlaneIndex planeIndex;
-    indexPlanes(m_planes, numPlanes, planeIndex);
+    mrClipBSP* bsp = newClipBSP(numNodes, m_planes, m_numplanes, planeIndex);
     std::unordered_map<const mrBSPGenNode*, int> nodeIndex;
     nodeIndex.reserve(numNodes);
     for (size_t i = m_nodes.size(); i-- > 0;)
@@ -1638,19 +1643,8 @@ mrClipBSP* mrClipBSPGen::flattenParallel()
         subtree[i] = (uint32_t)(next - i);
     }
 
-    mrClipBSP* bsp = new mrClipBSP();
-    bsp->m_numnodes = (uint32_t)n;
-    bsp->m_nodes = n ? mrClipBSP::allocNodes((unsigned long)n) : nullptr;
-    const unsigned long numPlanes = m_numplanes > 0 ? (unsigned long)m_numplanes : 0;
-    bsp->m_numplanes = (uint32_t)numPlanes;
-    bsp->m_planes = numPlanes ? mrClipBSP::allocPlanes(numPlanes) : nullptr;
-    for (unsigned long j = 0; j < numPlanes; ++j)
-    {
-        bsp->m_planes[j].m_normal = m_planes[j].m_normal;
-        bsp->m_planes[j].m_dist = m_planes[j].m_dist;
-    }
     PlaneIndex planeIndex;
-    indexPlanes(m_planes, numPlanes, planeIndex);
+    mrClipBSP* bsp = newClipBSP((unsigned long)n, m_planes, m_numplanes, planeIndex);
 
     std::vector<char> missing(n, 0);
     mrClipNode* out = bsp->m_nodes;
