@@ -5,6 +5,8 @@
 // Also: trees far deeper than any call stack could hold, through every stage.
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -285,7 +287,10 @@ TEST(CollisionPipeline, PinnedMeshesGiveTheSameTreeFileAndAnswers)
         EXPECT_TRUE(asserts.reports().empty());
 
         std::vector<unsigned char> bytes;
-        EXPECT_EQ(text(measure(pin.name, gen, *bsp, bytes)), text(pin));
+        const std::string got = text(measure(pin.name, gen, *bsp, bytes));
+        if (std::getenv("MERIDBSP_PRINT_PINS"))
+            std::printf("pin: %s\n", got.c_str());
+        EXPECT_EQ(got, text(pin));
         // What is read back answers exactly the same.
         ClipPtr loaded = mtest::loadClip(bytes);
         ASSERT_NE(loaded, nullptr);

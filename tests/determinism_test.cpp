@@ -46,16 +46,20 @@ void addAwkwardLevel(srMeshModel& mesh)
     mtest::addSphere(mesh, V(40, 44, 36), 10.0f, 2); // tilted planes that cut the walls' planes
 }
 
-void buildMesh(int which, srMeshModel& mesh)
+// The meshes of tests/data/vis_pins.txt: two rooms and a corridor, spheres of 128 and 512
+// triangles, a 3 x 3 grid level, the awkward level, else the benchmark's mesh of that name.
+void buildMesh(const std::string& name, srMeshModel& mesh)
 {
-    if (which == 0)
+    if (name == "twoRooms")
         mtest::addTwoRoomLevel(mesh);
-    else if (which == 1 || which == 4)
-        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, which == 1 ? 2 : 3);
-    else if (which == 2)
+    else if (name == "sphere2" || name == "sphere3")
+        mtest::addSphere(mesh, V(3, -2, 5), 100.0f, name == "sphere2" ? 2 : 3);
+    else if (name == "grid3")
         mtest::addGridLevel(mesh, 3, 3, 0x4D424350u);
-    else
+    else if (name == "awkward")
         addAwkwardLevel(mesh);
+    else if (std::unique_ptr<BenchMesh> bench{BenchMesh::generate(name)})
+        mesh = *bench->mesh();
 }
 
 // Every node of a tree with its depth (1 at the head), front subtree first, without
@@ -177,101 +181,29 @@ Outcome runPipeline(srMeshModel& mesh, int midSplit, bool bounds)
     return out;
 }
 
-struct Pinned
+// The pinned cases, one line each in tests/data/vis_pins.txt: the mesh's name, the mode
+// (normal or mid_split, with _nobounds when the surfaces keep their bounds as constructed),
+// a hash of the mesh itself (so a changed generator is told apart from changed results),
+// then the outcome as `row` writes it (tools/regen-goldens.sh rewrites the file).
+struct Pin
 {
-    const char* name;
-    int mesh;
-    int midSplit;
-    int bounds;
-    Outcome expect;
+    std::string mesh, mode, meshHash, expect;
 };
 
-// Meshes: 0 two rooms and a corridor, 1 and 4 spheres of 128 and 512 triangles, 2 a 3 x 3
-// grid level, 3 the two rooms with degenerate, coplanar and duplicate triangles.
-// clang-format off
-const Pinned kPinned[] = {
-    {"TwoRoomsNormal", 0, 0, 1,
-     {0x54a86776d1f92009ull, 0x19beb42df6c25d27ull, 0x5e39bf44ae612c0bull, 0x191c522f47fd5143ull,
-      {16, 40, 0, 14, 3, 40}, 11, 11, 3, 2, 20, 0, 0}},
-    {"TwoRoomsMidSplit", 0, 1, 1,
-     {0xc2b12d7d13b8f381ull, 0x19beb42df6c25d27ull, 0x16752ae8253a96fbull, 0xc1b9d54962f3efe3ull,
-      {16, 40, 0, 14, 3, 40}, 11, 11, 3, 2, 20, 0, 0}},
-    {"SphereNormal", 1, 0, 1,
-     {0xb0d180edeeba25ebull, 0xa277e54b6756fdd3ull, 0xbec4ddf491c08be4ull, 0x7936e76078adcd19ull,
-      {128, 128, 0, 1, 128, 128}, 128, 128, 128, 574, 224, 0, 0}},
-    {"SphereMidSplit", 4, 1, 1,
-     {0xcf799de2713ad7b1ull, 0x74474a957e41d18cull, 0xcc3301b1f44242fcull, 0xd28eb42bbfac3d8bull,
-      {512, 512, 0, 1, 512, 512}, 512, 512, 512, 2913, 763, 0, 0}},
-    {"GridLevelNormal", 2, 0, 1,
-     {0x529bdacc330256faull, 0x6a9a5326dc1efa87ull, 0xaa8149307f8303d4ull, 0x47390c843d1c2c8bull,
-      {171, 2408, 0, 130, 42, 2408}, 44, 44, 42, 56, 214, 0, 0}},
-    {"GridLevelMidSplit", 2, 1, 1,
-     {0x737d52dec121aa22ull, 0x6a9a5326dc1efa87ull, 0x81ee1e5e2482bd44ull, 0xda1992103706cdabull,
-      {171, 2408, 0, 130, 42, 2408}, 44, 44, 42, 56, 214, 0, 0}},
-    {"AwkwardNormal", 3, 0, 1,
-     {0x0712358658eebb51ull, 0x6782dad8b589741bull, 0x82ac88c0907bf8c8ull, 0x458c49760b0111bcull,
-      {149, 233, 0, 16, 134, 179}, 146, 146, 134, 612, 180, 1, 0}},
-    {"AwkwardMidSplit", 3, 1, 1,
-     {0xfed9ebd7a459c1d8ull, 0x6782dad8b589741bull, 0x21e652c80711ea30ull, 0x5810fdc1c3447727ull,
-      {172, 236, 0, 37, 136, 179}, 146, 146, 136, 736, 75, 2, 0}},
-    {"GridLevelNormalNoBounds", 2, 0, 0,
-     {0xed537305cee2c077ull, 0x6a9a5326dc1efa87ull, 0xaf3fe716cf241342ull, 0x2dbc3f2d3b254b93ull,
-      {170, 2408, 0, 124, 47, 2408}, 44, 44, 47, 73, 216, 0, 0}},
-    {"GridLevelMidSplitNoBounds", 2, 1, 0,
-     {0x3f0aba8bcfa373eeull, 0x6a9a5326dc1efa87ull, 0xa6f39f13e77f628eull, 0xd9a47d35550af2bdull,
-      {132, 2408, 0, 89, 44, 2408}, 44, 44, 44, 64, 213, 0, 0}},
-    {"AwkwardMidSplitNoBounds", 3, 1, 0,
-     {0x219237e27d830bb5ull, 0x6782dad8b589741bull, 0x170fe8fb4d9dd262ull, 0xddd6a8fca5fb8e17ull,
-      {165, 259, 0, 27, 139, 179}, 146, 146, 139, 624, 205, 0, 0}},
-};
-// clang-format on
+void PrintTo(const Pin& p, std::ostream* os) { *os << p.mesh << ' ' << p.mode; }
 
-class PinnedResults : public ::testing::TestWithParam<Pinned>
+std::vector<Pin> loadPins()
 {
-};
-
-TEST_P(PinnedResults, EveryResultMatchesItsConstant)
-{
-    const Pinned& p = GetParam();
-    srMeshModel mesh;
-    buildMesh(p.mesh, mesh);
-    const Outcome o = runPipeline(mesh, p.midSplit, p.bounds != 0);
-    if (std::getenv("MERIDBSP_PRINT_PINS"))
-        std::printf("    {\"%s\", %d, %d, %d,\n     %s},\n", p.name, p.mesh, p.midSplit, p.bounds, row(o).c_str());
-    EXPECT_EQ(row(o), row(p.expect));
-}
-
-INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, PinnedResults, ::testing::ValuesIn(kPinned),
-                         [](const ::testing::TestParamInfo<Pinned>& info) { return std::string(info.param.name); });
-
-// The benchmark's curved meshes (noise-displaced blobs, tubes along a torus knot) in both
-// modes, pinned in tests/data/vis_curved_pins.txt: one line per case with the mesh's name,
-// the mode, a hash of the mesh itself (so a changed generator is told apart from changed
-// results), then the outcome as `row` writes it.
-struct CurvedPin
-{
-    std::string mesh;
-    int midSplit;
-    std::string meshHash;
-    std::string expect;
-};
-
-void PrintTo(const CurvedPin& p, std::ostream* os) { *os << p.mesh << (p.midSplit ? " mid_split" : " normal"); }
-
-std::vector<CurvedPin> loadCurvedPins()
-{
-    std::vector<CurvedPin> pins;
-    std::istringstream in(mtest::readFile(MERIDBSP_SOURCE_DIR "/tests/data/vis_curved_pins.txt"));
+    std::vector<Pin> pins;
+    std::istringstream in(mtest::readFile(MERIDBSP_SOURCE_DIR "/tests/data/vis_pins.txt"));
     for (std::string line; std::getline(in, line);)
     {
         if (line.empty() || line[0] == '#')
             continue;
         std::istringstream fields(line);
-        CurvedPin pin;
-        std::string mode;
-        fields >> pin.mesh >> mode >> pin.meshHash >> std::ws;
+        Pin pin;
+        fields >> pin.mesh >> pin.mode >> pin.meshHash >> std::ws;
         std::getline(fields, pin.expect);
-        pin.midSplit = mode == "mid_split";
         pins.push_back(pin);
     }
     return pins;
@@ -289,30 +221,32 @@ std::string meshHash(srMeshModel& mesh)
     return text;
 }
 
-class CurvedResults : public ::testing::TestWithParam<CurvedPin>
+class PinnedResults : public ::testing::TestWithParam<Pin>
 {
 };
 
-TEST_P(CurvedResults, EveryResultMatchesItsPin)
+TEST_P(PinnedResults, EveryResultMatchesItsPin)
 {
-    const CurvedPin& p = GetParam();
-    std::unique_ptr<BenchMesh> mesh(BenchMesh::generate(p.mesh));
-    ASSERT_NE(mesh, nullptr) << p.mesh;
-    const std::string hash = meshHash(*mesh->mesh());
-    const Outcome o = runPipeline(*mesh->mesh(), p.midSplit, true);
+    const Pin& p = GetParam();
+    srMeshModel mesh;
+    buildMesh(p.mesh, mesh);
+    ASSERT_GT(mesh.m_numpolys, 0) << p.mesh;
+    const std::string hash = meshHash(mesh);
+    const Outcome o =
+        runPipeline(mesh, p.mode.rfind("mid_split", 0) == 0, p.mode.find("_nobounds") == std::string::npos);
     if (std::getenv("MERIDBSP_PRINT_PINS"))
-        std::printf("%s %s %s %s\n", p.mesh.c_str(), p.midSplit ? "mid_split" : "normal", hash.c_str(), row(o).c_str());
+        std::printf("pin: %s %s %s %s\n", p.mesh.c_str(), p.mode.c_str(), hash.c_str(), row(o).c_str());
     EXPECT_EQ(hash, p.meshHash) << "the generated mesh changed";
     EXPECT_EQ(row(o), p.expect);
 }
 
-const std::vector<CurvedPin> kCurved = loadCurvedPins();
+const std::vector<Pin> kPins = loadPins();
 
-TEST(CurvedResults, TheTableCoversBlobsAndKnotsInBothModes) { EXPECT_GE(kCurved.size(), 8u); }
+TEST(PinnedResults, TheTableCoversEveryMeshKindInBothModes) { EXPECT_GE(kPins.size(), 21u); }
 
-INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, CurvedResults, ::testing::ValuesIn(kCurved),
-                         [](const ::testing::TestParamInfo<CurvedPin>& info)
-                         { return info.param.mesh + (info.param.midSplit ? "MidSplit" : "Normal"); });
+INSTANTIATE_TEST_SUITE_P(VisibilityPipeline, PinnedResults, ::testing::ValuesIn(kPins),
+                         [](const ::testing::TestParamInfo<Pin>& info)
+                         { return info.param.mesh + "_" + info.param.mode; });
 
 // ---------------------------------------------------------------------------------------
 // Releasing portals
