@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
+#include <meridbsp/pipeline/mrVisPipeline.h>
 #include <meridbsp/platform/dx/srCore.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/portals/mrBSPPortalizer.h>
@@ -72,14 +73,6 @@ std::string loadError(const Bytes& file)
 
 const char* const kAllOnes = "\xFF\xFF\xFF\xFF";
 
-// The load error of a saved box with the 4 bytes at `at` replaced by `bytes`.
-std::string errorWith(size_t at, const char* bytes)
-{
-    Bytes file = saved(box());
-    std::memcpy(&file[at], bytes, 4);
-    return loadError(file);
-}
-
 // Offset of the first occurrence of a byte string (the file's own text: tags, field names).
 size_t find(const Bytes& b, const std::string& text)
 {
@@ -97,29 +90,21 @@ const size_t kNameLength = kRecord + 12;
 // ---------------------------------------------------------------------------------
 // The two pipelines, run to the end with everything released again.
 
-struct VisResult
+// The visibility pipeline in one call, its portal file read back as `portalFile`.
+struct VisResult : mrVisPipeline::Result
 {
-    uint32_t planes = 0;
-    int splitNodes = 0, emptyLeafs = 0, solidLeafs = 0, visleafs = 0, visportals = 0;
     std::string portalFile;
 };
 
-VisResult runVis(srMeshModel& mesh)
+void runVis(srMeshModel& mesh, VisResult& r)
 {
-    VisResult r;
-    mtest::VisRun run(mesh, 0);
-    if (!run.head)
-        return r;
-    r.planes = run.builder.m_numplanes;
-    r.splitNodes = run.bsp.m_numSplitNodes;
-    r.emptyLeafs = run.bsp.m_numEmptyLeafs;
-    r.solidLeafs = run.bsp.m_numSolidLeafs;
-    run.portalizer.portalize(run.head);
-    r.portalFile = run.portalFile();
-    r.visleafs = mrBSPPortalizer::m_num_visleafs;
-    r.visportals = mrBSPPortalizer::m_num_visportals;
-    run.withPortalMesh([](srMeshModel&) {}); // the portal mesh is made and released too
-    return r;
+    mtest::TempDir dir;
+    mrVisPipeline::Settings settings;
+    settings.portalFile = dir.file("test.prt");
+    std::string error;
+    mtest::LogCapture log;
+    EXPECT_TRUE(mrVisPipeline::run(&mesh, settings, r, error)) << error;
+    r.portalFile = mtest::readFile(settings.portalFile);
 }
 
 std::string reportText(const mtest::AssertRecorder& recorder)
@@ -206,42 +191,41 @@ void addBoxWithCorner(srMeshModel& mesh, V corner)
 // bit flips, counts of 2^32-1 for records, fields, nodes, planes and keys, field kinds
 // and node cycles; these are the ways of lying it leaves out.
 
-TEST(HostileChunkFiles, NameLengthOfAllOnesIsRefusedBeforeAllocating)
+// Four bytes of a saved box replaced, each a length or count the file cannot hold or a
+// chunk where none belongs: refused with a message that starts with `head` and names the
+// lie, before anything is allocated for it. The bytes sit `skip` past the first `marker`
+// in the file (past its start when there is none).
+TEST(HostileChunkFiles, LengthsCountsAndChunksThatLieAreRefused)
 {
-    std::string error = errorWith(kNameLength, kAllOnes);
-    EXPECT_EQ(error.rfind("hostile.mrc: record 0: unexpected end of chunk 0x204A424F (\"OBJ \") at offset 28: "
-                          "a string needs 4294967295 bytes",
-                          0),
-              0u)
-        << error;
-}
-
-TEST(HostileChunkFiles, ChunkLengthOfAllOnesIsRefused)
-{
-    std::string error = errorWith(kRecordLength, kAllOnes);
-    EXPECT_NE(error.find("has length 4294967295"), std::string::npos) << error;
-    EXPECT_NE(error.find("past the end of the file"), std::string::npos) << error;
-}
-
-TEST(HostileChunkFiles, ByteArrayCountOfAllOnesIsRefused)
-{
-    // The count follows the field name "Planes" (a string: length 6, then the text).
-    std::string error = errorWith(find(saved(box()), std::string("\x06\0\0\0Planes", 10)) + 10, kAllOnes);
-    EXPECT_NE(error.find("a byte array needs 4294967295 bytes"), std::string::npos) << error;
-}
-
-TEST(HostileChunkFiles, AForeignChunkInsideTheBlockIsRefused)
-{
-    std::string error = errorWith(find(saved(box()), "FLD "), "ANIM");
-    EXPECT_EQ(error.rfind("hostile.mrc: record 0 (class 0x60000): ", 0), 0u) << error;
-    EXPECT_NE(error.find("\"ANIM\""), std::string::npos) << error;
-}
-
-TEST(HostileChunkFiles, RecordCountOfAllOnesWithOneRecordIsRefused)
-{
-    std::string error = errorWith(8, kAllOnes);
-    EXPECT_EQ(error.rfind("hostile.mrc: record count 4294967295 at offset 12 needs at least 16 bytes each", 0), 0u)
-        << error;
+    const Bytes file = saved(box());
+    const struct
+    {
+        std::string marker;
+        size_t skip;
+        const char* bytes;
+        const char* head;
+        const char* part;
+    } cases[] = {
+        {"", 8, kAllOnes, "hostile.mrc: record count 4294967295 at offset 12 needs at least 16 bytes each", ""},
+        {"", kRecordLength, kAllOnes, "hostile.mrc: record 0: ", "has length 4294967295"},
+        {"", kRecordLength, kAllOnes, "hostile.mrc: record 0: ", "past the end of the file"},
+        {"", kNameLength, kAllOnes,
+         "hostile.mrc: record 0: unexpected end of chunk 0x204A424F (\"OBJ \") at offset 28: a string needs "
+         "4294967295 bytes",
+         ""},
+        // The count follows the field name "Planes" (a string: length 6, then the text).
+        {std::string("\x06\0\0\0Planes", 10), 10, kAllOnes, "hostile.mrc: record 0",
+         "a byte array needs 4294967295 bytes"},
+        {"FLD ", 0, "ANIM", "hostile.mrc: record 0 (class 0x60000): ", "\"ANIM\""},
+    };
+    for (const auto& c : cases)
+    {
+        Bytes bad = file;
+        std::memcpy(&bad[(c.marker.empty() ? 0 : find(file, c.marker)) + c.skip], c.bytes, 4);
+        const std::string error = loadError(bad);
+        EXPECT_EQ(error.rfind(c.head, 0), 0u) << error;
+        EXPECT_NE(error.find(c.part), std::string::npos) << error;
+    }
 }
 
 TEST(HostileChunkFiles, UnknownClassIDsAfterAGoodRecordLoseNothingAndLeakNothing)
@@ -349,11 +333,12 @@ TEST(HostileMeshes, EmptyMesh)
     mrTrace trace;
     EXPECT_EQ(bsp->checkCollision(V(-1, 0, 0), V(1, 0, 0), trace), 1);
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 0u);
-    EXPECT_EQ(vis.splitNodes, 0);
-    EXPECT_EQ(vis.visleafs, 0);
-    EXPECT_EQ(vis.visportals, 0);
+    EXPECT_EQ(vis.numSplitNodes, 0);
+    EXPECT_EQ(vis.numVisleafs, 0);
+    EXPECT_EQ(vis.numVisportals, 0);
     EXPECT_EQ(vis.portalFile, "PRT\n0\n0\n");
 }
 
@@ -363,13 +348,14 @@ TEST(HostileMeshes, SingleTriangle)
     mtest::addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
     expectOneNodeEmptyAboveSolidBelow(mesh, 1, V(5, 5, 1), V(5, 5, -1));
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 1u);
-    EXPECT_EQ(vis.splitNodes, 1);
-    EXPECT_EQ(vis.emptyLeafs, 1);
-    EXPECT_EQ(vis.solidLeafs, 1);
-    EXPECT_EQ(vis.visleafs, 1);
-    EXPECT_EQ(vis.visportals, 0);
+    EXPECT_EQ(vis.numSplitNodes, 1);
+    EXPECT_EQ(vis.numEmptyLeafs, 1);
+    EXPECT_EQ(vis.numSolidLeafs, 1);
+    EXPECT_EQ(vis.numVisleafs, 1);
+    EXPECT_EQ(vis.numVisportals, 0);
 }
 
 // Zero-area triangles keep the all-zero plane: every point lies "on" it, which the
@@ -391,7 +377,8 @@ TEST(HostileMeshes, AllDegenerateTriangles)
     EXPECT_LE(bsp->pointInfo(0, V(0.5f, 0.5f, 0.5f)), -2);
     queryGrid(*bsp, 4);
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 3u);
     EXPECT_EQ(vis.portalFile.rfind("PRT\n", 0), 0u);
 }
@@ -407,12 +394,14 @@ TEST(HostileMeshes, DuplicateTrianglesGiveTheSameAnswers)
     EXPECT_EQ(a->m_numnodes, b->m_numnodes);
     EXPECT_EQ(queryGrid(*a, 10), queryGrid(*b, 10));
 
-    VisResult va = runVis(once), vb = runVis(twice);
+    VisResult va, vb;
+    runVis(once, va);
+    runVis(twice, vb);
     EXPECT_EQ(va.planes, 6u);
     EXPECT_EQ(vb.planes, 6u);
-    EXPECT_EQ(va.splitNodes, vb.splitNodes);
-    EXPECT_EQ(va.visleafs, vb.visleafs);
-    EXPECT_EQ(va.visportals, vb.visportals);
+    EXPECT_EQ(va.numSplitNodes, vb.numSplitNodes);
+    EXPECT_EQ(va.numVisleafs, vb.numVisleafs);
+    EXPECT_EQ(va.numVisportals, vb.numVisportals);
 }
 
 // Two triangles on one plane facing opposite ways: the first splitter uses up the
@@ -430,9 +419,10 @@ TEST(HostileMeshes, CoincidentOppositeTriangles)
     mrTrace trace;
     EXPECT_EQ(bsp->checkCollision(V(1, 1, 5), V(1, 1, -5), trace), 1);
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 2u);
-    EXPECT_EQ(vis.splitNodes, 2);
+    EXPECT_EQ(vis.numSplitNodes, 2);
     EXPECT_EQ(vis.portalFile.rfind("PRT\n", 0), 0u);
 }
 
@@ -449,9 +439,10 @@ TEST(HostileMeshes, HundredVertexPolygon)
         mesh.addPolygon(0, i, i + 1);
     expectOneNodeEmptyAboveSolidBelow(mesh, 98, V(0, 0, 3), V(0, 0, 1));
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 1u);
-    EXPECT_EQ(vis.splitNodes, 1);
+    EXPECT_EQ(vis.numSplitNodes, 1);
 }
 
 // Coordinates near 1e30: the collision pipeline's float cross product overflows, so the
@@ -471,7 +462,8 @@ TEST(HostileMeshes, CoordinatesNear1e30)
     EXPECT_GE(bsp->m_numnodes, 1u);
     queryGrid(*bsp, 2e30f);
 
-    VisResult vis = runVis(mesh);
+    VisResult vis;
+    runVis(mesh, vis);
     EXPECT_EQ(vis.planes, 6u);
     EXPECT_EQ(vis.portalFile.rfind("PRT\n", 0), 0u);
 }
@@ -500,7 +492,9 @@ TEST(HostileMeshes, NonFiniteCoordinatesInTheVisibilityPipeline)
     {
         srMeshModel mesh;
         addBoxWithCorner(mesh, corner);
-        EXPECT_EQ(runVis(mesh).portalFile.rfind("PRT\n", 0), 0u);
+        VisResult vis;
+        runVis(mesh, vis);
+        EXPECT_EQ(vis.portalFile.rfind("PRT\n", 0), 0u);
     }
 }
 
