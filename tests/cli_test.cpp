@@ -242,6 +242,21 @@ TEST_F(CliTest, CommandLinesGiveTheirExitCodesOutputsAndMessages)
 {
     EXPECT_EQ(run("--version").out, std::string("meridbsp ") + meridbspVersion() + "\n");
     mtest::writeFile(dir.file("level.obj"), mtest::readFile(DEMO_LEVEL));
+    // Text a run printed, or a file holds, as `op` and `want` describe it.
+    auto expectText =
+        [&](const std::string& what, const std::string& got, const std::string& op, const std::string& want)
+    {
+        if (op == "json")
+            expectJsonSchema(got, want);
+        const bool ok = op == "json" ? true
+                        : op == "="  ? got == want
+                        : op == "~"  ? got.find(want) != std::string::npos
+                        : op == "!"  ? got.find(want) == std::string::npos
+                        : op == "^"  ? got.rfind(want, 0) == 0
+                        : op == "?"  ? std::regex_search(got, std::regex(want))
+                                     : op == "@" && got == file(want);
+        EXPECT_TRUE(ok) << what << " " << op << " " << want << "\n" << what << " was:\n" << got;
+    };
     std::unique_ptr<CommandCase> pending;
     auto flush = [&]
     {
@@ -258,19 +273,7 @@ TEST_F(CliTest, CommandLinesGiveTheirExitCodesOutputsAndMessages)
             EXPECT_TRUE(snapshot(dir.path()) == before) << "a failed run changed the files";
         }
         for (const auto& [stream, op, want] : c.expect)
-        {
-            const std::string& got = stream == "out" ? r.out : r.err;
-            if (op == "json")
-                expectJsonSchema(got, want);
-            const bool ok = op == "json" ? true
-                            : op == "="  ? got == want
-                            : op == "~"  ? got.find(want) != std::string::npos
-                            : op == "!"  ? got.find(want) == std::string::npos
-                            : op == "^"  ? got.rfind(want, 0) == 0
-                            : op == "?"  ? std::regex_search(got, std::regex(want))
-                                         : op == "@" && got == file(want);
-            EXPECT_TRUE(ok) << stream << " " << op << " " << want << "\n" << stream << " was:\n" << got;
-        }
+            expectText(stream, stream == "out" ? r.out : r.err, op, want);
     };
     std::istringstream in(mtest::readFile(MERIDBSP_SOURCE_DIR "/tests/data/cli_cases.txt"));
     int number = 0;
@@ -308,6 +311,20 @@ TEST_F(CliTest, CommandLinesGiveTheirExitCodesOutputsAndMessages)
         {
             std::filesystem::create_directories(std::filesystem::path(dir.file(first)).parent_path());
             mtest::writeFile(dir.file(first), unescape(second));
+        }
+        else if (word == "without")
+        {
+            const std::string source = file(second.substr(0, second.find(' ')));
+            const std::string cut = unescape(second.substr(second.find(' ') + 1));
+            ASSERT_NE(source.find(cut), std::string::npos) << "line " << number;
+            mtest::writeFile(dir.file(first),
+                             source.substr(0, source.find(cut)) + source.substr(source.find(cut) + cut.size()));
+        }
+        else if (word == "has")
+        {
+            SCOPED_TRACE("line " + std::to_string(number));
+            expectText(first, file(first), second.substr(0, second.find(' ')),
+                       unescape(second.substr(std::min(second.size(), second.find(' ') + 1))));
         }
         else if (word == "link")
             std::filesystem::create_symlink(first, dir.file(second));
@@ -616,51 +633,6 @@ TEST_F(CliTest, ANamedPipeIsWrittenThroughNotReplaced)
     ::close(reader);
     EXPECT_EQ(got, file("box.mrc"));
     EXPECT_TRUE(std::filesystem::is_fifo(fifo));
-}
-
-// ---- Leaks ---------------------------------------------------------------------------------
-
-TEST_F(CliTest, InsidePointsTellWhetherTheLevelLeaksAndWhichWay)
-{
-    // The demo level, and the same without room A's west wall (x = 0, y 0 to 256).
-    std::string level = mtest::readFile(DEMO_LEVEL);
-    const std::string wall = "f 1 4 6\nf 1 6 5\n";
-    ASSERT_NE(level.find(wall), std::string::npos);
-    mtest::writeFile(dir.file("level.obj"), level);
-    mtest::writeFile(dir.file("open.obj"), level.replace(level.find(wall), wall.size(), ""));
-
-    Outcome r = run("vis level.obj --inside 128,128,64 --inside '128 512 64'");
-    EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(r.err.find("warning: leak:"), std::string::npos) << r.err;
-    EXPECT_NE(r.out.find("\nopen space: all 9 open leaves enclosed, none reaches the outside\nwrote leak.obj: the way "
-                         "out from each inside point that leaks (0 paths)\n"),
-              std::string::npos)
-        << r.out;
-    EXPECT_NE(file("leak.obj").find("# No leak"), std::string::npos);
-
-    r = run("vis open.obj --out . --inside 128,128,64 --inside 128,512,64");
-    EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_NE(r.err.find("meridbsp: warning: leak: the open space at 128 128 64 reaches the outside through 1 portal; "
-                         "the path is in leak.obj"),
-              std::string::npos)
-        << r.err;
-    EXPECT_NE(r.err.find("meridbsp: warning: leak: the open space at 128 512 64 reaches the outside through"),
-              std::string::npos);
-    EXPECT_NE(r.out.find("open space: all 9 open leaves reach the outside, none is enclosed"), std::string::npos);
-    // From room A straight out through the missing wall to the outer box at x = -24.
-    const std::string obj = file("leak.obj");
-    EXPECT_NE(obj.find("v 128 128 64\nv -24 128 64\n"), std::string::npos) << obj;
-    EXPECT_NE(obj.find("\nl 1 2\nl 3 "), std::string::npos) << obj;
-
-    r = run("vis open.obj --json --inside 128,128,64 --leak-out paths.obj");
-    EXPECT_EQ(r.code, 0);
-    EXPECT_NE(r.out.find("\"openLeaves\":{\"total\":9,\"reachOutside\":9,\"enclosed\":0},\"insidePoints\":[{\"point\":"
-                         "[128.0,128.0,64.0],\"openSpace\":true,\"insideBox\":true,\"leaks\":true}],\"leak\":{\"file\":"
-                         "\"paths.obj\",\"paths\":[{\"inside\":[128.0,128.0,64.0],\"portals\":1,\"path\":[[128.0,128.0,"
-                         "64.0],[-24.0,128.0,64.0]]}]}"),
-              std::string::npos)
-        << r.out;
-    EXPECT_EQ(file("paths.obj"), obj.substr(0, obj.find("v 128 512")) + "l 1 2\n");
 }
 
 // ---- Threads and many meshes ----------------------------------------------------------------
