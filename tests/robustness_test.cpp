@@ -291,8 +291,6 @@ void expectChainIsClear(int n)
 }
 } // namespace
 
-TEST(HostileChunkFiles, LongChainFromAFileIsQueried) { expectChainIsClear(10000); }
-
 // Far beyond what a recursive trace survives: with one call per crossing, about 57,000
 // levels overflowed a default 8 MB stack in an optimised build. A 7 MB file.
 TEST(HostileChunkFiles, VeryLongChainFromAFileIsQueried) { expectChainIsClear(200000); }
@@ -528,19 +526,6 @@ TEST(HostileMeshes, FacePieceBeyondSixtyFourPointsIsReported)
 // Outputs that cannot be written: a clear failure, and the earlier file survives.
 // (Missing directories for chunk files are covered in tests/io_test.cpp, and the tool's
 // own outputs in tests/cli_test.cpp.)
-
-TEST(HostileOutputs, PortalFileIntoAMissingDirectoryIsReportedAndWritesNothing)
-{
-    mtest::TempDir dir;
-    srMeshModel mesh;
-    mtest::addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-    mtest::VisRun tree(mesh, 0);
-    tree.portalizer.portalize(tree.head);
-    mtest::AssertRecorder asserts;
-    EXPECT_FALSE(mrBSPPortalizer::writePortalfile(tree.head, dir.file("missing/test.prt").c_str()));
-    EXPECT_EQ(asserts.count("0", "Error opening %s"), 1u);
-    EXPECT_FALSE(std::filesystem::exists(dir.file("missing")));
-}
 
 // The library's own path writers never replace a named pipe (nor, run as root, a device
 // node): they write through it, and follow links to the file behind them.
