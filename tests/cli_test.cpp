@@ -229,6 +229,13 @@ void expectJsonSchema(const std::string& text, const std::string& schema)
     expectCamelCase(j);
 }
 
+// Text split at its first blank: "a b c" gives "a" and "b c".
+std::pair<std::string, std::string> splitFirst(const std::string& text)
+{
+    const std::string::size_type blank = text.find(' ');
+    return {text.substr(0, blank), blank == std::string::npos ? "" : text.substr(blank + 1)};
+}
+
 // A run of the tool as a case of the table describes it.
 struct CommandCase
 {
@@ -280,13 +287,8 @@ TEST_F(CliTest, CommandLinesGiveTheirExitCodesOutputsAndMessages)
     for (std::string line; std::getline(in, line);)
     {
         ++number;
-        // WORD FIRST SECOND..., any of them empty.
-        std::string word, first, second;
-        std::istringstream fields(line);
-        fields >> word >> first;
-        fields.get();
-        std::getline(fields, second);
-        const std::string rest = line.substr(std::min(line.size(), word.size() + 1));
+        const auto [word, rest] = splitFirst(line);
+        const auto [first, second] = splitFirst(rest);
         if (word == "exit" || word == "in" || word == "env" || word == "out" || word == "err")
         {
             ASSERT_TRUE(pending) << "line " << number << " belongs to no command";
@@ -314,17 +316,17 @@ TEST_F(CliTest, CommandLinesGiveTheirExitCodesOutputsAndMessages)
         }
         else if (word == "without")
         {
-            const std::string source = file(second.substr(0, second.find(' ')));
-            const std::string cut = unescape(second.substr(second.find(' ') + 1));
-            ASSERT_NE(source.find(cut), std::string::npos) << "line " << number;
-            mtest::writeFile(dir.file(first),
-                             source.substr(0, source.find(cut)) + source.substr(source.find(cut) + cut.size()));
+            const auto [source, cut] = splitFirst(second);
+            std::string text = file(source);
+            const std::string::size_type at = text.find(unescape(cut));
+            ASSERT_NE(at, std::string::npos) << "line " << number;
+            mtest::writeFile(dir.file(first), text.erase(at, unescape(cut).size()));
         }
         else if (word == "has")
         {
             SCOPED_TRACE("line " + std::to_string(number));
-            expectText(first, file(first), second.substr(0, second.find(' ')),
-                       unescape(second.substr(std::min(second.size(), second.find(' ') + 1))));
+            const auto [op, want] = splitFirst(second);
+            expectText(first, file(first), op, unescape(want));
         }
         else if (word == "link")
             std::filesystem::create_symlink(first, dir.file(second));
