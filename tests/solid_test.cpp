@@ -48,11 +48,8 @@ mrBSPSurface* makeSurface(mrPlane* plane, std::initializer_list<mrBSPFace*> face
 // bounds, faces of other surfaces and m_onNode).
 mrBSPSurface* bare(mrPlane* plane, int onNode = 0, V mins = V(), V maxs = V())
 {
-    mrBSPSurface* s = new mrBSPSurface;
-    s->m_plane = plane;
-    s->m_onNode = onNode;
-    s->m_mins = mins;
-    s->m_maxs = maxs;
+    mrBSPSurface* s = makeSurface(plane, {});
+    std::tie(s->m_onNode, s->m_mins, s->m_maxs) = std::make_tuple(onNode, mins, maxs);
     return s;
 }
 
@@ -486,13 +483,10 @@ TEST(Generate, CubesAreSolidOrEmptyInsideAndCountersAgreeWithTheTree)
                 mtest::addBox(mesh, V(0, 0, 0), V(10, 10, 10), kind == 1);
             else
                 mtest::addTwoRoomLevel(mesh);
-            mrBSPSurfaceBuilder builder;
-            mrSolidBSP bsp;
             mtest::LogCapture log;
-            mrBSPSurface* list = builder.buildSurfaces(&mesh);
-            for (mrBSPSurface* s = list; s; s = s->m_next)
-                s->calcBounds();
-            mrBSPNode* head = bsp.generate(list, mid);
+            mtest::VisRun run(mesh, mid);
+            const mrSolidBSP& bsp = run.bsp;
+            const mrBSPNode* head = run.head;
             TreeStats st;
             walk(head, st);
             EXPECT_EQ(counts(bsp), (Counts{st.splits, st.solid, st.empty, st.markfaces, (int)mesh.m_numpolys, 0}));
@@ -514,8 +508,6 @@ TEST(Generate, CubesAreSolidOrEmptyInsideAndCountersAgreeWithTheTree)
                 for (V open : {V(32, 32, 32), V(160, 32, 32), V(96, 32, 16)})
                     EXPECT_EQ(leafAt(head, open)->m_contents, 0);
             }
-            mrBSPTree::release(head);
-            builder.releasePlanes();
         }
 }
 
