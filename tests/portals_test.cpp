@@ -165,10 +165,10 @@ TEST(SingleLeaf, GetsSixBoxFacesJoiningTheOutsideAndWritesItsPortalFileInTheCurr
         log.clear();
         std::string out;
         mtest::inDirectory(dir.path(), [&] { out = mtest::stdoutOf([&] { mrBSPPortalizer::writePortalfile(head); }); });
-        EXPECT_EQ(out, "writing test.prt\n");
-        EXPECT_EQ(head->m_leafnum, contents ? -1 : 0);
-        EXPECT_EQ(mtest::readFile(dir.file("test.prt")), contents ? "PRT\n0\n0\n" : "PRT\n1\n0\n");
-        EXPECT_FALSE(std::filesystem::exists(dir.file("test.prt.tmp")));
+        EXPECT_EQ(
+            std::make_tuple(out, head->m_leafnum, mtest::readFile(dir.file("test.prt")),
+                            std::filesystem::exists(dir.file("test.prt.tmp"))),
+            std::make_tuple("writing test.prt\n", contents ? -1 : 0, contents ? "PRT\n0\n0\n" : "PRT\n1\n0\n", false));
         EXPECT_NE(log.text().find(contents ? "Writing 0 visleafs 0 visportals\n" : "Writing 1 visleafs 0 visportals\n"),
                   std::string::npos);
         pz.releasePortals(head);
@@ -298,10 +298,8 @@ TEST(NodePortals, ClippedAwayNodePortalCountsAsDegenerate)
     mrBSPPortalizer pz;
     mtest::LogCapture log;
     pz.portalize(head);
-    EXPECT_EQ(pz.m_num_degenerate, 1);
-    EXPECT_EQ(log.lines().back(), "Number of degenerate portals 1");
-    EXPECT_TRUE(portalsOf(front).empty());
-    EXPECT_EQ(portalsOf(back).size(), 6u);
+    EXPECT_EQ(std::make_tuple(pz.m_num_degenerate, log.lines().back(), portalsOf(front).size(), portalsOf(back).size()),
+              std::make_tuple(1, "Number of degenerate portals 1", 0u, 6u));
     pz.releasePortals(head);
 }
 
@@ -508,8 +506,7 @@ TEST(PortalFile, FailuresAreReportedAndLeaveNoFile)
     EXPECT_EQ(log.text(), ""); // no counts line without a file
     mtest::stdoutOf([&] { EXPECT_FALSE(mrBSPPortalizer::writePortalfile(head, taken.c_str())); });
     rec.expect({{"0", "mrBSPPortalizer", 0, "Error opening %s"}, {"0", "mrBSPPortalizer", 0, "Error opening %s"}});
-    EXPECT_TRUE(std::filesystem::is_directory(taken));
-    EXPECT_FALSE(std::filesystem::exists(taken + ".tmp"));
+    EXPECT_TRUE(std::filesystem::is_directory(taken) && !std::filesystem::exists(taken + ".tmp"));
 
     // Into a stream: none at all is reported as a failed open; one that cannot be written
     // makes the call return false.
@@ -543,8 +540,8 @@ TEST(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
     EXPECT_EQ(log.text(), " mrBSPPortalizer::createMeshModel -> polys:\n2\n");
     // Three owned portals count a material each; the one facing open space is skipped.
     EXPECT_EQ(std::make_pair(mrBSPPortalizer::m_polycount, mrBSPPortalizer::m_materialCounter), std::make_pair(2, 3u));
-    EXPECT_STREQ(mesh->getName(), "portalizer created mesh");
-    EXPECT_EQ(mesh->m_outlineSizes, (std::vector<int>{3, 4}));
+    EXPECT_EQ(std::make_pair(std::string(mesh->getName()), mesh->m_outlineSizes),
+              std::make_pair(std::string("portalizer created mesh"), std::vector<int>{3, 4}));
     // Points in reverse winding order.
     EXPECT_EQ(mesh->m_verts,
               (Points{V(0, 1, 0), V(1, 0, 0), V(0, 0, 0), V(0, 1, 3), V(1, 1, 3), V(1, 0, 3), V(0, 0, 3)}));
@@ -573,8 +570,8 @@ TEST(LeafMesh, MaterialsAreRandomHundredthsDrawnRedGreenBlueAndFreshEachCall)
     srand(7);
     mtest::LogCapture log;
     srMeshModel* mesh = mrBSPPortalizer::createMeshModel(head);
-    EXPECT_EQ(log.text(), " mrBSPPortalizer::createMeshModel -> polys:\n0\n");
-    EXPECT_EQ(mesh->m_numpolys, 0);
+    EXPECT_EQ(std::make_pair(log.text(), mesh->m_numpolys),
+              std::make_pair(std::string(" mrBSPPortalizer::createMeshModel -> polys:\n0\n"), 0L));
     mesh->release();
     std::vector<mrMaterial*> first(mrBSPPortalizer::m_materials.m_data, mrBSPPortalizer::m_materials.m_data + 256);
     srand(7);
@@ -583,10 +580,9 @@ TEST(LeafMesh, MaterialsAreRandomHundredthsDrawnRedGreenBlueAndFreshEachCall)
         const float expected[4] = {(float)(rand() % 100) * 0.01f, (float)(rand() % 100) * 0.01f,
                                    (float)(rand() % 100) * 0.01f, 1.0f}; // drawn in this order
         for (int k = 0; k < 4; ++k)
-            EXPECT_EQ(std::make_pair(first[i]->m_color0[k], first[i]->m_color1[k]),
-                      std::make_pair(expected[k], expected[k]))
+            EXPECT_EQ(std::make_tuple(first[i]->m_color0[k], first[i]->m_color1[k], first[i]->m_flags),
+                      std::make_tuple(expected[k], expected[k], 1u))
                 << i;
-        EXPECT_EQ(first[i]->m_flags, 1u);
     }
     // A second call makes 256 new materials: 512 in all, the table holding the second 256.
     mesh = mrBSPPortalizer::createMeshModel(head);
@@ -620,9 +616,9 @@ TEST(Modeler, ConvertFansPolygonsAndKeepsOutlines)
     EXPECT_EQ(mesh.m_outlineSizes, (std::vector<int>{5, 2}));
     EXPECT_EQ(std::make_tuple(mesh.m_polyVerts[2].x, mesh.m_polyVerts[2].y, mesh.m_polyVerts[2].z),
               std::make_tuple(0, 3, 4));
-    EXPECT_EQ(mesh.m_polyMaterials, std::vector<srMaterialIFace*>(3, &m1));
     modeler.convert(plain, 0);
-    EXPECT_TRUE(plain.m_outlineSizes.empty());
+    EXPECT_EQ(std::make_pair(mesh.m_polyMaterials, plain.m_outlineSizes.empty()),
+              std::make_pair(std::vector<srMaterialIFace*>(3, &m1), true));
 }
 
 // ---------------------------------------------------------------------------------------

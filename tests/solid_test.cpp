@@ -389,8 +389,7 @@ TEST(LinkNodeFaces, CopiesInReverseAndBecomesTheOriginals)
     mrBSPFace* f2 = makeFace(&p, {V(2, 0, 0), V(3, 0, 0), V(2, 1, 0)});
     mrBSPSurface* s = makeSurface(&p, {f1, f2});
     mrBSPFace* copies = bsp.linkNodeFaces(s);
-    EXPECT_EQ(bsp.m_numNodeFaces, 2);
-    ASSERT_TRUE(copies && copies->m_next);
+    ASSERT_TRUE(copies && copies->m_next && bsp.m_numNodeFaces == 2);
     EXPECT_EQ(std::make_tuple(copies->m_next->m_next, copies->m_original), std::make_tuple(nullptr, f2));
     EXPECT_EQ(std::make_tuple(f2->m_original, f1->m_original), std::make_tuple(copies, copies->m_next));
     EXPECT_NE(copies->m_winding, f2->m_winding);
@@ -425,13 +424,12 @@ TEST(Generate, SingleSurfaceSplitsIntoAnEmptyFrontAndASolidBack)
     mrBSPFace* b = makeFace(&p, {V(2, 1, 1), V(2, 0, 1), V(2, 1, 0)});
     int onNode = -1;
     mrBSPNode* head = bsp.generate(makeSurface(&p, {a, b}, new TrackedSurface(&onNode)), 1);
-    EXPECT_EQ(onNode, 1);
-    EXPECT_EQ(std::make_tuple(head->m_plane, head->m_children[0]->m_contents, head->m_children[1]->m_contents),
-              std::make_tuple(&p, 0, 1));
-    EXPECT_EQ(markFaces(head->m_children[0]), (Faces{a, b}));
-    EXPECT_TRUE(markFaces(head->m_children[1]).empty());
+    EXPECT_EQ(std::make_tuple(onNode, bsp.m_midSplit, head->m_plane, head->m_children[0]->m_contents,
+                              head->m_children[1]->m_contents),
+              std::make_tuple(1, 1, &p, 0, 1));
+    EXPECT_EQ(std::make_pair(markFaces(head->m_children[0]), markFaces(head->m_children[1])),
+              std::make_pair(Faces{a, b}, Faces{}));
     EXPECT_EQ(counts(bsp), (Counts{1, 1, 1, 2, 2, 0}));
-    EXPECT_EQ(bsp.m_midSplit, 1);
     mrBSPTree::release(head);
 }
 
@@ -458,8 +456,7 @@ TEST(Generate, FragmentWithoutFacesAndSplitterWithoutPlaneAreReported)
     mrBSPNode* head =
         bsp.generate(chain({makeSurface(&px, {makeFace(&px, {V(0, 0, 0), V(0, 1, 0), V(0, 0, 1)})}), bare(&py, 1)}), 0);
     rec.expect({{"0", "mrSolidBSP", 0, "surface with no faces"}}); // linked all the same
-    EXPECT_EQ(head->m_children[1]->m_contents, 1);
-    EXPECT_EQ(bsp.m_numSplitNodes, 1);
+    EXPECT_EQ(std::make_pair(head->m_children[1]->m_contents, bsp.m_numSplitNodes), std::make_pair(1, 1));
     mrBSPTree::release(head);
 
     // A splitter without a plane ends the node.
