@@ -222,13 +222,9 @@ void expectTracesStopShort(const mrClipBSP& bsp, const Poly& poly, V centre, flo
 
 // ---------------------------------------------------------------------------
 
-TEST(ClipGenRecords, NewGeneratorIsEmptyAndCheckFaceChangesNothing)
+TEST(ClipGenRecords, CheckFaceChangesNothing)
 {
     mrClipBSPGen gen;
-    EXPECT_EQ(0, gen.m_numplanes);
-    EXPECT_EQ(nullptr, gen.m_planes);
-    EXPECT_TRUE(gen.m_faces.empty() && gen.m_nodes.empty() && gen.m_allfaces.empty());
-    EXPECT_EQ(0, gen.m_numnodes + gen.m_numleaffaces + gen.m_numsolidleafs + gen.m_numemptyleafs);
     mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
     const mrFace before = *f;
     gen.checkFace(f);
@@ -368,19 +364,14 @@ TEST(ClipGenImport, FacesTakePolygonTexturesElseTheMeshTexture)
 
 TEST(ClipGenTree, OneTriangleIsOnePlaneWithSolidBehind)
 {
-    for (const char* name : {"WALL.TGA", "NERDSTRP.TGA", "Q47ROADOT.TGA"})
-    {
-        Tex t(name);
-        srMeshModel mesh;
-        addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
-        mesh.setTexture(t.p);
-        mrClipBSPGen gen;
-        BSPPtr bsp = import(gen, mesh);
-        EXPECT_EQ(1u, bsp->m_numplanes);
-        EXPECT_EQ(nodesOf(*bsp), (std::vector<int>{0, -1, std::strcmp(name, "WALL.TGA") ? -3 : -2})) << name;
-        EXPECT_EQ(-1, bsp->pointInfo(0, V(0.2f, 0.2f, 1)));
-        EXPECT_GE(-2, bsp->pointInfo(0, V(0.2f, 0.2f, -1)));
-    }
+    srMeshModel mesh;
+    addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
+    mrClipBSPGen gen;
+    BSPPtr bsp = import(gen, mesh);
+    EXPECT_EQ(1u, bsp->m_numplanes);
+    EXPECT_EQ(nodesOf(*bsp), (std::vector<int>{0, -1, -2}));
+    EXPECT_EQ(-1, bsp->pointInfo(0, V(0.2f, 0.2f, 1)));
+    EXPECT_EQ(-2, bsp->pointInfo(0, V(0.2f, 0.2f, -1)));
 }
 
 TEST(ClipGenTree, ClosedBoxIsAChainOfSixNodes)
@@ -454,9 +445,9 @@ TEST_F(ClipGenSplit, WholeFacesGoToTheirSideAndFacingOnesAreUsed)
     {
         mrFace* f = addFace(gen, c.points, c.facePlane);
         gen.splitFace(f, c.split, &front, &back);
-        EXPECT_EQ(c.toFront ? f : nullptr, front) << &c - cases;
-        EXPECT_EQ(c.toFront ? nullptr : f, back) << &c - cases;
-        EXPECT_EQ(c.used, f->m_used) << &c - cases;
+        EXPECT_EQ(std::make_tuple(c.toFront ? f : nullptr, c.toFront ? nullptr : f, c.used),
+                  std::make_tuple(front, back, f->m_used))
+            << &c - cases;
     }
     EXPECT_EQ(5u, gen.m_allfaces.size());
 }
