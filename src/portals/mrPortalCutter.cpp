@@ -203,15 +203,7 @@ public:
                 for (int k = 0; k < 3; ++k)
                     m_nodes[(size_t)n].axis[k] += m_nodes[(size_t)leaf].axis[k];
         for (int32_t n : made)
-        {
-            Node& node = m_nodes[(size_t)n];
-            const double len =
-                std::sqrt(node.axis[0] * node.axis[0] + node.axis[1] * node.axis[1] + node.axis[2] * node.axis[2]);
-            for (int k = 0; k < 3; ++k)
-                node.axis[k] = len > 1e-6 ? node.axis[k] / len : 0.0;
-            node.radius = 0.0;
-            node.lowest = INFINITY;
-        }
+            resetCone(m_nodes[(size_t)n]);
         for (int32_t leaf : leaves)
         {
             const Node& l = m_nodes[(size_t)leaf];
@@ -471,6 +463,18 @@ private:
     }
     void release(int32_t n) { m_free.push_back(n); }
 
+    // An inner node's cone before its leaves widen it: the summed normals made a unit axis
+    // (none when they cancel), no width, no lowest distance yet.
+    static void resetCone(Node& node)
+    {
+        const double len =
+            std::sqrt(node.axis[0] * node.axis[0] + node.axis[1] * node.axis[1] + node.axis[2] * node.axis[2]);
+        for (int k = 0; k < 3; ++k)
+            node.axis[k] = len > 1e-6 ? node.axis[k] / len : 0.0;
+        node.radius = 0.0;
+        node.lowest = INFINITY;
+    }
+
     float centre(int32_t leaf, int k) const
     {
         const Box& b = m_nodes[(size_t)leaf].box;
@@ -548,12 +552,7 @@ private:
                 node.origin[k] = 0.0;
             node.axis[k] = a.axis[k] + b.axis[k];
         }
-        const double len =
-            std::sqrt(node.axis[0] * node.axis[0] + node.axis[1] * node.axis[1] + node.axis[2] * node.axis[2]);
-        for (int k = 0; k < 3; ++k)
-            node.axis[k] = len > 1e-6 ? node.axis[k] / len : 0.0;
-        node.radius = 0.0;
-        node.lowest = INFINITY;
+        resetCone(node);
         for (const Node* c : {&a, &b})
         {
             double da[3], dorigin[3];

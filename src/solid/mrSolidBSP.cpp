@@ -226,6 +226,19 @@ struct CutBox
 
 const CutBox NO_BOX{{INFINITY, INFINITY, INFINITY}, {-INFINITY, -INFINITY, -INFINITY}, true};
 
+// A fact's bounds as a box of its points.
+CutBox boundsBox(const SurfaceFact& f)
+{
+    CutBox b;
+    for (int k = 0; k < 3; ++k)
+    {
+        b.mins[k] = f.mins[k];
+        b.maxs[k] = f.maxs[k];
+    }
+    b.empty = false;
+    return b;
+}
+
 void unite(CutBox& into, const CutBox& b)
 {
     if (b.empty)
@@ -1857,14 +1870,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         {
             if (!counting || f.onNode)
                 return;
-            CutBox b;
-            for (int k = 0; k < 3; ++k)
-            {
-                b.mins[k] = f.mins[k];
-                b.maxs[k] = f.maxs[k];
-            }
-            b.empty = false;
-            goneCut.push_back({b, f.faces});
+            goneCut.push_back({boundsBox(f), f.faces});
         };
 
         // The back list is gathered in place over the parent's, the front one apart.
@@ -1995,15 +2001,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             gone.clear();
             for (uint32_t id : goneWhole[side])
             {
-                const SurfaceFact& f = facts[id];
-                CutBox b;
-                for (int k = 0; k < 3; ++k)
-                {
-                    b.mins[k] = f.mins[k];
-                    b.maxs[k] = f.maxs[k];
-                }
-                b.empty = false;
-                gone.push_back({b, f.faces});
+                gone.push_back({boundsBox(facts[id]), facts[id].faces});
             }
             gone.insert(gone.end(), goneCut.begin(), goneCut.end());
             goneBoxes.clear();
