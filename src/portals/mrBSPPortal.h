@@ -18,4 +18,8 @@ public:
     mrBSPPortal(const mrBSPPortal&) = default;
     mrBSPPortal& operator=(const mrBSPPortal&) = default;
     virtual ~mrBSPPortal();
+
+    // Which of the two lists continues at `node`: 0, 1, or -1 when the portal does not
+    // bound the node at all.
+    int sideOf(const mrBSPNode* node) const { return m_nodes[0] == node ? 0 : m_nodes[1] == node ? 1 : -1; }
 };

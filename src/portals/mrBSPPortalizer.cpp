@@ -56,17 +56,6 @@ const double WINDING_EPSILON = 0.01;
 // Open only while writePortalfile runs.
 FILE* s_portalFile = nullptr;
 
-// Which of the portal's two lists continues at `node`: 0, 1, or -1 when the portal does
-// not bound the node at all.
-int sideOf(const mrBSPPortal* p, const mrBSPNode* node)
-{
-    if (p->m_nodes[0] == node)
-        return 0;
-    if (p->m_nodes[1] == node)
-        return 1;
-    return -1;
-}
-
 // Appends the decimal digits of n.
 void appendDigits(std::string& out, uint64_t n)
 {
@@ -335,7 +324,7 @@ void mrBSPPortalizer::cutNodePortals(mrBSPNode* node, bool known, std::vector<Po
         entries.clear();
         for (mrBSPPortal* p = node->m_portals; p;)
         {
-            int side = sideOf(p, node);
+            int side = p->sideOf(node);
             if (side < 0)
             {
                 mislinked = true; // reported where each walk reaches it
@@ -500,7 +489,7 @@ void mrBSPPortalizer::removePortalFromNode(mrBSPPortal* portal, mrBSPNode* node)
         }
         if (t == portal)
             break;
-        int side = sideOf(t, node);
+        int side = t->sideOf(node);
         if (side < 0)
         {
             srAssertFail("0", SOURCE, __LINE__, "RemovePortalFromNode: portal not bounding leaf");
@@ -582,7 +571,7 @@ bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
     for (mrBSPNode* n : nodes)
         for (mrBSPPortal* p = n->m_portals; p;)
         {
-            int side = sideOf(p, n);
+            int side = p->sideOf(n);
             if (side < 0 || p->m_nodes[0] == p->m_nodes[1])
                 return false;
             portals.push_back(p);
@@ -620,7 +609,7 @@ bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
         size_t found = 0;
         for (mrBSPPortal* p = ends[i]->m_portals; p;)
         {
-            int side = sideOf(p, ends[i]);
+            int side = p->sideOf(ends[i]);
             if (side < 0)
                 return false;
             found += within[i] || doomed(p);
@@ -641,7 +630,7 @@ bool mrBSPPortalizer::freeAllPortalsAtOnce(mrBSPNode* head)
         mrBSPPortal** link = &n->m_portals;
         while (mrBSPPortal* p = *link)
         {
-            int side = sideOf(p, n);
+            int side = p->sideOf(n);
             if (doomed(p))
                 *link = p->m_next[side];
             else
@@ -660,7 +649,7 @@ void mrBSPPortalizer::freeNodePortals(mrBSPNode* node)
 {
     for (mrBSPPortal* p = node->m_portals; p;)
     {
-        int side = sideOf(p, node);
+        int side = p->sideOf(node);
         if (side < 0)
             break; // a mislinked list cannot be followed any further
         mrBSPPortal* next = p->m_next[side];
@@ -689,7 +678,7 @@ void mrBSPPortalizer::releasePortals(mrBSPNode* head)
     std::vector<mrPlane*> outerPlanes;
     for (mrBSPPortal* p = m_outsideNode.m_portals; p;)
     {
-        int side = sideOf(p, &m_outsideNode);
+        int side = p->sideOf(&m_outsideNode);
         if (side < 0)
             break;
         if (std::find(outerPlanes.begin(), outerPlanes.end(), p->m_plane) == outerPlanes.end())
@@ -776,7 +765,7 @@ void mrBSPPortalizer::numberLeafs_r(mrBSPNode* node)
             n->m_leafnum = m_num_visleafs++;
             for (mrBSPPortal* p = n->m_portals; p;)
             {
-                int side = sideOf(p, n);
+                int side = p->sideOf(n);
                 if (side < 0)
                     break;
                 if (side == 0 && sameContents(p))
@@ -803,7 +792,7 @@ void mrBSPPortalizer::writeLeafPortals(mrBSPNode* node)
 {
     for (mrBSPPortal* p = node->m_portals; p;)
     {
-        int side = sideOf(p, node);
+        int side = p->sideOf(node);
         if (side < 0)
             break;
         mrWinding* w = p->m_winding;
@@ -908,7 +897,7 @@ void mrBSPPortalizer::addLeafPolys(mrBSPNode* node, srModeler& modeler, srModele
 {
     for (mrBSPPortal* p = node->m_portals; p;)
     {
-        int side = sideOf(p, node);
+        int side = p->sideOf(node);
         if (side < 0)
             break;
         if (side == 0)

@@ -15,7 +15,7 @@ bool isOpenLeaf(const mrBSPNode* node) { return node && !node->m_plane && node->
 // bound it.
 const mrBSPNode* across(const mrBSPPortal* p, const mrBSPNode* node, int& side)
 {
-    side = p->m_nodes[0] == node ? 0 : (p->m_nodes[1] == node ? 1 : -1);
+    side = p->sideOf(node);
     return side < 0 ? nullptr : p->m_nodes[1 - side];
 }
 } // namespace

@@ -612,15 +612,6 @@ bool usableWinding(const mrWinding* w, double& reach)
     return true;
 }
 
-int sideOf(const mrBSPPortal* p, const mrBSPNode* node)
-{
-    if (p->m_nodes[0] == node)
-        return 0;
-    if (p->m_nodes[1] == node)
-        return 1;
-    return -1;
-}
-
 class Cutter
 {
 public:
@@ -767,7 +758,7 @@ bool Cutter::prepare(mrBSPNode* head)
     std::vector<mrBSPPortal*> list;
     for (mrBSPPortal* p = head->m_portals; p;)
     {
-        const int side = sideOf(p, head);
+        const int side = p->sideOf(head);
         if (side < 0 || !place.emplace(p, list.size()).second)
             return false;
         const mrBSPNode* other = p->m_nodes[1 - side];
@@ -782,7 +773,7 @@ bool Cutter::prepare(mrBSPNode* head)
     for (size_t i = 0; i < list.size(); ++i)
     {
         mrBSPPortal* p = list[i];
-        const int side = sideOf(p, head);
+        const int side = p->sideOf(head);
         mrBSPNode* other = p->m_nodes[1 - side];
         auto found = outside.find(other);
         if (found == outside.end())
@@ -819,7 +810,7 @@ bool Cutter::prepare(mrBSPNode* head)
         size_t last = 0;
         for (mrBSPPortal* p = const_cast<mrBSPNode*>(o.first)->m_portals; p;)
         {
-            const int side = sideOf(p, o.first);
+            const int side = p->sideOf(o.first);
             const auto found = place.find(p);
             if (side < 0 || found == place.end() || p->m_nodes[1 - side] != head ||
                 (count > 0 && found->second <= last) || ++count > expected)

@@ -1876,6 +1876,13 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         // The back list is gathered in place over the parent's, the front one apart.
         front.clear();
         size_t backCount = 0;
+        auto place = [&](uint32_t id, int side)
+        {
+            if (side == 0)
+                front.push_back(id);
+            else
+                order[backCount++] = id;
+        };
         const size_t n = order.size();
         for (size_t i = 0; i < n; ++i)
         {
@@ -1898,10 +1905,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 }
                 else
                     leaves(id, 1 - side);
-                if (side == 0)
-                    front.push_back(id);
-                else
-                    order[backCount++] = id;
+                place(id, side);
                 continue;
             }
             mrPlane::e_side whole = boundsSide(f.mins, f.maxs, plane);
@@ -1911,10 +1915,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 ++f.flips;
                 const int side = whole == mrPlane::SIDE_FRONT ? 0 : 1;
                 leaves(id, 1 - side);
-                if (side == 0)
-                    front.push_back(id);
-                else
-                    order[backCount++] = id;
+                place(id, side);
                 continue;
             }
             // Whatever dividePlane does, the faces as they are now leave the other side
