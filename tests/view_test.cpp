@@ -12,10 +12,14 @@
 #include <meridbsp/clip/mrClipBSP.h>
 #include <meridbsp/pipeline/mrClipPipeline.h>
 #include <meridbsp/platform/dx/srMeshModel.h>
+#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
+#define STB_IMAGE_IMPLEMENTATION
+#define STBI_ONLY_PNG
+#include <stb/stb_image.h>
+
 #include "MeshReader.h"
-#include "support/HeadlessBrowser.h"
 #include "support/TestSupport.h"
 
 namespace
@@ -23,7 +27,8 @@ namespace
 
 const std::string BINARY = MERIDBSP_BINARY_DIR "/meridbsp";
 const std::string DEMO_LEVEL = MERIDBSP_SOURCE_DIR "/data/demo-level.obj";
-const char* const READY = "window.meridView && meridView.ready";
+const std::string PROBE = MERIDBSP_SOURCE_DIR "/tests/data/view_probe.js";
+const std::string BROWSER = "/usr/bin/chromium";
 
 srVector3T<float> V(float x, float y, float z) { return srVector3T<float>(x, y, z); }
 
@@ -34,6 +39,14 @@ int runTool(const std::string& dir, const std::string& args)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// What a page showed: the values of the expressions asked for, and a screenshot.
+struct Shown
+{
+    nlohmann::json values;
+    int width = 0, height = 0;
+    std::vector<unsigned char> rgb; // row by row from the top
+};
+
 // Pixels of a screenshot sorted by the colours the page's layers use.
 struct Colours
 {
@@ -43,7 +56,7 @@ struct Colours
     long leak = 0;         // the leak path's red
 };
 
-Colours sortColours(const mtest::HeadlessBrowser::Image& image)
+Colours sortColours(const Shown& image)
 {
     Colours c;
     const size_t n = (size_t)image.width * (size_t)image.height;
@@ -77,29 +90,48 @@ protected:
     {
         if (!std::filesystem::exists(BINARY))
             GTEST_SKIP() << BINARY << " is not built (configure with MERIDBSP_BUILD_CLI=ON)";
-        if (mtest::HeadlessBrowser::executable().empty())
-            GTEST_SKIP() << "no headless browser: /usr/bin/chromium is not installed (tools/install-deps.sh --test "
-                            "installs Debian's chromium)";
+        if (!std::filesystem::exists(BROWSER))
+            GTEST_SKIP() << "no headless browser: " << BROWSER
+                         << " is not installed (tools/install-deps.sh --test installs Debian's chromium)";
     }
 
-    // Opens a page the tool wrote in the test's directory; fails the test on any script
-    // error up to the first frame.
-    void open(mtest::HeadlessBrowser& browser, const std::string& page)
+    // Opens a copy of a page the tool wrote in the test's directory, with the probe of
+    // tests/data put first, in headless Chromium at width x height; fails the test on any
+    // script error up to the first frame. The screenshot is also kept in the build tree as
+    // `keepAs` for people to look at.
+    void show(const std::string& page, const std::vector<std::string>& expressions, int width, int height,
+              const std::string& keepAs, Shown& shown)
     {
-        ASSERT_TRUE(browser.ok()) << browser.error();
-        ASSERT_TRUE(browser.open("file://" + dir.file(page), READY, 60.0))
-            << "the page never drew a frame: " << browser.error() << " " << browser.evaluate("meridViewErrors");
-        EXPECT_EQ(browser.evaluate("meridViewErrors"), nlohmann::json::array());
-        EXPECT_TRUE(browser.problems().empty()) << browser.problems().front();
-    }
-
-    // The screenshot, also kept in the build tree for people to look at.
-    mtest::HeadlessBrowser::Image screenshot(mtest::HeadlessBrowser& browser, const std::string& keepAs)
-    {
-        std::string png;
-        mtest::HeadlessBrowser::Image image = browser.screenshot(&png);
-        mtest::writeFile(MERIDBSP_BINARY_DIR "/tests/" + keepAs, png);
-        return image;
+        std::string html = mtest::readFile(dir.file(page));
+        html.insert(html.find("<head>") + 6, "<script>window.meridProbe = " + nlohmann::json(expressions).dump() +
+                                                 ";\n" + mtest::readFile(PROBE) + "</script>");
+        mtest::writeFile(dir.file("probe.html"), html);
+        // The browser's own connections are turned off (machines without a network refuse
+        // them); WebGL runs on the software renderer. Virtual time runs ahead while the page
+        // idles; when the budget is spent the DOM is printed and the screenshot taken.
+        const std::string shot = MERIDBSP_BINARY_DIR "/tests/" + keepAs;
+        const std::string command =
+            "timeout 300 " + BROWSER +
+            " --headless --no-sandbox --disable-gpu --use-angle=swiftshader --enable-unsafe-swiftshader"
+            " --hide-scrollbars --mute-audio --no-first-run --disable-background-networking --disable-quic"
+            " --disable-component-update --disable-sync --virtual-time-budget=60000 --user-data-dir='" +
+            dir.file("profile") + "' --window-size=" + std::to_string(width) + "," + std::to_string(height) +
+            " --screenshot='" + shot + "' --dump-dom 'file://" + dir.file("probe.html") + "' >'" + dir.file("dom") +
+            "' 2>'" + dir.file("browser.log") + "'";
+        ASSERT_EQ(std::system(command.c_str()), 0) << mtest::readFile(dir.file("browser.log"));
+        const std::string dom = mtest::readFile(dir.file("dom")), tag = "<pre id=\"merid-probe\">";
+        const size_t at = dom.find(tag);
+        ASSERT_NE(at, std::string::npos) << "the probe did not run:\n" << dom;
+        const nlohmann::json probe =
+            nlohmann::json::parse(dom.substr(at + tag.size(), dom.find("</pre>", at) - at - tag.size()));
+        ASSERT_TRUE(probe["ready"]) << "the page never drew a frame: " << probe["errors"];
+        EXPECT_EQ(probe["errors"], nlohmann::json::array());
+        shown.values = probe["values"];
+        int channels = 0;
+        unsigned char* pixels = stbi_load(shot.c_str(), &shown.width, &shown.height, &channels, 3);
+        ASSERT_NE(pixels, nullptr) << "no screenshot in " << shot;
+        shown.rgb.assign(pixels, pixels + (size_t)shown.width * (size_t)shown.height * 3);
+        stbi_image_free(pixels);
     }
 };
 
@@ -115,16 +147,16 @@ TEST_F(ViewPageTest, DemoPageOpensOfflineWithoutScriptErrorsAndDrawsItsLayers)
     EXPECT_NE(html.find("three.js authors"), std::string::npos);
     EXPECT_NE(html.find("Permission is hereby granted"), std::string::npos);
 
-    mtest::HeadlessBrowser browser(dir.file("profile"), 1024, 700);
-    open(browser, "view.html");
     // The demo level: nine open leaves joined by twelve portals, and no leak.
-    EXPECT_EQ(browser.evaluate("meridView.data.leaves.contents.filter(c => c !== 1).length"), 9);
-    EXPECT_EQ(browser.evaluate("meridView.data.counts.find(r => r[0] === 'portals between open leaves')[1]"), 12);
-    EXPECT_EQ(browser.evaluate("meridView.data.leak.path"), nullptr);
-
-    const mtest::HeadlessBrowser::Image image = screenshot(browser, "view-demo.png");
-    ASSERT_EQ(image.width, 1024);
-    const Colours c = sortColours(image);
+    Shown shown;
+    ASSERT_NO_FATAL_FAILURE(
+        show("view.html",
+             {"meridView.data.leaves.contents.filter(c => c !== 1).length",
+              "meridView.data.counts.find(r => r[0] === 'portals between open leaves')[1]", "meridView.data.leak.path"},
+             1024, 700, "view-demo.png", shown));
+    EXPECT_EQ(shown.values, nlohmann::json({9, 12, nullptr}));
+    ASSERT_EQ(shown.width, 1024);
+    const Colours c = sortColours(shown);
     EXPECT_GT(c.background, 0.25);
     EXPECT_LT(c.background, 0.9);
     EXPECT_GT(c.slice, 0.03) << "the slice's solid cells";
@@ -141,10 +173,10 @@ TEST_F(ViewPageTest, LeakLayerOfALeakingLevelShowsThePath)
     mtest::writeFile(dir.file("leaky.obj"), obj);
     ASSERT_EQ(runTool(dir.path(), "view leaky.obj --inside 128,128,64 -o leaky.html"), 0);
 
-    mtest::HeadlessBrowser browser(dir.file("profile"), 1024, 700);
-    open(browser, "leaky.html");
-    ASSERT_NE(browser.evaluate("meridView.data.leak.path"), nullptr) << "no leak path in the page";
-    EXPECT_GT(sortColours(screenshot(browser, "view-leak.png")).leak, 200) << "the leak path is not drawn";
+    Shown shown;
+    ASSERT_NO_FATAL_FAILURE(show("leaky.html", {"meridView.data.leak.path"}, 1024, 700, "view-leak.png", shown));
+    ASSERT_NE(shown.values[0], nullptr) << "no leak path in the page";
+    EXPECT_GT(sortColours(shown).leak, 200) << "the leak path is not drawn";
 }
 
 // The page answers point and segment queries itself, from the clip BSP it carries; its
@@ -250,9 +282,10 @@ TEST_F(ViewPageTest, PageAnswersPointsAndTracesExactlyAsTheLibrary)
                                       bits(t.m_planeDist)});
     }
 
-    mtest::HeadlessBrowser browser(dir.file("profile"), 640, 480);
-    open(browser, "torus.html");
-    const nlohmann::json answers = browser.evaluate("meridView.answers(" + p.dump() + ", " + s.dump() + ")");
+    Shown shown;
+    ASSERT_NO_FATAL_FAILURE(show("torus.html", {"meridView.answers(" + p.dump() + ", " + s.dump() + ")"}, 640, 480,
+                                 "view-torus.png", shown));
+    const nlohmann::json& answers = shown.values[0];
     ASSERT_EQ(answers["points"].size(), points.size());
     ASSERT_EQ(answers["traces"].size(), segments.size());
     for (size_t i = 0; i < points.size(); ++i)
