@@ -91,6 +91,12 @@ void queryPair(const mrClipBSP& bsp, const srVector3T<float>& a, const srVector3
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    FuzzSupport::start();
+    return 0;
+}
+
 void FuzzSupport::start()
 {
     static bool started = false;
@@ -123,19 +129,14 @@ void FuzzSupport::fail(const char* what, const std::string& detail)
     std::abort();
 }
 
-void FuzzSupport::checkQueries(const mrClipBSP& bsp, FuzzInput& in)
+void FuzzSupport::checkQueries(const mrClipBSP& bsp, FuzzInput* in)
 {
-    int count = 1 + in.byte() % 8;
-    for (int i = 0; i < count; ++i)
+    for (int i = 0, count = in ? 1 + in->byte() % 8 : 0; i < count; ++i)
     {
-        srVector3T<float> a(in.coordinate(), in.coordinate(), in.coordinate());
-        srVector3T<float> b(in.coordinate(), in.coordinate(), in.coordinate());
+        srVector3T<float> a(in->coordinate(), in->coordinate(), in->coordinate());
+        srVector3T<float> b(in->coordinate(), in->coordinate(), in->coordinate());
         queryPair(bsp, a, b);
     }
-}
-
-void FuzzSupport::checkQueriesNearPlanes(const mrClipBSP& bsp)
-{
     // Points on and just off each plane (where the front/back rule decides), and
     // segments across the bounds.
     uint32_t planes = bsp.m_numplanes < 16 ? bsp.m_numplanes : 16;
@@ -182,7 +183,7 @@ void FuzzSupport::runClipPipeline(srMeshModel* mesh)
     if (!bsp->validate(&why))
         fail("a generated clip BSP does not validate", why);
     bsp->refreshPBlock(nullptr);
-    checkQueriesNearPlanes(*bsp);
+    checkQueries(*bsp);
     const srVector3T<float>* verts = mesh->getVertexLoc();
     long n = mesh->getNumVerts() < 8 ? mesh->getNumVerts() : 8;
     for (long i = 0; verts && i + 1 < n; ++i)

@@ -8,7 +8,7 @@ class mrClipBSP;
 class mrIOManager;
 class srMeshModel;
 
-// What the fuzzers share: one-time start-up of the engine stand-ins and the module, the
+// What the fuzzers share: their start-up (LLVMFuzzerInitialize calls start()), the
 // checks every clip BSP must pass, and the two pipelines run end to end with everything
 // they build released again (so LeakSanitizer sees only real leaks).
 //
@@ -27,10 +27,9 @@ public:
     static void fail(const char* what, const std::string& detail = std::string());
 
     // A clip BSP from outside passed validate(): queries must end and give answers that
-    // agree with each other. `in` supplies the points and segments.
-    static void checkQueries(const mrClipBSP& bsp, FuzzInput& in);
-    // The same with points chosen from the clip BSP's own planes and bounds.
-    static void checkQueriesNearPlanes(const mrClipBSP& bsp);
+    // agree with each other, on points and segments from the clip BSP's own planes and
+    // bounds, and (when given) from `in`.
+    static void checkQueries(const mrClipBSP& bsp, FuzzInput* in = nullptr);
 
     // Save, load, save again: the load must succeed and both saves give the same bytes.
     static void checkRoundTrip(mrClipBSP& bsp);

@@ -59,15 +59,8 @@ void checkReaderPromise(srMeshModel* mesh)
 }
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    FuzzSupport::start();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    FuzzSupport::start();
     if (size < 1)
         return 0;
     static const char* const kHints[] = {"obj", "stl"};

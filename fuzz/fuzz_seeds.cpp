@@ -19,23 +19,18 @@ namespace
 {
 typedef std::vector<unsigned char> Bytes;
 
+// The twelve outward triangles of a box whose corner i has bit k of i set where its
+// coordinate k is the high one.
+const int kBoxTriangles[12][3] = {{1, 3, 7}, {1, 7, 5}, {0, 4, 6}, {0, 6, 2}, {2, 6, 7}, {2, 7, 3},
+                                  {0, 1, 5}, {0, 5, 4}, {4, 5, 7}, {4, 7, 6}, {0, 2, 3}, {0, 3, 1}};
+
 void writeSeed(const std::string& dir, const std::string& name, const Bytes& bytes)
 {
     std::string path = dir + "/" + name;
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size() || std::fclose(f) != 0)
-    {
-        std::fprintf(stderr, "cannot write %s\n", path.c_str());
-        std::exit(1);
-    }
+        FuzzSupport::fail("cannot write", path);
     std::printf("%s (%zu bytes)\n", path.c_str(), bytes.size());
-}
-
-Bytes textSeed(unsigned char control, const char* text)
-{
-    Bytes b(1, control);
-    b.insert(b.end(), text, text + std::strlen(text));
-    return b;
 }
 
 Bytes save(const std::vector<srClass*>& objects)
@@ -43,49 +38,24 @@ Bytes save(const std::vector<srClass*>& objects)
     Bytes out;
     std::string error;
     if (!FuzzSupport::io().saveBuffer(objects, out, &error))
-    {
-        std::fprintf(stderr, "saving a seed failed: %s\n", error.c_str());
-        std::exit(1);
-    }
+        FuzzSupport::fail("saving a seed failed", error);
     return out;
 }
 
-// A closed box of twelve outward triangles.
-void addBox(srMeshModel& mesh, float lo, float hi)
+// A mesh file after the control byte of fuzz_mesh_import.
+Bytes textSeed(unsigned char control, const char* text)
 {
-    int base = (int)mesh.getNumVerts();
-    for (int i = 0; i < 8; ++i)
-        mesh.addVertex(srVector3T<float>(i & 1 ? hi : lo, i & 2 ? hi : lo, i & 4 ? hi : lo));
-    static const int kQuads[6][4] = {{1, 3, 7, 5}, {0, 4, 6, 2}, {2, 6, 7, 3},
-                                     {0, 1, 5, 4}, {4, 5, 7, 6}, {0, 2, 3, 1}};
-    for (const auto& q : kQuads)
-    {
-        mesh.addPolygon(base + q[0], base + q[1], base + q[2]);
-        mesh.addPolygon(base + q[0], base + q[2], base + q[3]);
-    }
+    Bytes b(1, control);
+    b.insert(b.end(), text, text + std::strlen(text));
+    return b;
 }
 
-mrClipBSP* slab()
+// Coordinates as the fuzzers read them (FuzzInput::coordinate): kind 0, then v + 128
+// quarter units.
+void addCoordinates(Bytes& b, std::initializer_list<int> values)
 {
-    mrClipBSP* bsp = new mrClipBSP;
-    bsp->m_numplanes = 2;
-    bsp->m_planes = mrClipBSP::allocPlanes(2);
-    bsp->m_planes[0].m_normal = srVector3T<float>(1, 0, 0);
-    bsp->m_planes[0].m_dist = 4;
-    bsp->m_planes[1].m_normal = srVector3T<float>(-1, 0, 0);
-    bsp->m_planes[1].m_dist = 4;
-    bsp->m_numnodes = 2;
-    bsp->m_nodes = mrClipBSP::allocNodes(2);
-    bsp->m_nodes[0].planeIndex = 0;
-    bsp->m_nodes[0].child[0] = -1;
-    bsp->m_nodes[0].child[1] = 1;
-    bsp->m_nodes[1].planeIndex = 1;
-    bsp->m_nodes[1].child[0] = -1;
-    bsp->m_nodes[1].child[1] = -3;
-    bsp->m_mins = srVector3T<float>(-4, -1e9f, -1e9f);
-    bsp->m_maxs = srVector3T<float>(4, 1e9f, 1e9f);
-    bsp->refreshPBlock(nullptr);
-    return bsp;
+    for (int v : values)
+        b.insert(b.end(), {0, (unsigned char)(v + 128)});
 }
 
 void chunkSeeds(const std::string& dir)
@@ -100,27 +70,37 @@ void chunkSeeds(const std::string& dir)
     box->setName("box");
     writeSeed(dir, "box.mrc", save({box}));
 
-    mrClipBSP* s = slab();
-    writeSeed(dir, "slab.mrc", save({s}));
-    writeSeed(dir, "two.mrc", save({box, s}));
+    // The slab -4 <= x <= 4, marked solid.
+    mrClipBSP* slab = new mrClipBSP;
+    slab->m_numplanes = slab->m_numnodes = 2;
+    slab->m_planes = mrClipBSP::allocPlanes(2);
+    slab->m_planes[0] = mrPlane(1, 0, 0, 4);
+    slab->m_planes[1] = mrPlane(-1, 0, 0, 4);
+    slab->m_nodes = mrClipBSP::allocNodes(2);
+    slab->m_nodes[0] = mrClipNode{0, {-1, 1}};
+    slab->m_nodes[1] = mrClipNode{1, {-1, -3}};
+    slab->m_mins = srVector3T<float>(-4, -1e9f, -1e9f);
+    slab->m_maxs = srVector3T<float>(4, 1e9f, 1e9f);
+    slab->refreshPBlock(nullptr);
+    writeSeed(dir, "slab.mrc", save({slab}));
+    writeSeed(dir, "two.mrc", save({box, slab}));
 
+    // A box inside a box: a tree with empty and solid cells.
     srMeshModel* mesh = new srMeshModel(0, 0);
-    addBox(*mesh, -8, 8);
-    addBox(*mesh, -2, 2); // a box inside a box: a tree with empty and solid cells
+    for (float size : {8.0f, 2.0f})
+    {
+        int base = (int)mesh->getNumVerts();
+        for (int i = 0; i < 8; ++i)
+            mesh->addVertex(srVector3T<float>(i & 1 ? size : -size, i & 2 ? size : -size, i & 4 ? size : -size));
+        for (const auto& t : kBoxTriangles)
+            mesh->addPolygon(base + t[0], base + t[1], base + t[2]);
+    }
     srVector3T<float> offset(0, 0, 0);
     srMatrix3T<float> identity;
-    mrClipBSP* generated = nullptr;
-    {
-        mrClipBSPGen gen;
-        generated = gen.importMeshModel(mesh, offset, identity);
-    }
+    mrClipBSP* generated = mrClipBSPGen().importMeshModel(mesh, offset, identity);
     writeSeed(dir, "generated.mrc", save({generated}));
-    generated->release();
-    mesh->release();
-
-    empty->release();
-    box->release();
-    s->release();
+    for (srClass* o : std::vector<srClass*>{generated, mesh, empty, box, slab})
+        o->release();
 }
 
 void clipQuerySeeds(const std::string& dir)
@@ -128,27 +108,23 @@ void clipQuerySeeds(const std::string& dir)
     // The six-plane box, laid out as the fuzzer reads it: control, plane count - 1,
     // node count - 1; per plane three normal bytes (0, 1, 2 give 0, 1, -1) and a
     // distance (kind 0, value byte 192: 16); per node the plane byte and two child bytes
-    // (160: empty leaf, 161: solid leaf, 0: the next node); then segment coordinates.
+    // (160: empty leaf, 161: solid leaf, 0: the next node); then four segments.
     Bytes box = {0x00, 5, 5};
     const unsigned char normals[6][3] = {{1, 0, 0}, {2, 0, 0}, {0, 1, 0}, {0, 2, 0}, {0, 0, 1}, {0, 0, 2}};
     for (auto& n : normals)
         box.insert(box.end(), {n[0], n[1], n[2], 0, 192});
     for (unsigned char i = 0; i < 6; ++i)
         box.insert(box.end(), {i, 160, (unsigned char)(i < 5 ? 0 : 161)});
-    box.push_back(3); // four segments, coordinates in quarter units
-    const int segs[4][6] = {
-        {-128, 0, 0, 0, 0, 0}, {-128, 0, 0, -80, 0, 0}, {0, 0, 0, 127, 0, 0}, {-100, -100, -100, 100, 100, 100}};
-    for (auto& seg : segs)
-        for (int v : seg)
-            box.insert(box.end(), {0, (unsigned char)(v + 128)});
+    box.push_back(3);
+    addCoordinates(box,
+                   {-128, 0, 0, 0, 0, 0, -128, 0, 0, -80, 0, 0, 0, 0, 0, 127, 0, 0, -100, -100, -100, 100, 100, 100});
     writeSeed(dir, "box-tree", box);
 
+    // A box from two corners, two segments, and the round trip.
     Bytes made = {0x80 | 0x40};
-    for (int v : {-64, -64, -64, 64, 64, 64})
-        made.insert(made.end(), {0, (unsigned char)(v + 128)});
+    addCoordinates(made, {-64, -64, -64, 64, 64, 64});
     made.push_back(1);
-    for (int v : {-128, 3, 1, 127, -3, -1, 0, 0, 0, 0, 0, 127})
-        made.insert(made.end(), {0, (unsigned char)(v + 128)});
+    addCoordinates(made, {-128, 3, 1, 127, -3, -1, 0, 0, 0, 0, 0, 127});
     writeSeed(dir, "made-box", made);
 
     // Longer pseudo-random descriptions: deep chains and mixed leaves.
@@ -186,13 +162,10 @@ void meshSeeds(const std::string& dir)
 
     // Raw mode: eight box corners as quarter units, then the twelve triangles.
     Bytes raw = {0x80, 8 - 3};
-    for (int i = 0; i < 8; ++i)
-        for (int a = 0; a < 3; ++a)
-            raw.insert(raw.end(), {0, (unsigned char)(((i >> a) & 1) ? 128 + 32 : 128 - 32)});
+    for (int i = 0; i < 24; ++i)
+        addCoordinates(raw, {(i / 3 >> i % 3) & 1 ? 32 : -32});
     raw.push_back(12);
-    const int tris[12][3] = {{1, 3, 7}, {1, 7, 5}, {0, 4, 6}, {0, 6, 2}, {2, 6, 7}, {2, 7, 3},
-                             {0, 1, 5}, {0, 5, 4}, {4, 5, 7}, {4, 7, 6}, {0, 2, 3}, {0, 3, 1}};
-    for (auto& t : tris)
+    for (const auto& t : kBoxTriangles)
         raw.insert(raw.end(), {(unsigned char)t[0], (unsigned char)t[1], (unsigned char)t[2]});
     writeSeed(dir, "raw-box", raw);
     // The same corners with one coordinate replaced by a NaN (raw float bytes).
