@@ -8,13 +8,13 @@
 #include <map>
 #include <numeric>
 #include <set>
+#include <tuple>
 
 #include <meridbsp/io/mrClipBSPIOHandler.h>
 #include <meridbsp/platform/core/mrCore.h>
 #include <meridbsp/platform/dx/srOutput.h>
 #include <meridbsp/platform/geom/mrMaterial.h>
 #include <meridbsp/solid/mrBSPTree.h>
-#include <unistd.h>
 
 namespace mtest
 {
@@ -58,11 +58,10 @@ void AssertRecorder::expect(std::initializer_list<Expected> expected) const
     for (const Expected& e : expected)
     {
         const AssertReport& r = g_reports[i++];
-        EXPECT_EQ(r.expression, e.expression) << "report " << i - 1;
-        EXPECT_EQ(r.source, e.source) << "report " << i - 1;
-        EXPECT_EQ(r.line, e.line ? e.line : r.line) << "report " << i - 1;
-        EXPECT_EQ(r.hasMessage, e.message != nullptr) << "report " << i - 1;
-        EXPECT_EQ(r.message, e.message ? e.message : "") << "report " << i - 1;
+        EXPECT_EQ(std::make_tuple(r.expression, r.source, r.line, r.hasMessage, r.message),
+                  std::make_tuple(std::string(e.expression), std::string(e.source), e.line ? e.line : r.line,
+                                  e.message != nullptr, std::string(e.message ? e.message : "")))
+            << "report " << i - 1;
     }
 }
 
@@ -95,40 +94,26 @@ TempDir::~TempDir()
     std::filesystem::remove_all(m_path, ec);
 }
 
-namespace
-{
 typedef srVector3T<float> V;
-
-// Quad a, b, c, d (counter-clockwise seen from the side the normal points to) as two triangles.
-void addQuad(srMeshModel& mesh, V a, V b, V c, V d)
-{
-    long i = mesh.addVertex(a);
-    mesh.addVertex(b);
-    mesh.addVertex(c);
-    mesh.addVertex(d);
-    mesh.addPolygon((int)i, (int)i + 1, (int)i + 2);
-    mesh.addPolygon((int)i, (int)i + 2, (int)i + 3);
-}
-
-float lo(const V& a, int k) { return a[k]; }
-} // namespace
 
 void addRect(srMeshModel& mesh, int axis, float at, float u0, float u1, float v0, float v1, int sign)
 {
-    int ua = (axis + 1) % 3, va = (axis + 2) % 3;
-    auto P = [&](float u, float v)
+    // (ua x va) = +axis for the cyclic order, so u then v counter-clockwise faces +axis;
+    // facing -axis swaps the second and fourth corners.
+    const int ua = (axis + 1) % 3, va = (axis + 2) % 3;
+    const float us[4] = {u0, sign > 0 ? u1 : u0, u1, sign > 0 ? u0 : u1};
+    const float vs[4] = {v0, sign > 0 ? v0 : v1, v1, sign > 0 ? v1 : v0};
+    const int i = (int)mesh.getNumVerts();
+    for (int k = 0; k < 4; ++k)
     {
         V p;
         p[axis] = at;
-        p[ua] = u;
-        p[va] = v;
-        return p;
-    };
-    // (ua x va) = +axis for the cyclic order, so u then v counter-clockwise faces +axis.
-    if (sign > 0)
-        addQuad(mesh, P(u0, v0), P(u1, v0), P(u1, v1), P(u0, v1));
-    else
-        addQuad(mesh, P(u0, v0), P(u0, v1), P(u1, v1), P(u1, v0));
+        p[ua] = us[k];
+        p[va] = vs[k];
+        mesh.addVertex(p);
+    }
+    mesh.addPolygon(i, i + 1, i + 2);
+    mesh.addPolygon(i, i + 2, i + 3);
 }
 
 int addTriangle(srMeshModel& mesh, V a, V b, V c)
@@ -191,8 +176,8 @@ void addBox(srMeshModel& mesh, V mins, V maxs, bool outward)
     {
         int ua = (axis + 1) % 3, va = (axis + 2) % 3;
         int s = outward ? 1 : -1;
-        addRect(mesh, axis, maxs[axis], lo(mins, ua), maxs[ua], lo(mins, va), maxs[va], s);
-        addRect(mesh, axis, mins[axis], lo(mins, ua), maxs[ua], lo(mins, va), maxs[va], -s);
+        addRect(mesh, axis, maxs[axis], mins[ua], maxs[ua], mins[va], maxs[va], s);
+        addRect(mesh, axis, mins[axis], mins[ua], maxs[ua], mins[va], maxs[va], -s);
     }
 }
 
@@ -441,10 +426,6 @@ std::string readFile(const std::string& path)
 
 void writeFile(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
-std::string currentDirectory() { return std::filesystem::current_path().string(); }
-
-int changeDirectory(const std::string& dir) { return chdir(dir.c_str()); }
-
 PortalFile parsePortalFile(const std::string& text)
 {
     PortalFile out;
@@ -479,27 +460,27 @@ PortalFile parsePortalFile(const std::string& text)
 
 size_t connectedLeafGroups(const PortalFile& prt)
 {
-    std::vector<int> parent((size_t)std::max(prt.leafs, 0));
-    std::iota(parent.begin(), parent.end(), 0);
-    auto root = [&parent](int i)
+    // Each leaf starts in its own group; portals pass the smaller group number across
+    // until no portal joins two numbers.
+    std::vector<int> group((size_t)std::max(prt.leafs, 0));
+    std::iota(group.begin(), group.end(), 0);
+    for (bool changed = true; changed;)
     {
-        while (parent[(size_t)i] != i)
-            i = parent[(size_t)i] = parent[(size_t)parent[(size_t)i]];
-        return i;
-    };
-    for (const PortalFile::Line& l : prt.lines)
-    {
-        if (l.leaf[0] < 0 || l.leaf[0] >= prt.leafs || l.leaf[1] < 0 || l.leaf[1] >= prt.leafs)
+        changed = false;
+        for (const PortalFile::Line& l : prt.lines)
         {
-            ADD_FAILURE() << "portal between leaves " << l.leaf[0] << " and " << l.leaf[1] << " of " << prt.leafs;
-            continue;
+            if (l.leaf[0] < 0 || l.leaf[0] >= prt.leafs || l.leaf[1] < 0 || l.leaf[1] >= prt.leafs)
+            {
+                ADD_FAILURE() << "portal between leaves " << l.leaf[0] << " and " << l.leaf[1] << " of " << prt.leafs;
+                return 0;
+            }
+            int& a = group[(size_t)l.leaf[0]];
+            int& b = group[(size_t)l.leaf[1]];
+            changed |= a != b;
+            a = b = std::min(a, b);
         }
-        parent[(size_t)root(l.leaf[0])] = root(l.leaf[1]);
     }
-    std::set<int> groups;
-    for (int i = 0; i < prt.leafs; ++i)
-        groups.insert(root(i));
-    return groups.size();
+    return std::set<int>(group.begin(), group.end()).size();
 }
 
 uint64_t fnv1a(const std::string& bytes)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <initializer_list>
 #include <memory>
 #include <sstream>
@@ -186,15 +187,13 @@ template <class F> void onSmallStack(size_t bytes, F f)
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
 
-std::string currentDirectory();
-int changeDirectory(const std::string& dir);
 // Runs f with the current directory switched to dir.
 template <class F> void inDirectory(const std::string& dir, F f)
 {
-    std::string old = currentDirectory();
-    ASSERT_EQ(changeDirectory(dir), 0);
+    const std::filesystem::path old = std::filesystem::current_path();
+    std::filesystem::current_path(dir);
     f();
-    ASSERT_EQ(changeDirectory(old), 0);
+    std::filesystem::current_path(old);
 }
 
 // What f writes to the process's standard output.
