@@ -1,7 +1,6 @@
 // The view page, opened as people open it: the tool writes the page, headless Chromium
 // loads it from disk, and the tests look at what it draws and at the answers its scripts
 // give. Without a browser the page tests are skipped.
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +18,7 @@
 #define STBI_ONLY_PNG
 #include <stb/stb_image.h>
 
+#include "BenchMesh.h"
 #include "MeshReader.h"
 #include "support/TestSupport.h"
 
@@ -184,23 +184,17 @@ TEST_F(ViewPageTest, LeakLayerOfALeakingLevelShowsThePath)
 // float rounding of each step matters.
 TEST_F(ViewPageTest, PageAnswersPointsAndTracesExactlyAsTheLibrary)
 {
-    srMeshModel* torus = new srMeshModel(0, 0);
-    mtest::addTorus(*torus, 96.5f, 31.25f, 24, 12);
+    BenchMesh torus("torus", "torus", BenchMesh::ORIENT_OUTWARD);
+    mtest::addTorus(*torus.mesh(), 96.5f, 31.25f, 24, 12);
     // In the hole, about the middle plane x = 0 (the root): a solid block up to x = -0.03,
     // a solid sheet from x = 0 to 0.01 and a block that keeps the middle at 0. A segment
     // from x = 1 into the first block is cut at x = 0 first, stops at x = -0.03, and its
     // crossing point, inside the sheet, backs off.
-    mtest::addBox(*torus, V(-10, -1, -1), V(-0.03f, 1, 1), true);
-    mtest::addBox(*torus, V(0, -1, -1), V(0.01f, 1, 1), true);
-    mtest::addBox(*torus, V(9, -1, -1), V(10, 1, 1), true);
-    std::string obj;
-    char line[128];
-    for (const srVector3T<float>& v : torus->m_verts)
-        obj.append(line, (size_t)std::snprintf(line, sizeof line, "v %.9g %.9g %.9g\n", v.x, v.y, v.z));
-    for (const srVector3i& t : torus->m_polyVerts)
-        obj.append(line, (size_t)std::snprintf(line, sizeof line, "f %d %d %d\n", t.x + 1, t.y + 1, t.z + 1));
-    torus->release();
-    mtest::writeFile(dir.file("torus.obj"), obj);
+    mtest::addBox(*torus.mesh(), V(-10, -1, -1), V(-0.03f, 1, 1), true);
+    mtest::addBox(*torus.mesh(), V(0, -1, -1), V(0.01f, 1, 1), true);
+    mtest::addBox(*torus.mesh(), V(9, -1, -1), V(10, 1, 1), true);
+    torus.finish();
+    ASSERT_TRUE(torus.writeObj(dir.file("torus.obj")));
     ASSERT_EQ(runTool(dir.path(), "view torus.obj -o torus.html"), 0);
 
     // The library's clip BSP of the mesh the tool read.
@@ -219,6 +213,7 @@ TEST_F(ViewPageTest, PageAnswersPointsAndTracesExactlyAsTheLibrary)
         seed = seed * 1664525u + 1013904223u;
         return lo + (hi - lo) * (float)(seed >> 8) / 16777216.0f;
     };
+    auto scaled = [](const srVector3T<float>& v, float k) { return V(v.x * k, v.y * k, v.z * k); };
     auto randomPoint = [&]()
     {
         return srVector3T<float>(random(bsp.m_mins.x - 8, bsp.m_maxs.x + 8), random(bsp.m_mins.y - 8, bsp.m_maxs.y + 8),
@@ -246,14 +241,12 @@ TEST_F(ViewPageTest, PageAnswersPointsAndTracesExactlyAsTheLibrary)
         const srVector3T<float>& b = mesh->m_verts[tri.y];
         const srVector3T<float>& c = mesh->m_verts[tri.z];
         const srVector3T<float> centre((a.x + b.x + c.x) / 3, (a.y + b.y + c.y) / 3, (a.z + b.z + c.z) / 3);
-        const srVector3T<float> out(centre.x * 1.2f, centre.y * 1.2f, centre.z * 1.2f);
         for (float k : {0.999f, 1.0f, 1.001f})
-            points.push_back(srVector3T<float>(centre.x * k, centre.y * k, centre.z * k));
-        segments.push_back({out, srVector3T<float>(centre.x * 0.9f, centre.y * 0.9f, centre.z * 0.9f)});
+            points.push_back(scaled(centre, k));
+        segments.push_back({scaled(centre, 1.2f), scaled(centre, 0.9f)});
         // Grazing the surface from one centre to the last: crossings near edges back off.
         if (t > 0)
-            segments.push_back({srVector3T<float>(centre.x * 1.002f, centre.y * 1.002f, centre.z * 1.002f),
-                                srVector3T<float>(previous.x * 0.998f, previous.y * 0.998f, previous.z * 0.998f)});
+            segments.push_back({scaled(centre, 1.002f), scaled(previous, 0.998f)});
         previous = centre;
     }
     mesh->release();
