@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <ostream>
 
 #include <meridbsp/clip/mrClipBSP.h>
@@ -31,11 +32,9 @@ void quietAssert(const char*, const char*, long, const char*) { ++g_asserts; }
 
 void removeScratch()
 {
-    if (g_scratch.empty())
-        return;
-    std::remove((g_scratch + "/test.prt").c_str());
-    std::remove((g_scratch + "/test.prt.tmp").c_str());
-    ::rmdir(g_scratch.c_str());
+    std::error_code ec;
+    if (!g_scratch.empty())
+        std::filesystem::remove_all(g_scratch, ec);
 }
 
 bool sameBits(const srVector3T<float>& a, const srVector3T<float>& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
