@@ -41,7 +41,7 @@ TSAN_TESTS ?= AnyNumberOfThreads|ClipPipeline|HostileMeshes
 test-tsan: deps
 	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERIDBSP_SANITIZE=thread \
 	  -DMERIDBSP_BUILD_BENCH=OFF -DMERIDBSP_BUILD_CLI=OFF $(CMAKE_FLAGS) >/dev/null
-	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target collision_determinism_test pipeline_test robustness_test
+	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target collision_determinism_test determinism_test solid_test pipeline_test robustness_test
 	@cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tools/tsan-suppressions.txt" \
 	  ctest --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)'
 

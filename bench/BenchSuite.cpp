@@ -183,6 +183,23 @@ void BenchSuite::registerAll()
 #endif
     registerFamily("vis_build", &BenchSuite::visMidSplit, "/mid_split");
     registerFamily("vis_build", &BenchSuite::visNormal, "/normal");
+    // The visibility pipeline on several threads, in wall time, in both modes (1 thread is
+    // vis_build itself).
+    for (std::unique_ptr<Entry>& up : m_entries)
+        for (const char* mode : {"mid_split", "normal"})
+            for (int threads : counts)
+            {
+                Entry* e = up.get();
+                const bool midSplit = std::string(mode) == "mid_split";
+                const std::string name =
+                    "vis_build/" + e->mesh->name() + "/" + mode + "/threads:" + std::to_string(threads);
+                benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(
+                    name.c_str(), [this, e, midSplit, threads](benchmark::State& st)
+                    { visBuild(st, *e, midSplit, threads); });
+                b->Unit(benchmark::kMillisecond)->UseRealTime();
+                if (m_options.tiny)
+                    b->Iterations(1);
+            }
     registerFamily("chunk_save", &BenchSuite::chunkSave);
     registerFamily("chunk_load", &BenchSuite::chunkLoad);
     registerFamily("point_info", &BenchSuite::pointInfo);
@@ -438,20 +455,28 @@ void BenchSuite::queriesFromThreads(benchmark::State& st, Entry& e, bool points)
     st.counters["wall_s"] = benchmark::Counter(wall, benchmark::Counter::kAvgThreads);
 }
 
-void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
+void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit, int threads)
 {
     const std::string family = midSplit ? "vis_build_mid_split" : "vis_build_normal";
     // Until two sizes have run, both modes are assumed quadratic (normal mode measured
-    // about n^2.2 on spheres once partition selection stopped early).
+    // about n^2.2 on spheres once partition selection stopped early). The thread-count
+    // variants are skipped where the single-threaded build is.
     if (skipByPrediction(st, family, e, 2.0, m_options.maxSeconds))
         return;
     // The library's one-call pipeline, timed per stage through its progress reports (a
     // stage starts with done = 0 and ends with done = total); what follows the last stage
-    // is releasing the portals and the tree.
+    // is releasing the portals and the tree. On one thread the times are the thread's CPU
+    // time; on several, wall time (the benchmark is then timed in wall time too).
     mrVisPipeline::Settings settings;
     settings.midSplit = midSplit;
     settings.portalFile = m_options.portalDir + "/test.prt";
     settings.findLeaks = false;
+    settings.threads = threads;
+    auto now = [threads]()
+    {
+        return threads == 1 ? Clock::now()
+                            : std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    };
     std::map<std::string, double> stageTime;
     std::string current;
     Clock::time_point stageStart = 0;
@@ -460,10 +485,10 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
         if (done == 0)
         {
             current = stage;
-            stageStart = Clock::now();
+            stageStart = now();
         }
         else if (done == total && current == stage)
-            stageTime[current] += secondsSince(stageStart);
+            stageTime[current] += now() - stageStart;
     };
     double tAll = 0;
     int32_t splitNodes = 0, visleafs = 0, visportals = 0;
@@ -473,12 +498,12 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
     {
         mrVisPipeline::Result result;
         std::string error;
-        Clock::time_point t = Clock::now();
+        const double t = now();
         {
             StdoutSilencer quiet;
             fileOk = mrVisPipeline::run(e.mesh->mesh(), settings, result, error) && fileOk;
         }
-        tAll += secondsSince(t);
+        tAll += now() - t;
         st.PauseTiming();
         splitNodes = result.numSplitNodes;
         visleafs = result.numVisleafs;
@@ -494,7 +519,8 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit)
                  tFile = stageTime["portal file"], tMesh = stageTime["portal mesh"], tFree = tAll - tStages;
     if (!fileOk)
         st.SkipWithError("the portal file could not be written");
-    recordTime(family, e, tAll / (double)st.iterations());
+    if (threads == 1)
+        recordTime(family, e, tAll / (double)st.iterations());
     st.counters["triangles"] = (double)e.mesh->numTriangles();
     st.counters["split_nodes"] = splitNodes;
     st.counters["visleafs"] = visleafs;

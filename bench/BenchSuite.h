@@ -67,7 +67,9 @@ private:
     void clipBuildThreads(benchmark::State& st, Entry& e, int threads);
     // pointInfo or checkCollision from every benchmark thread at once on one clip BSP.
     void queriesFromThreads(benchmark::State& st, Entry& e, bool points);
-    void visBuild(benchmark::State& st, Entry& e, bool midSplit);
+    // The one-call visibility pipeline on `threads` threads (1: its own steps, CPU time;
+    // more: the parallel build, wall time).
+    void visBuild(benchmark::State& st, Entry& e, bool midSplit, int threads = 1);
     void visNormal(benchmark::State& st, Entry& e) { visBuild(st, e, false); }
     void visMidSplit(benchmark::State& st, Entry& e) { visBuild(st, e, true); }
     void chunkSave(benchmark::State& st, Entry& e);

@@ -90,7 +90,8 @@ struct Outcome
     int32_t counters[6]; // split nodes, leaf faces, node faces, solid, empty, linked
     uint32_t numPlanes, numSurfaces;
     int32_t visleafs, visportals, polycount, degenerate;
-    size_t reports; // assertion reports along the way
+    size_t reports;         // assertion reports along the way
+    std::string reportText; // and what they said, in order
 };
 
 // An outcome as written in the table below; compared whole, so a failure shows both rows.
@@ -115,13 +116,13 @@ struct Bytes
 
 // bounds false leaves every surface's bounds as constructed, so partition selection
 // scores against empty boxes and the generator may not trust them for anything.
-Outcome runPipeline(srMeshModel& mesh, int midSplit, bool bounds)
+Outcome runPipeline(srMeshModel& mesh, int midSplit, bool bounds, int threads = 1)
 {
     Outcome out{};
     mtest::AssertRecorder rec;
     mtest::LogCapture log;
     {
-        mtest::VisRun run(mesh, midSplit, bounds);
+        mtest::VisRun run(mesh, midSplit, bounds, threads);
         out.numPlanes = run.builder.m_numplanes;
         out.numSurfaces = run.builder.m_numsurfaces;
         std::map<const mrPlane*, int32_t> planeIndex;
@@ -178,6 +179,8 @@ Outcome runPipeline(srMeshModel& mesh, int midSplit, bool bounds)
         out.tree = mtest::fnv1a(t.s);
     }
     out.reports = rec.reports().size();
+    for (const mtest::AssertReport& r : rec.reports())
+        out.reportText += r.expression + "|" + r.source + "|" + std::to_string(r.line) + "|" + r.message + "\n";
     return out;
 }
 
@@ -238,6 +241,24 @@ TEST_P(PinnedResults, EveryResultMatchesItsPin)
         std::printf("pin: %s %s %s %s\n", p.mesh.c_str(), p.mode.c_str(), hash.c_str(), row(o).c_str());
     EXPECT_EQ(hash, p.meshHash) << "the generated mesh changed";
     EXPECT_EQ(row(o), p.expect);
+}
+
+// The parallel build on 2, 3 and 8 threads, every node taking every parallel step: the
+// same outcome as on one, reports included, in the same order.
+TEST_P(PinnedResults, EveryResultIsTheSameOnAnyNumberOfThreads)
+{
+    const Pin& p = GetParam();
+    srMeshModel mesh;
+    buildMesh(p.mesh, mesh);
+    const int midSplit = p.mode.rfind("mid_split", 0) == 0;
+    const bool bounds = p.mode.find("_nobounds") == std::string::npos;
+    const Outcome one = runPipeline(mesh, midSplit, bounds);
+    for (int threads : {2, 3, 8})
+    {
+        const Outcome many = runPipeline(mesh, midSplit, bounds, threads);
+        EXPECT_EQ(row(many), row(one)) << threads << " threads";
+        EXPECT_EQ(many.reportText, one.reportText) << threads << " threads";
+    }
 }
 
 const std::vector<Pin> kPins = loadPins();

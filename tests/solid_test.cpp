@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <limits>
+#include <sstream>
 #include <tuple>
 #include <vector>
 
@@ -506,6 +507,47 @@ TEST(Generate, CubesAreSolidOrEmptyInsideAndCountersAgreeWithTheTree)
                     EXPECT_EQ(leafAt(head, open)->m_contents, 0);
             }
         }
+}
+
+// Leaves whose faces carry contents are reported. A parallel build (every node taking
+// every parallel step) makes the same reports, in one thread's order, and the same
+// counters.
+TEST(Generate, ReportsAndCountersAreTheSameOnAnyNumberOfThreads)
+{
+    srMeshModel mesh;
+    mtest::addGridLevel(mesh, 3, 3, 0x4D424350u);
+    auto build = [&mesh](int threads)
+    {
+        mtest::AssertRecorder rec;
+        mrBSPSurfaceBuilder builder;
+        mrBSPSurface* list = builder.buildSurfaces(&mesh);
+        int i = 0;
+        for (mrBSPSurface* s = list; s; s = s->m_next)
+        {
+            s->calcBounds();
+            for (mrBSPFace* f = s->m_faces; f; f = f->m_next)
+                f->m_contents = i++ % 7 == 0 ? 1 : 0;
+        }
+        mrSolidBSP bsp;
+        mrSolidBSP::ParallelShare everyStep;
+        everyStep.minList = 2;
+        everyStep.grain = 1;
+        everyStep.minTask = 1;
+        mrBSPNode* head = threads == 1 ? bsp.generate(list, 0) : bsp.generateParallel(list, 0, threads, everyStep);
+        std::ostringstream text;
+        for (const mtest::AssertReport& r : rec.reports())
+            text << r.expression << '|' << r.line << '|' << r.message << '\n';
+        for (int c : counts(bsp))
+            text << c << ' ';
+        mrBSPTree::release(head);
+        builder.releasePlanes();
+        return text.str();
+    };
+    const std::string one = build(1);
+    EXPECT_NE(one.find("Mixed face contents in leafnode"), std::string::npos);
+    EXPECT_NE(one.find("!leafnode->m_contents"), std::string::npos);
+    for (int threads : {2, 3, 8})
+        EXPECT_EQ(build(threads), one) << threads << " threads";
 }
 
 // ---------------------------------------------------------------- releasing trees

@@ -49,6 +49,11 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
         error = "no mesh";
         return false;
     }
+    if (settings.threads < 0)
+    {
+        error = "a negative thread count";
+        return false;
+    }
 
     mrBSPSurfaceBuilder builder;
     mrBSPSurface* surfaces = nullptr;
@@ -73,7 +78,8 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
     mrBSPNode* head = nullptr;
     {
         mrProgress::Stage stage(settings.progress, "solid BSP", result.faces);
-        head = generator.generate(surfaces, settings.midSplit ? 1 : 0);
+        head = settings.threads == 1 ? generator.generate(surfaces, settings.midSplit ? 1 : 0)
+                                     : generator.generateParallel(surfaces, settings.midSplit ? 1 : 0, settings.threads);
     }
     result.numSplitNodes = generator.m_numSplitNodes;
     result.numLeafFaces = generator.m_numLeafFaces;

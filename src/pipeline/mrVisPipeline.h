@@ -56,6 +56,13 @@ public:
         // "portals" (decision nodes cut, of all), "portal file", "portal mesh", "leaks".
         // Unset by default; it changes no result.
         mrProgress::Callback progress;
+        // Threads the build may use: 1 (the default) runs the module's own steps on the
+        // calling thread; 0 takes every core the process may run on (its CPU affinity); N
+        // up to N. Every result is the same for every count: the tree, the counters, the
+        // portal file's bytes, the portal mesh and the log lines. The portalizer's
+        // counters, material table and portal file and the random numbers are still only
+        // touched from the calling thread, in the same order.
+        int threads = 1;
     };
 
     struct Result
@@ -100,6 +107,6 @@ public:
     };
 
     // False with `error` set when an output cannot be written; the counters are filled
-    // up to that point. A null mesh is an error.
+    // up to that point. A null mesh and a negative thread count are errors.
     static bool run(srMeshModel* mesh, const Settings& settings, Result& result, std::string& error);
 };

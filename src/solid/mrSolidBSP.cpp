@@ -1,20 +1,46 @@
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <set>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
+#include <meridbsp/clip/mrThreadHandoff.h>
 #include <meridbsp/geometry/mrMedianTree.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/solid/mrSolidBSP.h>
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/info.h>
+#include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/task_arena.h>
+#include <oneapi/tbb/task_group.h>
 
 namespace
 {
 const char* const kSource = "mrSolidBSP";
+
+// body(first, last) over [0, n): on the current task arena's threads when `parallel`,
+// else here. Each share writes only what belongs to its own range.
+template <class Body> void forShares(bool parallel, size_t n, size_t grain, const Body& body)
+{
+    if (!parallel || n < 2 * grain)
+    {
+        body((size_t)0, n);
+        return;
+    }
+    const char token = 0;
+    const auto share = [&body](const tbb::blocked_range<size_t>& r) { body(r.begin(), r.end()); };
+    mrThreadHandoff::handingOver();
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, n, grain), mrThreadHandoff::task(share, &token));
+    mrThreadHandoff::finished(&token);
+}
 
 // Dominant axis of a plane: the first axis whose float |N_k| beats the float weight,
 // which starts at -8192; -1 only for a normal whose components are all NaN (part of the
@@ -385,10 +411,13 @@ public:
 
     // The position in `order` of the choice. order: the list, as numbers of facts in list
     // order; boxes: the points' box of each surface's faces by position, or null to take
-    // the facts' own bounds (when they hold every point).
+    // the facts' own bounds (when they hold every point). parallel: a long list's counting
+    // may be shared out over the current task arena. Which candidate is chosen does not
+    // depend on the order in which cuts are counted (bounds only spare counting), so the
+    // choice is the same whoever counts what.
     int choose(mrSolidBSP& bsp, std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order,
                const std::vector<CutBox>* boxes, const std::vector<PointBox>& pointBoxes, const srVector3T<float>& mins,
-               const srVector3T<float>& maxs, int allowZUp)
+               const srVector3T<float>& maxs, int allowZUp, const mrSolidBSP::ParallelShare* share = nullptr)
     {
         m_bsp = &bsp;
         m_facts = &facts;
@@ -397,28 +426,13 @@ public:
         m_pointBoxes = &pointBoxes;
         m_blocksBuilt = false;
         m_candidates.clear();
-        for (uint32_t i = 0; i < order.size(); ++i)
-        {
-            const SurfaceFact& f = facts[order[i]];
-            if (f.onNode)
-                continue;
-            if (!f.surface->m_plane || f.axis < 0)
-                return PLAIN; // the walk makes the reports, in their order
-            if (!allowZUp && f.normal[2] == 1.0f)
-                continue;
-            double score = factScore(f, mins, maxs);
-            if (!(score <= 1e30))
-                return PLAIN;
-            m_candidates.push_back({i, score});
-        }
+        const bool parallel = share && order.size() >= share->minList;
+        const size_t grain = share ? std::max<size_t>(1, share->grain) : 1;
+        if (!gatherCandidates(facts, order, mins, maxs, allowZUp, parallel, grain))
+            return PLAIN; // the walk makes the reports, in their order
         if (m_candidates.empty())
             return NONE;
         const size_t n = m_candidates.size();
-        m_mostFaces = 0;
-        for (uint32_t i : order)
-            if (!facts[i].onNode)
-                m_mostFaces = std::max(m_mostFaces, facts[i].faces);
-
         // m: the candidate with the lowest bound first, then the rest in list order.
         size_t start = 0;
         for (size_t c = 1; c < n; ++c)
@@ -426,17 +440,39 @@ public:
                 (fact(c).lower == fact(start).lower && fact(c).upper < fact(start).upper))
                 start = c;
         int fewest = 99999;
-        for (size_t k = 0; k < n; ++k)
+        auto fewestAt = [&](size_t c, int best)
         {
-            const size_t c = k == 0 ? start : (k <= start ? k - 1 : k);
             SurfaceFact& f = fact(c);
-            if (f.lower >= fewest)
-                continue;
+            if (f.lower >= best)
+                return best;
             if (f.lower != f.upper)
-                count(c, fewest + EXTRA);
-            if (f.lower == f.upper && f.lower < fewest)
-                fewest = f.lower;
+                count(c, best + EXTRA);
+            return f.lower == f.upper && f.lower < best ? f.lower : best;
+        };
+        fewest = fewestAt(start, fewest);
+        if (parallel && n >= 2 * std::max<size_t>(1, grain / 16))
+        {
+            // The rest on all threads, each count stopped by the fewest found so far by
+            // any: m is the same, only the bounds left on the facts differ.
+            if (!m_blocksBuilt)
+                buildBlocks();
+            std::atomic<int> shared(fewest);
+            forShares(true, n - 1, std::max<size_t>(1, grain / 16),
+                      [&](size_t a, size_t b)
+                      {
+                          for (size_t k = a + 1; k <= b; ++k)
+                          {
+                              int best = shared.load(std::memory_order_relaxed);
+                              const int found = fewestAt(k <= start ? k - 1 : k, best);
+                              while (found < best && !shared.compare_exchange_weak(best, found))
+                                  ;
+                          }
+                      });
+            fewest = shared.load();
         }
+        else
+            for (size_t k = 1; k < n; ++k)
+                fewest = fewestAt(k <= start ? k - 1 : k, fewest);
         if (fewest >= 99999)
             return PLAIN;
 
@@ -455,7 +491,10 @@ public:
         if (first == n)
             return PLAIN; // cannot happen: the candidate that set m cuts m
 
-        // The later ties, by increasing D, while D is at most T.
+        // The later ties, by increasing D, while D is at most T. Whether the walk ties a
+        // candidate with m is the candidate's own affair, so with `parallel` the next few
+        // in line are settled at once, and the ones past the end of the run were settled
+        // for nothing.
         double lowest = m_candidates[first].score;
         float limit = floatAtOrAbove(lowest);
         m_later.clear();
@@ -464,27 +503,31 @@ public:
         for (size_t c = first + 1; c < n; ++c)
             if (m_candidates[c].score <= (double)limit && fact(c).lower < reach)
                 m_later.push_back(c);
-        auto higher = [this](size_t a, size_t b) { return m_candidates[a].score > m_candidates[b].score; };
-        std::make_heap(m_later.begin(), m_later.end(), higher);
         m_group.assign(1, first);
-        while (!m_later.empty())
+        if (parallel)
+            settleTiesInBatches(fewest, lowest, limit);
+        else
         {
-            std::pop_heap(m_later.begin(), m_later.end(), higher);
-            const size_t c = m_later.back();
-            m_later.pop_back();
-            const double score = m_candidates[c].score;
-            if (score > (double)limit)
-                break;
-            if (!walkTies(c, fewest))
-                continue;
-            m_group.push_back(c);
-            if (score < lowest)
+            auto higher = [this](size_t a, size_t b) { return m_candidates[a].score > m_candidates[b].score; };
+            std::make_heap(m_later.begin(), m_later.end(), higher);
+            while (!m_later.empty())
             {
-                lowest = score;
-                limit = floatAtOrAbove(lowest);
+                std::pop_heap(m_later.begin(), m_later.end(), higher);
+                const size_t c = m_later.back();
+                m_later.pop_back();
+                const double score = m_candidates[c].score;
+                if (score > (double)limit)
+                    break;
+                if (!walkTies(c, fewest))
+                    continue;
+                m_group.push_back(c);
+                if (score < lowest)
+                {
+                    lowest = score;
+                    limit = floatAtOrAbove(lowest);
+                }
             }
         }
-
         // The list walk over what is left: its first member is taken outright.
         std::sort(m_group.begin(), m_group.end());
         int chosen = NONE;
@@ -504,6 +547,112 @@ public:
     }
 
 private:
+    // The list's candidates with their scores, and the most faces an unmarked surface has;
+    // false for a list out of the ordinary. With `parallel`, shares of the list are looked
+    // at on all threads and put together in list order.
+    bool gatherCandidates(const std::vector<SurfaceFact>& facts, const std::vector<uint32_t>& order,
+                          const srVector3T<float>& mins, const srVector3T<float>& maxs, int allowZUp, bool parallel,
+                          size_t grain)
+    {
+        const size_t n = order.size();
+        const size_t shares = parallel ? std::min<size_t>(64, n / grain) : 1;
+        m_shareCandidates.resize(std::max<size_t>(shares, 1));
+        std::vector<int32_t> mostFaces(m_shareCandidates.size(), 0);
+        std::vector<char> plain(m_shareCandidates.size(), 0);
+        forShares(parallel && shares > 1, m_shareCandidates.size(), 1,
+                  [&](size_t a, size_t b)
+                  {
+                      for (size_t share = a; share < b; ++share)
+                      {
+                          std::vector<Candidate>& out = m_shareCandidates[share];
+                          out.clear();
+                          const size_t first = n * share / m_shareCandidates.size();
+                          const size_t last = n * (share + 1) / m_shareCandidates.size();
+                          for (size_t i = first; i < last; ++i)
+                          {
+                              const SurfaceFact& f = facts[order[i]];
+                              if (f.onNode)
+                                  continue;
+                              mostFaces[share] = std::max(mostFaces[share], f.faces);
+                              if (!f.surface->m_plane || f.axis < 0)
+                              {
+                                  plain[share] = 1;
+                                  break;
+                              }
+                              if (!allowZUp && f.normal[2] == 1.0f)
+                                  continue;
+                              double score = factScore(f, mins, maxs);
+                              if (!(score <= 1e30))
+                              {
+                                  plain[share] = 1;
+                                  break;
+                              }
+                              out.push_back({(uint32_t)i, score});
+                          }
+                      }
+                  });
+        m_mostFaces = 0;
+        for (size_t share = 0; share < m_shareCandidates.size(); ++share)
+        {
+            if (plain[share])
+                return false;
+            m_candidates.insert(m_candidates.end(), m_shareCandidates[share].begin(), m_shareCandidates[share].end());
+            m_mostFaces = std::max(m_mostFaces, mostFaces[share]);
+        }
+        return true;
+    }
+
+    // The later ties of choose on all threads: the candidates by increasing D, a few at a
+    // time, each settled on its own; then the run is followed as the one-by-one walk
+    // would (which settles the same candidates, and stops at the same place).
+    void settleTiesInBatches(int fewest, double& lowest, float& limit)
+    {
+        auto higher = [this](size_t a, size_t b) { return m_candidates[a].score > m_candidates[b].score; };
+        std::make_heap(m_later.begin(), m_later.end(), higher);
+        const size_t batch = 2 * (size_t)std::max(1, tbb::this_task_arena::max_concurrency());
+        m_ties.resize(batch);
+        m_batch.resize(batch);
+        if (!m_blocksBuilt)
+            buildBlocks();
+        while (!m_later.empty())
+        {
+            size_t count = 0;
+            while (count < batch && !m_later.empty())
+            {
+                std::pop_heap(m_later.begin(), m_later.end(), higher);
+                const size_t c = m_later.back();
+                m_later.pop_back();
+                if (m_candidates[c].score > (double)limit)
+                {
+                    m_later.clear();
+                    break;
+                }
+                m_batch[count++] = c;
+            }
+            forShares(count > 1, count, 1,
+                      [&](size_t a, size_t b)
+                      {
+                          for (size_t i = a; i < b; ++i)
+                              m_ties[i] = walkTies(m_batch[i], fewest);
+                      });
+            for (size_t i = 0; i < count; ++i)
+            {
+                const size_t c = m_batch[i];
+                const double score = m_candidates[c].score;
+                if (score > (double)limit)
+                    return;
+                if (!m_ties[i])
+                    continue;
+                m_group.push_back(c);
+                if (score < lowest)
+                {
+                    lowest = score;
+                    limit = floatAtOrAbove(lowest);
+                }
+            }
+        }
+    }
+
     // Cuts counted past the limit a choice needs, so that the bound handed down to the
     // children stays useful for a few levels.
     static const int EXTRA = 64;
@@ -667,6 +816,9 @@ private:
     std::vector<Candidate> m_candidates;
     std::vector<size_t> m_later;
     std::vector<size_t> m_group;
+    std::vector<std::vector<Candidate>> m_shareCandidates;
+    std::vector<char> m_ties;
+    std::vector<size_t> m_batch;
     bool m_blocksBuilt = false;
     int32_t m_mostFaces = 0; // the most faces an unmarked surface of the list has
     BoxSet m_blockBoxes, m_groupBoxes;
@@ -1402,9 +1554,8 @@ mrPlane::e_side mrSolidBSP::faceSide(mrBSPFace* face, mrPlane* plane)
     return front ? mrPlane::SIDE_FRONT : mrPlane::SIDE_BACK;
 }
 
-mrBSPNode* mrSolidBSP::generate(mrBSPSurface* surfaces, int midSplit)
+void mrSolidBSP::startGeneration(int midSplit)
 {
-    mrBSPNode* head = new mrBSPNode;
     m_midSplit = midSplit;
     m_numSplitNodes = 0;
     m_numLeafFaces = 0;
@@ -1413,11 +1564,37 @@ mrBSPNode* mrSolidBSP::generate(mrBSPSurface* surfaces, int midSplit)
     m_numEmptyLeafs = 0;
     m_numLinkedFaces = 0;
     m_reserved1 = 1;
+}
+
+mrBSPNode* mrSolidBSP::generate(mrBSPSurface* surfaces, int midSplit)
+{
+    mrBSPNode* head = new mrBSPNode;
+    startGeneration(midSplit);
     partitionSurfaces(surfaces, head);
     return head;
 }
 
-void mrSolidBSP::partitionSurfaces(mrBSPSurface* list, mrBSPNode* node)
+int mrSolidBSP::availableThreads() { return std::max(1, tbb::info::default_concurrency()); }
+
+mrBSPNode* mrSolidBSP::generateParallel(mrBSPSurface* surfaces, int midSplit, int threads, const ParallelShare& share)
+{
+    if (threads <= 0)
+        threads = availableThreads();
+    // No more than the process lets the thread pool have: more would only wait.
+    threads = (int)std::min<size_t>((size_t)threads,
+                                    tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    if (threads <= 1)
+        return generate(surfaces, midSplit);
+    mrBSPNode* head = new mrBSPNode;
+    startGeneration(midSplit);
+    tbb::task_arena arena(threads);
+    arena.execute([&] { partitionSurfacesWith(surfaces, head, &share); });
+    return head;
+}
+
+void mrSolidBSP::partitionSurfaces(mrBSPSurface* list, mrBSPNode* node) { partitionSurfacesWith(list, node, nullptr); }
+
+void mrSolidBSP::partitionSurfacesWith(mrBSPSurface* list, mrBSPNode* node, const ParallelShare* share)
 {
     // An explicit stack instead of recursion, so degenerate trees thousands of levels
     // deep cannot overflow the call stack. The back child's work is pushed below the
@@ -1431,7 +1608,7 @@ void mrSolidBSP::partitionSurfaces(mrBSPSurface* list, mrBSPNode* node)
     const bool trustBounds = boundsHoldFaces(list);
     if (trustBounds && planesFinite(list))
     {
-        partitionByFacts(list, node);
+        partitionByFacts(list, node, share);
         return;
     }
     std::vector<Work> stack;
@@ -1664,11 +1841,9 @@ void mrSolidBSP::linkConvexFaces(mrBSPSurface* list, mrBSPNode* leafnode)
             else
             {
                 leafnode->m_markfaces[index++] = original;
-                if (!original->m_linked)
-                {
-                    original->m_linked = 1;
+                // Pieces of one original may reach leaves built on different threads.
+                if (!__atomic_exchange_n(&original->m_linked, 1, __ATOMIC_RELAXED))
                     ++m_numLinkedFaces;
-                }
             }
             if (original != f)
                 delete f;
@@ -1703,30 +1878,182 @@ mrBSPFace* mrSolidBSP::linkNodeFaces(mrBSPSurface* surface)
     return result;
 }
 
-void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
+namespace
 {
-    // Every surface has a fact (see SurfaceFact) in one array, and the list of each node
-    // is an array of fact numbers in list order; the surfaces' links are only set again
-    // where a list becomes a leaf. A surface that goes to one side whole moves as its
-    // number; only the surfaces the plane may cut are divided with dividePlane. The
-    // children's lists are the parent's in reverse order, as dividePlane's callers build
-    // them.
+struct FactTree;
+
+// What the subtrees of one parallel run share: the one task group they all go to, and the
+// count of faces linked anywhere (for progress).
+struct ParallelRun
+{
+    explicit ParallelRun(const mrSolidBSP::ParallelShare& s, int32_t linkedBefore) : share(s), linked(linkedBefore) {}
+    const mrSolidBSP::ParallelShare& share;
+    std::atomic<int64_t> linked;
+    tbb::task_group group;
+    const char token = 0;
+};
+
+void buildFacts(FactTree& tree, ParallelRun* run);
+
+// A subtree built from facts of its own: on the calling thread, or (parallel runs) on
+// another, with its counters and reports kept apart until every subtree is done.
+struct FactTree
+{
+    // A report made while the subtree was built, or (subtree set) the place in their
+    // order of a subtree built elsewhere.
+    struct Report
+    {
+        std::string expression, source, message;
+        long line;
+        FactTree* subtree;
+    };
+
+    mrSolidBSP bsp; // its counters are this subtree's
     std::vector<SurfaceFact> facts;
     std::vector<PointBox> pointBoxes; // the facts' bounds, for box tests
+    std::vector<uint32_t> list;
+    mrBSPNode* node = nullptr;
+    std::vector<Report> reports;
+    std::vector<std::unique_ptr<FactTree>> subtrees;
+    ParallelRun* run = nullptr;
+    // The body of the task of run's group that builds it.
+    struct Task
+    {
+        FactTree* tree;
+        void operator()() const { buildFacts(*tree, tree->run); }
+    } task{this};
+
+    // Every counter of bsp back at zero; the mode is kept.
+    explicit FactTree(const mrSolidBSP& from) : bsp(from)
+    {
+        bsp.m_numSplitNodes = bsp.m_numLeafFaces = bsp.m_numNodeFaces = 0;
+        bsp.m_numSolidLeafs = bsp.m_numEmptyLeafs = bsp.m_numLinkedFaces = 0;
+    }
+    void addCounts(const mrSolidBSP& from)
+    {
+        bsp.m_numSplitNodes += from.m_numSplitNodes;
+        bsp.m_numLeafFaces += from.m_numLeafFaces;
+        bsp.m_numNodeFaces += from.m_numNodeFaces;
+        bsp.m_numSolidLeafs += from.m_numSolidLeafs;
+        bsp.m_numEmptyLeafs += from.m_numEmptyLeafs;
+        bsp.m_numLinkedFaces += from.m_numLinkedFaces;
+    }
+    // Adds in the counters of every subtree below.
+    void addSubtreeCounts()
+    {
+        for (const std::unique_ptr<FactTree>& sub : subtrees)
+        {
+            sub->addSubtreeCounts();
+            addCounts(sub->bsp);
+        }
+    }
+    // Files the reports, those of the subtrees in their places.
+    void fileReports() const
+    {
+        for (const Report& r : reports)
+        {
+            if (r.subtree)
+                r.subtree->fileReports();
+            else
+                srAssertFail(r.expression.c_str(), r.source.c_str(), r.line,
+                             r.message.empty() ? nullptr : r.message.c_str());
+        }
+    }
+};
+
+// Where this thread's reports go while it builds a subtree of a parallel run.
+thread_local std::vector<FactTree::Report>* t_reports = nullptr;
+
+void keepReport(const char* expression, const char* source, long line, const char* message)
+{
+    t_reports->push_back({expression ? expression : "0", source ? source : "", message ? message : "", line, nullptr});
+}
+
+// While it lives, the reports made on this thread are kept in `into`.
+class KeptReports
+{
+public:
+    explicit KeptReports(std::vector<FactTree::Report>* into)
+        : m_outer(t_reports), m_outerHandler(srSetThreadAssertHandler(&keepReport))
+    {
+        t_reports = into;
+    }
+    ~KeptReports()
+    {
+        t_reports = m_outer;
+        srSetThreadAssertHandler(m_outerHandler);
+    }
+    KeptReports(const KeptReports&) = delete;
+    KeptReports& operator=(const KeptReports&) = delete;
+
+private:
+    std::vector<FactTree::Report>* m_outer;
+    srAssertHandler m_outerHandler;
+};
+
+// Builds tree.node's subtree from tree.list: the loop of mrSolidBSP::partitionByFacts.
+// With share set (parallel runs), a node whose children both hold at least
+// share->minTask surfaces hands its back child to another thread, with the facts of its
+// list numbered afresh in their old order; everything else is as on one thread.
+void buildFacts(FactTree& tree, ParallelRun* run)
+{
+    const mrSolidBSP::ParallelShare* share = run ? &run->share : nullptr;
+    std::atomic<int64_t>* linked = run ? &run->linked : nullptr;
+    mrSolidBSP& bsp = tree.bsp;
+    std::vector<SurfaceFact>& facts = tree.facts;
+    std::vector<PointBox>& pointBoxes = tree.pointBoxes;
     struct Work
     {
         std::vector<uint32_t> list;
         mrBSPNode* node;
         std::unique_ptr<SurfaceChain> chain; // set: the list is this chain's
+        FactTree* subtree;                   // set: the place of a subtree built elsewhere
     };
     std::vector<Work> stack;
-    stack.push_back({{}, head, nullptr});
-    for (mrBSPSurface* s = list; s; s = s->m_next)
+    stack.push_back({std::move(tree.list), tree.node, nullptr, nullptr});
+
+    std::unique_ptr<KeptReports> kept;
+    if (share)
+        kept.reset(new KeptReports(&tree.reports));
+    // Progress from the calling thread only, on the leaves' faces linked anywhere.
+    int32_t linkedHere = 0;
+    auto progress = [&]
     {
-        stack.back().list.push_back((uint32_t)facts.size());
-        facts.push_back(factOf(s));
-        pointBoxes.push_back(PointBox::of(facts.back()));
-    }
+        if (linked)
+        {
+            *linked += bsp.m_numLinkedFaces - linkedHere;
+            linkedHere = bsp.m_numLinkedFaces;
+            mrProgress::reach((uint64_t)linked->load());
+        }
+        else
+            mrProgress::reach((uint64_t)bsp.m_numLinkedFaces);
+    };
+
+    std::function<FactTree*(std::vector<uint32_t>&&, mrBSPNode*)> spawn;
+    if (share)
+        spawn = [&](std::vector<uint32_t>&& list, mrBSPNode* node)
+        {
+            tree.subtrees.emplace_back(new FactTree(bsp));
+            FactTree* sub = tree.subtrees.back().get();
+            std::vector<std::pair<uint32_t, uint32_t>> byId(list.size());
+            for (size_t i = 0; i < list.size(); ++i)
+                byId[i] = {list[i], (uint32_t)i};
+            std::sort(byId.begin(), byId.end());
+            sub->list.resize(list.size());
+            sub->facts.reserve(list.size());
+            sub->pointBoxes.reserve(list.size());
+            for (const auto& e : byId)
+            {
+                sub->list[e.second] = (uint32_t)sub->facts.size();
+                sub->facts.push_back(facts[e.first]);
+                sub->pointBoxes.push_back(pointBoxes[e.first]);
+            }
+            sub->node = node;
+            sub->run = run;
+            mrThreadHandoff::handingOver();
+            run->group.run(mrThreadHandoff::task(sub->task, &run->token));
+            return sub;
+        };
 
     FewestCutsChoice choice;
     BoxSet goneBoxes, goneGroups;
@@ -1737,18 +2064,35 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
     std::vector<uint32_t> goneWhole[2];                    // surfaces that go to the other side whole
     std::vector<std::pair<CutBox, int32_t>> goneCut, gone; // surfaces divided, as they were
     std::vector<uint32_t> front;
+    // Where each surface of a long list goes (parallel runs): front or back whole, or
+    // divided; whether it was a candidate, and whether it lies on the plane.
+    enum : uint8_t
+    {
+        GOES_FRONT = 0,
+        GOES_BACK = 1,
+        GOES_DIVIDED = 2,
+        GOES_CANDIDATE = 4,
+        GOES_ON_PLANE = 8
+    };
+    std::vector<uint8_t> kinds;
     while (!stack.empty())
     {
-        mrProgress::reach((uint64_t)m_numLinkedFaces);
+        progress();
         Work work = std::move(stack.back());
         stack.pop_back();
+        if (work.subtree)
+        {
+            // The subtree built elsewhere comes here in the order of reports.
+            tree.reports.push_back({{}, {}, {}, 0, work.subtree});
+            continue;
+        }
         std::vector<uint32_t>& order = work.list;
         mrBSPNode* node = work.node;
 
         // Mid-split on a long list: kept as a chain for as long as one child takes most
         // of it (see SurfaceChain); the chain's list comes back as an array once it is
         // short or the node is a leaf.
-        if (m_midSplit && !work.chain && order.size() >= CHAIN_START)
+        if (bsp.m_midSplit && !work.chain && order.size() >= CHAIN_START)
         {
             work.chain.reset(new SurfaceChain);
             work.chain->start(facts, order);
@@ -1762,10 +2106,10 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         {
             std::vector<uint32_t> otherList;
             mrBSPNode *chainNode = nullptr, *otherNode = nullptr;
-            work.chain->cut(*this, facts, pointBoxes, node, otherList, &chainNode, &otherNode);
+            work.chain->cut(bsp, facts, pointBoxes, node, otherList, &chainNode, &otherNode);
             // The back child's work goes below the front child's.
-            Work chained{{}, chainNode, std::move(work.chain)};
-            Work other{std::move(otherList), otherNode, nullptr};
+            Work chained{{}, chainNode, std::move(work.chain), nullptr};
+            Work other{std::move(otherList), otherNode, nullptr, nullptr};
             if (chainNode == node->m_children[1])
             {
                 stack.push_back(std::move(chained));
@@ -1778,31 +2122,65 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             }
             continue;
         }
-
-        // selectPartition on the facts.
+        // selectPartition on the facts; a long list's shares on all threads, put together
+        // in list order (a minimum stays the first of equals, as in one pass).
+        const bool wide = share && order.size() >= share->minList;
+        const size_t grain = share ? std::max<size_t>(1, share->grain) : 1;
+        struct Scan
+        {
+            int candidates = 0, last = -1;
+            int64_t faces = 0; // of the candidates
+            srVector3T<float> mins{99999.0f, 99999.0f, 99999.0f};
+            srVector3T<float> maxs{-99999.0f, -99999.0f, -99999.0f};
+        };
+        const size_t scans = wide ? std::max<size_t>(1, std::min<size_t>(64, order.size() / grain)) : 1;
+        std::vector<Scan> scan(scans);
+        forShares(wide, scans, 1,
+                  [&](size_t a, size_t b)
+                  {
+                      for (size_t share = a; share < b; ++share)
+                      {
+                          Scan& sc = scan[share];
+                          const size_t last = order.size() * (share + 1) / scans;
+                          for (size_t i = order.size() * share / scans; i < last; ++i)
+                          {
+                              const SurfaceFact& f = facts[order[i]];
+                              if (!f.onNode)
+                              {
+                                  ++sc.candidates;
+                                  sc.last = (int)i;
+                                  sc.faces += f.faces;
+                              }
+                              for (int k = 0; k < 3; ++k)
+                              {
+                                  if (f.mins[k] < sc.mins[k])
+                                      sc.mins[k] = f.mins[k];
+                                  if (f.maxs[k] > sc.maxs[k])
+                                      sc.maxs[k] = f.maxs[k];
+                              }
+                          }
+                      }
+                  });
         int candidates = 0, last = -1;
         srVector3T<float> mins(99999.0f, 99999.0f, 99999.0f);
         srVector3T<float> maxs(-99999.0f, -99999.0f, -99999.0f);
-        for (size_t i = 0; i < order.size(); ++i)
+        for (const Scan& sc : scan)
         {
-            const SurfaceFact& f = facts[order[i]];
-            if (!f.onNode)
-            {
-                ++candidates;
-                last = (int)i;
-            }
+            candidates += sc.candidates;
+            if (sc.last >= 0)
+                last = sc.last;
             for (int k = 0; k < 3; ++k)
             {
-                if (f.mins[k] < mins[k])
-                    mins[k] = f.mins[k];
-                if (f.maxs[k] > maxs[k])
-                    maxs[k] = f.maxs[k];
+                if (sc.mins[k] < mins[k])
+                    mins[k] = sc.mins[k];
+                if (sc.maxs[k] > maxs[k])
+                    maxs[k] = sc.maxs[k];
             }
         }
         int split = -1;
         if (candidates == 1)
             split = last;
-        else if (candidates > 1 && m_midSplit)
+        else if (candidates > 1 && bsp.m_midSplit)
         {
             float bestScore = 402653184.0f; // 6 * 8192^2
             int firstCandidate = -1;
@@ -1825,39 +2203,37 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         }
         else if (candidates > 1)
         {
-            split = choice.choose(*this, facts, order, nullptr, pointBoxes, mins, maxs, 0);
+            split = choice.choose(bsp, facts, order, nullptr, pointBoxes, mins, maxs, 0, share);
             if (split == FewestCutsChoice::PLAIN)
             {
-                mrBSPSurface* chosen = choosePlaneInListOrder(materialize(facts, order), mins, maxs, 0);
+                mrBSPSurface* chosen = bsp.choosePlaneInListOrder(materialize(facts, order), mins, maxs, 0);
                 split = -1;
                 for (size_t i = 0; i < order.size() && chosen; ++i)
                     if (facts[order[i]].surface == chosen)
                         split = (int)i;
             }
         }
-
         if (split < 0)
         {
             node->m_plane = nullptr;
-            linkConvexFaces(materialize(facts, order), node);
+            bsp.linkConvexFaces(materialize(facts, order), node);
             continue;
         }
 
-        ++m_numSplitNodes;
+        ++bsp.m_numSplitNodes;
         node->m_children[0] = new mrBSPNode;
         node->m_children[1] = new mrBSPNode;
         mrBSPSurface* splitter = facts[order[(size_t)split]].surface;
         mrPlane* plane = splitter->m_plane;
         node->m_plane = plane;
-        divideNodeBounds(node, plane);
+        bsp.divideNodeBounds(node, plane);
 
         // Faces whose cuts the lists' bounds count (those of unmarked surfaces).
-        const bool counting = !m_midSplit;
+        const bool counting = !bsp.m_midSplit;
         int64_t countable = 0;
         if (counting)
-            for (uint32_t i : order)
-                if (!facts[i].onNode)
-                    countable += facts[i].faces;
+            for (const Scan& sc : scan)
+                countable += sc.faces;
         for (int side = 0; side < 2; ++side)
             goneWhole[side].clear();
         goneCut.clear();
@@ -1884,9 +2260,68 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 order[backCount++] = id;
         };
         const size_t n = order.size();
+        if (wide)
+        {
+            // Where each surface goes is found on all threads for those that go whole (as
+            // below, each changing only its own fact); the lists are then put together
+            // here in order, and the surfaces the plane may cut divided.
+            kinds.resize(n);
+            forShares(true, n, grain,
+                      [&](size_t a, size_t b)
+                      {
+                          for (size_t i = a; i < b; ++i)
+                          {
+                              SurfaceFact& f = facts[order[i]];
+                              const uint8_t candidate = f.onNode ? 0 : GOES_CANDIDATE;
+                              if (f.normal[0] == plane->m_normal.x && f.normal[1] == plane->m_normal.y &&
+                                  f.normal[2] == plane->m_normal.z)
+                              {
+                                  f.fresh = 0;
+                                  if (f.dist == plane->m_dist)
+                                  {
+                                      f.surface->m_onNode = 1;
+                                      f.onNode = 1;
+                                      kinds[i] = GOES_FRONT | GOES_ON_PLANE | candidate;
+                                  }
+                                  else
+                                      kinds[i] = (f.dist > plane->m_dist ? GOES_FRONT : GOES_BACK) | candidate;
+                                  continue;
+                              }
+                              const mrPlane::e_side whole = boundsSide(f.mins, f.maxs, plane);
+                              if (whole == mrPlane::SIDE_ON)
+                              {
+                                  kinds[i] = GOES_DIVIDED;
+                                  continue;
+                              }
+                              f.fresh = 0;
+                              ++f.flips;
+                              kinds[i] = (whole == mrPlane::SIDE_FRONT ? GOES_FRONT : GOES_BACK) | candidate;
+                          }
+                      });
+        }
         for (size_t i = 0; i < n; ++i)
         {
             const uint32_t id = order[i];
+            if (wide && kinds[i] != GOES_DIVIDED)
+            {
+                const uint8_t kind = kinds[i];
+                const int side = kind & GOES_BACK ? 1 : 0;
+                if (counting && (kind & GOES_CANDIDATE))
+                {
+                    if (kind & GOES_ON_PLANE)
+                    {
+                        goneWhole[0].push_back(id);
+                        goneWhole[1].push_back(id);
+                    }
+                    else
+                        goneWhole[1 - side].push_back(id);
+                }
+                if (side == 0)
+                    front.push_back(id);
+                else
+                    order[backCount++] = id;
+                continue;
+            }
             SurfaceFact& f = facts[id];
             f.fresh = 0;
             mrBSPSurface* p = f.surface;
@@ -1925,7 +2360,7 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
                 reverseFaces(p);
             f.flips = 0;
             mrBSPSurface* parts[2] = {nullptr, nullptr};
-            dividePlane(p, plane, &parts[0], &parts[1]);
+            bsp.dividePlane(p, plane, &parts[0], &parts[1]);
             const int32_t before = f.faces;
             int32_t faces[2] = {0, 0};
             for (int side = 0; side < 2; ++side)
@@ -1971,7 +2406,6 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
         order.resize(backCount);
         // The splitter lies on its own plane and was marked above.
         splitter->m_onNode = 1;
-
         std::vector<uint32_t>* sides[2] = {&front, &order};
         for (int side = 0; side < 2; ++side)
         {
@@ -1979,24 +2413,57 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             std::reverse(v.begin(), v.end());
             if (!counting)
                 continue;
+            // Sums over the child's list, a long one's shares on all threads.
+            const bool wideSide = wide && v.size() >= share->minList;
+            const size_t shares = wideSide ? std::max<size_t>(1, std::min<size_t>(64, v.size() / grain)) : 1;
+            struct Sums
+            {
+                int64_t unchanged = 0, made = 0;
+                bool bounded = false;
+            };
+            std::vector<Sums> sums(shares);
+            forShares(wideSide, shares, 1,
+                      [&](size_t a, size_t b)
+                      {
+                          for (size_t share = a; share < b; ++share)
+                          {
+                              Sums& sum = sums[share];
+                              const size_t last = v.size() * (share + 1) / shares;
+                              for (size_t j = v.size() * share / shares; j < last; ++j)
+                              {
+                                  const SurfaceFact& f = facts[v[j]];
+                                  if (!f.onNode)
+                                  {
+                                      sum.unchanged += f.faces - f.fresh;
+                                      sum.made += f.fresh;
+                                  }
+                                  sum.bounded = sum.bounded || f.lower > 0;
+                              }
+                          }
+                      });
             int64_t unchanged = 0, made = 0;
-            for (uint32_t i : v)
-                if (!facts[i].onNode)
-                {
-                    unchanged += facts[i].faces - facts[i].fresh;
-                    made += facts[i].fresh;
-                }
+            bool bounded = false;
+            for (const Sums& sum : sums)
+            {
+                unchanged += sum.unchanged;
+                made += sum.made;
+                bounded = bounded || sum.bounded;
+            }
             // A plane's cuts among this child's faces: at least those of its cuts in the
             // parent that are still here unchanged, at most those plus the new pieces.
             const int64_t lost = countable - unchanged;
-            bool bounded = false;
-            for (uint32_t i : v)
-                bounded = bounded || facts[i].lower > 0;
             if (!bounded)
             {
-                for (uint32_t i : v)
-                    if (facts[i].upper < UNKNOWN_CUTS)
-                        facts[i].upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, facts[i].upper + made);
+                forShares(wideSide, v.size(), grain,
+                          [&](size_t a, size_t b)
+                          {
+                              for (size_t j = a; j < b; ++j)
+                              {
+                                  SurfaceFact& f = facts[v[j]];
+                                  if (f.upper < UNKNOWN_CUTS)
+                                      f.upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, f.upper + made);
+                              }
+                          });
                 continue;
             }
             gone.clear();
@@ -2022,36 +2489,83 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head)
             }
             goneGroups.add(all);
             const bool few = whole <= GONE_BOXES;
-            for (uint32_t i : v)
-            {
-                SurfaceFact& f = facts[i];
-                int64_t drop = lost;
-                if (f.lower > 0)
-                {
-                    const BoxTest test(f.normal, f.dist);
-                    if (goneGroups.cannotStraddle(test, goneGroups.size() - 1))
-                        drop = 0;
-                    else if (few)
-                    {
-                        // Only the boxes the plane may straddle; past the bound, nothing is left.
-                        drop = 0;
-                        for (size_t g = 0; g < whole && drop < f.lower; g += GONE_GROUP)
-                        {
-                            if (goneGroups.cannotStraddle(test, g / GONE_GROUP))
-                                continue;
-                            for (size_t h = g; h < whole && h < g + GONE_GROUP; ++h)
-                                if (!goneBoxes.cannotStraddle(test, h))
-                                    drop += gone[h].second;
-                        }
-                        drop = std::min(drop, lost);
-                    }
-                }
-                f.lower = (int32_t)std::max<int64_t>(0, (int64_t)f.lower - drop);
-                if (f.upper < UNKNOWN_CUTS)
-                    f.upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, f.upper + made);
-            }
+            forShares(wideSide, v.size(), std::max<size_t>(1, grain / 4),
+                      [&](size_t a, size_t b)
+                      {
+                          for (size_t j = a; j < b; ++j)
+                          {
+                              SurfaceFact& f = facts[v[j]];
+                              int64_t drop = lost;
+                              if (f.lower > 0)
+                              {
+                                  const BoxTest test(f.normal, f.dist);
+                                  if (goneGroups.cannotStraddle(test, goneGroups.size() - 1))
+                                      drop = 0;
+                                  else if (few)
+                                  {
+                                      // Only the boxes the plane may straddle; past the bound,
+                                      // nothing is left.
+                                      drop = 0;
+                                      for (size_t g = 0; g < whole && drop < f.lower; g += GONE_GROUP)
+                                      {
+                                          if (goneGroups.cannotStraddle(test, g / GONE_GROUP))
+                                              continue;
+                                          for (size_t h = g; h < whole && h < g + GONE_GROUP; ++h)
+                                              if (!goneBoxes.cannotStraddle(test, h))
+                                                  drop += gone[h].second;
+                                      }
+                                      drop = std::min(drop, lost);
+                                  }
+                              }
+                              f.lower = (int32_t)std::max<int64_t>(0, (int64_t)f.lower - drop);
+                              if (f.upper < UNKNOWN_CUTS)
+                                  f.upper = (int32_t)std::min<int64_t>(UNKNOWN_CUTS, f.upper + made);
+                          }
+                      });
         }
-        stack.push_back({std::move(order), node->m_children[1], nullptr});
-        stack.push_back({front, node->m_children[0], nullptr});
+        if (spawn && order.size() >= share->minTask && front.size() >= share->minTask)
+            stack.push_back({{}, nullptr, nullptr, spawn(std::move(order), node->m_children[1])});
+        else
+            stack.push_back({std::move(order), node->m_children[1], nullptr, nullptr});
+        stack.push_back({front, node->m_children[0], nullptr, nullptr});
     }
+
+    progress();
+}
+} // namespace
+
+void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head, const ParallelShare* share)
+{
+    // Every surface has a fact (see SurfaceFact) in one array, and the list of each node
+    // is an array of fact numbers in list order; the surfaces' links are only set again
+    // where a list becomes a leaf. A surface that goes to one side whole moves as its
+    // number; only the surfaces the plane may cut are divided with dividePlane. The
+    // children's lists are the parent's in reverse order, as dividePlane's callers build
+    // them.
+    FactTree tree(*this);
+    tree.node = head;
+    for (mrBSPSurface* s = list; s; s = s->m_next)
+    {
+        tree.list.push_back((uint32_t)tree.facts.size());
+        tree.facts.push_back(factOf(s));
+        tree.pointBoxes.push_back(PointBox::of(tree.facts.back()));
+    }
+    if (share)
+    {
+        ParallelRun run(*share, m_numLinkedFaces);
+        buildFacts(tree, &run);
+        run.group.wait();
+        mrThreadHandoff::finished(&run.token);
+        tree.addSubtreeCounts();
+        // The reports of a parallel run, filed here in the order of one thread's.
+        tree.fileReports();
+    }
+    else
+        buildFacts(tree, nullptr);
+    m_numSplitNodes += tree.bsp.m_numSplitNodes;
+    m_numLeafFaces += tree.bsp.m_numLeafFaces;
+    m_numNodeFaces += tree.bsp.m_numNodeFaces;
+    m_numSolidLeafs += tree.bsp.m_numSolidLeafs;
+    m_numEmptyLeafs += tree.bsp.m_numEmptyLeafs;
+    m_numLinkedFaces += tree.bsp.m_numLinkedFaces;
 }

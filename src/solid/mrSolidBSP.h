@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include <meridbsp/geometry/mrBSPFace.h>
@@ -44,6 +45,28 @@ public:
     // (part of the reproducibility promise). The list is consumed. The head node's box
     // is left for the caller to set.
     mrBSPNode* generate(mrBSPSurface* surfaces, int midSplit);
+    // How long a node's list must be for generateParallel to share out the node's work,
+    // the least work (surfaces or candidates) that goes to one share, and when a subtree
+    // goes to another thread. Tests lower them so that small meshes take every parallel
+    // step; no result depends on them.
+    struct ParallelShare
+    {
+        ParallelShare() : minList(2048), grain(512), minTask(64) {}
+        size_t minList;
+        size_t grain;
+        // A node whose children both hold at least this many surfaces builds its back
+        // child's subtree on another thread.
+        size_t minTask;
+    };
+    // generate on up to `threads` threads (0: every core the process may use; 1: generate
+    // itself): the work of each node of a long list is shared out, and subtrees are built
+    // on other threads. The tree, the counters and any reports (kept while the subtrees
+    // are built, then made on the calling thread in generate's order) are the same for
+    // every count.
+    mrBSPNode* generateParallel(mrBSPSurface* surfaces, int midSplit, int threads,
+                                const ParallelShare& share = ParallelShare());
+    // The cores of the process's CPU affinity, as the thread count 0 takes them.
+    static int availableThreads();
     // Builds the whole subtree under node from list (iteratively: any depth is safe).
     void partitionSurfaces(mrBSPSurface* list, mrBSPNode* node);
     void dividePlane(mrBSPSurface* in, mrPlane* split, mrBSPSurface** front, mrBSPSurface** back);
@@ -72,5 +95,9 @@ private:
     // partitionSurfaces for a list whose bounds hold its faces and whose planes are
     // finite: the same tree, with each node's list kept as an array of what the choice
     // and the division read, and bounds on every plane's cuts handed down to the children.
-    void partitionByFacts(mrBSPSurface* list, mrBSPNode* head);
+    // share set: the work of a node of a long list is shared out over the current task
+    // arena.
+    void partitionByFacts(mrBSPSurface* list, mrBSPNode* head, const ParallelShare* share);
+    void partitionSurfacesWith(mrBSPSurface* list, mrBSPNode* node, const ParallelShare* share);
+    void startGeneration(int midSplit);
 };

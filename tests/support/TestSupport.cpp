@@ -347,12 +347,16 @@ ClipPtr loadClip(const std::vector<unsigned char>& bytes, const std::string& nam
     return nullptr;
 }
 
-VisRun::VisRun(srMeshModel& mesh, int midSplit, bool bounds)
+VisRun::VisRun(srMeshModel& mesh, int midSplit, bool bounds, int threads)
 {
     mrBSPSurface* list = builder.buildSurfaces(&mesh);
     for (mrBSPSurface* s = list; s && bounds; s = s->m_next)
         s->calcBounds();
-    head = bsp.generate(list, midSplit);
+    mrSolidBSP::ParallelShare everyStep;
+    everyStep.minList = 2;
+    everyStep.grain = 1;
+    everyStep.minTask = 1;
+    head = threads == 1 ? bsp.generate(list, midSplit) : bsp.generateParallel(list, midSplit, threads, everyStep);
     EXPECT_NE(head, nullptr);
     if (!head)
         return;

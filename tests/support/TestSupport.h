@@ -140,7 +140,9 @@ ClipPtr loadClip(const std::vector<unsigned char>& bytes, const std::string& nam
 // planes are released at the end.
 struct VisRun
 {
-    VisRun(srMeshModel& mesh, int midSplit, bool bounds = true);
+    // threads above 1: the parallel build, with every node of a long enough list taking
+    // every parallel step (however small the mesh).
+    VisRun(srMeshModel& mesh, int midSplit, bool bounds = true, int threads = 1);
     ~VisRun();
     VisRun(const VisRun&) = delete;
     VisRun& operator=(const VisRun&) = delete;

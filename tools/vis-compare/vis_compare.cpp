@@ -74,7 +74,15 @@ static std::string run(srMeshModel& mesh, int midSplit, bool bounds, const char*
     for (mrBSPSurface* s = list; s && bounds; s = s->m_next)
         s->calcBounds();
     mrSolidBSP bsp;
+#ifdef VIS_COMPARE_THREADS
+    // The parallel build; VIS_COMPARE_TINY: every node takes every parallel step.
+    mrSolidBSP::ParallelShare share;
+    if (std::getenv("VIS_COMPARE_TINY"))
+        share.minList = 2, share.grain = 1, share.minTask = 1;
+    mrBSPNode* head = bsp.generateParallel(list, midSplit, VIS_COMPARE_THREADS, share);
+#else
     mrBSPNode* head = bsp.generate(list, midSplit);
+#endif
     mesh.usedVertexBounds(head->m_mins, head->m_maxs);
     std::map<const mrPlane*, int32_t> planeIndex;
     Bytes planes;

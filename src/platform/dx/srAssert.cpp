@@ -13,10 +13,16 @@ void defaultHandler(const char* expression, const char* source, long line, const
 
 std::atomic<srAssertHandler> g_handler{&defaultHandler};
 std::atomic<unsigned long> g_count{0};
+thread_local srAssertHandler t_handler = nullptr;
 } // namespace
 
 void srAssertFail(const char* expression, const char* source, long line, const char* message)
 {
+    if (t_handler)
+    {
+        t_handler(expression, source, line, message);
+        return;
+    }
     ++g_count;
     g_handler.load()(expression, source, line, message);
 }
@@ -27,3 +33,10 @@ srAssertHandler srSetAssertHandler(srAssertHandler handler)
 }
 
 unsigned long srAssertCount() { return g_count.load(); }
+
+srAssertHandler srSetThreadAssertHandler(srAssertHandler handler)
+{
+    const srAssertHandler previous = t_handler;
+    t_handler = handler;
+    return previous;
+}

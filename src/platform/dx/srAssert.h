@@ -10,5 +10,11 @@ typedef void (*srAssertHandler)(const char* expression, const char* source, long
 // Installs a handler (null restores the default); returns the previous one.
 srAssertHandler srSetAssertHandler(srAssertHandler handler);
 
+// Installs a handler for the reports made on the calling thread only, in place of the
+// process's (null: the process's again); returns the previous one. Reports it takes are
+// not counted: work run on other threads keeps its reports this way and files them later,
+// in order, through srAssertFail.
+srAssertHandler srSetThreadAssertHandler(srAssertHandler handler);
+
 // Number of reports since the process started (any handler).
 unsigned long srAssertCount();
