@@ -193,9 +193,9 @@ void BenchSuite::registerAll()
                 const bool midSplit = std::string(mode) == "mid_split";
                 const std::string name =
                     "vis_build/" + e->mesh->name() + "/" + mode + "/threads:" + std::to_string(threads);
-                benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(
-                    name.c_str(), [this, e, midSplit, threads](benchmark::State& st)
-                    { visBuild(st, *e, midSplit, threads); });
+                benchmark::internal::Benchmark* b =
+                    benchmark::RegisterBenchmark(name.c_str(), [this, e, midSplit, threads](benchmark::State& st)
+                                                 { visBuild(st, *e, midSplit, threads); });
                 b->Unit(benchmark::kMillisecond)->UseRealTime();
                 if (m_options.tiny)
                     b->Iterations(1);
@@ -474,8 +474,9 @@ void BenchSuite::visBuild(benchmark::State& st, Entry& e, bool midSplit, int thr
     settings.threads = threads;
     auto now = [threads]()
     {
-        return threads == 1 ? Clock::now()
-                            : std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+        return threads == 1
+                   ? Clock::now()
+                   : std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
     };
     std::map<std::string, double> stageTime;
     std::string current;

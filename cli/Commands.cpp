@@ -671,6 +671,7 @@ int runBatch(const std::string& dir, const std::vector<Batch::Item>& items, int 
 int visOptions(const Commands::VisArgs& args, const std::string& dir, VisPipeline::Options& options)
 {
     options.midSplit = args.midSplit;
+    options.threads = args.threads;
     options.portalFile = args.prtOut.empty() ? Tool::joinPath(dir, "test.prt") : args.prtOut;
     const MeshWriter::e_format named = MeshWriter::formatNamed(args.meshFormat);
     if (!args.meshFormat.empty() && named == MeshWriter::FORMAT_NONE)
@@ -748,11 +749,13 @@ int visBatch(const Commands::VisArgs& args)
     std::vector<std::string> targets;
     if (int code = batchTargets(args.meshes, args.batchDir, "", targets))
         return code;
-    const Batch::Shape shape = Batch::shape(args.meshes.size(), args.jobs, 1, mrClipBSPGen::availableThreads());
+    const Batch::Shape shape =
+        Batch::shape(args.meshes.size(), args.jobs, args.threads, mrClipBSPGen::availableThreads());
     std::vector<Batch::Item> items;
     for (size_t i = 0; i < args.meshes.size(); ++i)
     {
-        Batch::Item item{args.meshes[i], {"vis", "--out=" + targets[i], "--json"}};
+        Batch::Item item{args.meshes[i],
+                         {"vis", "--out=" + targets[i], "--json", "--threads=" + std::to_string(shape.threads)}};
         if (args.midSplit)
             item.args.push_back("--mid-split");
         if (!args.meshFormat.empty())
@@ -909,6 +912,8 @@ int clipBatch(const Commands::ClipArgs& args)
 
 int Commands::vis(const VisArgs& args)
 {
+    if (int code = checkCount("--threads", args.threads))
+        return code;
     VisPipeline::Options options;
     if (int code = visOptions(args, args.outDir.empty() ? "." : args.outDir, options))
         return code;
@@ -1336,6 +1341,7 @@ int Commands::demo(const DemoArgs& args)
         return Tool::fail("demo-level.obj", "the built-in demo level is not installed");
 
     VisPipeline::Options vis;
+    vis.threads = args.threads;
     vis.portalFile = Tool::joinPath(args.outDir, "test.prt");
     vis.meshFile = Tool::joinPath(args.outDir, "portals.obj");
     std::string clipFile = Tool::joinPath(args.outDir, "level.mrc");

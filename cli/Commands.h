@@ -21,6 +21,7 @@ public:
         std::string leakOut;             // empty: leak.obj in outDir
         bool keepDegenerate = false;
         bool json = false;
+        int threads = 0; // of the visibility build, as mrVisPipeline::Settings::threads
         // Many meshes: the outputs of each in batchDir/NAME/, built by `jobs` workers at
         // once (0: see Batch::shape).
         std::string batchDir;

@@ -172,6 +172,7 @@ bool ViewPage::build(srMeshModel* mesh, const Options& options, std::string& err
 
     mrVisPipeline::Settings vis;
     vis.midSplit = options.midSplit;
+    vis.threads = options.threads;
     vis.portalMesh = true;
     vis.progress = options.progress;
     vis.observer = [&](const mrBSPNode* head, const mrBSPPortalizer& portalizer)

@@ -27,7 +27,7 @@ public:
         bool hasInside = false; // a point that should lie inside the level
         srVector3T<float> inside{0, 0, 0};
         mrProgress::Callback progress; // told how far both pipelines have got
-        int threads = 0;               // of the collision build (mrClipPipeline::Settings::threads)
+        int threads = 0;               // of both builds (the pipelines' Settings::threads)
     };
 
     // What the page holds, for the command's summary line.

@@ -20,6 +20,7 @@ bool VisPipeline::run(srMeshModel* mesh, const Options& options, OutputSet& outp
         return false;
     mrVisPipeline::Settings settings;
     settings.midSplit = options.midSplit;
+    settings.threads = options.threads;
     settings.portalFile = options.portalFile;
     settings.portalStream = prt->file();
     settings.portalMesh = true;

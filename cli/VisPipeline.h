@@ -20,6 +20,7 @@ public:
     struct Options
     {
         bool midSplit = false;
+        int threads = 0;        // mrVisPipeline::Settings::threads
         std::string portalFile; // where the portal file goes
         std::string meshFile;   // where the portal mesh goes
         MeshWriter::e_format meshFormat = MeshWriter::FORMAT_OBJ;

@@ -155,6 +155,7 @@ int main(int argc, char** argv)
     vis->add_flag("--keep-degenerate", visArgs.keepDegenerate,
                   "Pass triangles without a plane to the library (default: dropped, with a warning)");
     vis->add_flag("--json", visArgs.json, "Print the results as one JSON object (with --out-dir, one per mesh)");
+    addThreads(vis, visArgs.threads, "each visibility build", ", shared out among the workers with --out-dir");
     addBatch(vis, visArgs.batchDir, visArgs.jobs, "DIR/NAME/test.prt, DIR/NAME/portals.obj, ... for NAME.obj");
 
     Commands::ClipArgs clipArgs;
@@ -235,14 +236,14 @@ int main(int argc, char** argv)
                      "(default: none)");
     view->add_flag("--keep-degenerate", viewArgs.keepDegenerate,
                    "Pass triangles without a plane to the library (default: dropped, with a warning)");
-    addThreads(view, viewArgs.threads, "the collision build");
+    addThreads(view, viewArgs.threads, "both builds");
     view->add_flag("--json", viewArgs.json, "Print the results as one JSON object");
 
     Commands::DemoArgs demoArgs;
     CLI::App* demo = app.add_subcommand("demo", "Both pipelines, a slice and a view page of the built-in level");
     demo->add_option("--out", demoArgs.outDir,
                      "Output directory, made (with its parents) if missing (default demo-out)");
-    addThreads(demo, demoArgs.threads, "the collision builds");
+    addThreads(demo, demoArgs.threads, "the builds");
     demo->add_flag("--json", demoArgs.json, "Print the results as one JSON object");
 
     // Set last, so that the commands' own help does not repeat it.

@@ -78,8 +78,9 @@ bool mrVisPipeline::run(srMeshModel* mesh, const Settings& settings, Result& res
     mrBSPNode* head = nullptr;
     {
         mrProgress::Stage stage(settings.progress, "solid BSP", result.faces);
-        head = settings.threads == 1 ? generator.generate(surfaces, settings.midSplit ? 1 : 0)
-                                     : generator.generateParallel(surfaces, settings.midSplit ? 1 : 0, settings.threads);
+        head = settings.threads == 1
+                   ? generator.generate(surfaces, settings.midSplit ? 1 : 0)
+                   : generator.generateParallel(surfaces, settings.midSplit ? 1 : 0, settings.threads);
     }
     result.numSplitNodes = generator.m_numSplitNodes;
     result.numLeafFaces = generator.m_numLeafFaces;
