@@ -666,6 +666,25 @@ int runBatch(const std::string& dir, const std::vector<Batch::Item>& items, int 
                       " failed: " + joinWords(failed, ", "));
 }
 
+// One worker per mesh, each running `command` with `output`=its target, --json, its share of
+// the threads and `options`, then the mesh; the cores are shared as Batch::shape says.
+int runBatchOf(const std::string& command, const std::string& output, const std::vector<std::string>& meshes,
+               const std::vector<std::string>& targets, const std::vector<std::string>& options, const std::string& dir,
+               int jobs, int threads, bool json, const Batch::Summary& summary)
+{
+    const Batch::Shape shape = Batch::shape(meshes.size(), jobs, threads, mrClipBSPGen::availableThreads());
+    std::vector<Batch::Item> items;
+    for (size_t i = 0; i < meshes.size(); ++i)
+    {
+        Batch::Item item{meshes[i],
+                         {command, output + "=" + targets[i], "--json", "--threads=" + std::to_string(shape.threads)}};
+        item.args.insert(item.args.end(), options.begin(), options.end());
+        item.args.insert(item.args.end(), {"--", meshes[i]});
+        items.push_back(item);
+    }
+    return runBatch(dir, items, shape.jobs, json, summary);
+}
+
 // The visibility run's options from the command line, with the default outputs in `dir`;
 // 0, or the exit code of a usage error.
 int visOptions(const Commands::VisArgs& args, const std::string& dir, VisPipeline::Options& options)
@@ -743,48 +762,38 @@ int visOne(const Commands::VisArgs& args, const std::string& meshPath, const Vis
 }
 
 // vis over many meshes: DIR/NAME/test.prt, DIR/NAME/portals.obj, ... each, one worker per mesh.
-// The visibility build runs on one thread, so there are as many workers as cores.
 int visBatch(const Commands::VisArgs& args)
 {
     std::vector<std::string> targets;
     if (int code = batchTargets(args.meshes, args.batchDir, "", targets))
         return code;
-    const Batch::Shape shape =
-        Batch::shape(args.meshes.size(), args.jobs, args.threads, mrClipBSPGen::availableThreads());
-    std::vector<Batch::Item> items;
-    for (size_t i = 0; i < args.meshes.size(); ++i)
-    {
-        Batch::Item item{args.meshes[i],
-                         {"vis", "--out=" + targets[i], "--json", "--threads=" + std::to_string(shape.threads)}};
-        if (args.midSplit)
-            item.args.push_back("--mid-split");
-        if (!args.meshFormat.empty())
-            item.args.push_back("--mesh-format=" + args.meshFormat);
-        for (const std::string& point : args.inside)
-            item.args.push_back("--inside=" + point);
-        if (args.keepDegenerate)
-            item.args.push_back("--keep-degenerate");
-        item.args.insert(item.args.end(), {"--", args.meshes[i]});
-        items.push_back(item);
-    }
-    return runBatch(args.batchDir, items, shape.jobs, args.json,
-                    [](const nlohmann::ordered_json& r)
-                    {
-                        const nlohmann::ordered_json open = r.value("openLeaves", nlohmann::ordered_json::object());
-                        mrLeakFinder::Report leaks;
-                        leaks.openLeaves = open.value("total", 0L);
-                        leaks.reachable = open.value("reachOutside", 0L);
-                        leaks.enclosed = open.value("enclosed", 0L);
-                        std::string line = "wrote " + r.value("portalFile", "") + " (" +
-                                           Tool::count(r.value("numVisleafs", 0L), "open leaf", "open leaves") + ", " +
-                                           Tool::count(r.value("numVisportals", 0L), "portal", "portals") + ") and " +
-                                           r.value("portalMeshFile", "") + " (" +
-                                           Tool::count(r.value("portalMeshPolys", 0L), "polygon", "polygons") + "); " +
-                                           openSpaceSentence(leaks);
-                        if (r.contains("leak") && r["leak"].is_object())
-                            line += "; leak paths in " + r["leak"].value("file", "");
-                        return line + " (" + ms(r.value("elapsedMs", 0.0)) + ")";
-                    });
+    std::vector<std::string> options;
+    if (args.midSplit)
+        options.push_back("--mid-split");
+    if (!args.meshFormat.empty())
+        options.push_back("--mesh-format=" + args.meshFormat);
+    for (const std::string& point : args.inside)
+        options.push_back("--inside=" + point);
+    if (args.keepDegenerate)
+        options.push_back("--keep-degenerate");
+    return runBatchOf("vis", "--out", args.meshes, targets, options, args.batchDir, args.jobs, args.threads, args.json,
+                      [](const nlohmann::ordered_json& r)
+                      {
+                          const nlohmann::ordered_json open = r.value("openLeaves", nlohmann::ordered_json::object());
+                          mrLeakFinder::Report leaks;
+                          leaks.openLeaves = open.value("total", 0L);
+                          leaks.reachable = open.value("reachOutside", 0L);
+                          leaks.enclosed = open.value("enclosed", 0L);
+                          std::string line = "wrote " + r.value("portalFile", "") + " (" +
+                                             Tool::count(r.value("numVisleafs", 0L), "open leaf", "open leaves") +
+                                             ", " + Tool::count(r.value("numVisportals", 0L), "portal", "portals") +
+                                             ") and " + r.value("portalMeshFile", "") + " (" +
+                                             Tool::count(r.value("portalMeshPolys", 0L), "polygon", "polygons") +
+                                             "); " + openSpaceSentence(leaks);
+                          if (r.contains("leak") && r["leak"].is_object())
+                              line += "; leak paths in " + r["leak"].value("file", "");
+                          return line + " (" + ms(r.value("elapsedMs", 0.0)) + ")";
+                      });
 }
 
 // Where the clip BSP goes: the matrix first, then the offset.
@@ -881,31 +890,23 @@ int clipBatch(const Commands::ClipArgs& args)
     std::vector<std::string> targets;
     if (int code = batchTargets(args.meshes, args.batchDir, ".mrc", targets))
         return code;
-    const Batch::Shape shape =
-        Batch::shape(args.meshes.size(), args.jobs, args.threads, mrClipBSPGen::availableThreads());
-    std::vector<Batch::Item> items;
-    for (size_t i = 0; i < args.meshes.size(); ++i)
-    {
-        Batch::Item item{args.meshes[i],
-                         {"clip", "--output=" + targets[i], "--json", "--threads=" + std::to_string(shape.threads)}};
-        if (!args.offset.empty())
-            item.args.push_back("--offset=" + args.offset);
-        if (!args.matrix.empty())
-            item.args.push_back("--matrix=" + args.matrix);
-        if (args.keepDegenerate)
-            item.args.push_back("--keep-degenerate");
-        item.args.insert(item.args.end(), {"--", args.meshes[i]});
-        items.push_back(item);
-    }
-    return runBatch(args.batchDir, items, shape.jobs, args.json,
-                    [](const nlohmann::ordered_json& r)
-                    {
-                        return "wrote " + r.value("file", "") + ": a clip BSP of " +
-                               std::to_string(r.value("numNodes", 0)) + " nodes and " +
-                               std::to_string(r.value("numPlanes", 0)) + " planes from " +
-                               Tool::count(r.value("numTriangles", 0L), "triangle", "triangles") + " (" +
-                               ms(r.value("elapsedMs", 0.0)) + ")";
-                    });
+    std::vector<std::string> options;
+    if (!args.offset.empty())
+        options.push_back("--offset=" + args.offset);
+    if (!args.matrix.empty())
+        options.push_back("--matrix=" + args.matrix);
+    if (args.keepDegenerate)
+        options.push_back("--keep-degenerate");
+    return runBatchOf("clip", "--output", args.meshes, targets, options, args.batchDir, args.jobs, args.threads,
+                      args.json,
+                      [](const nlohmann::ordered_json& r)
+                      {
+                          return "wrote " + r.value("file", "") + ": a clip BSP of " +
+                                 std::to_string(r.value("numNodes", 0)) + " nodes and " +
+                                 std::to_string(r.value("numPlanes", 0)) + " planes from " +
+                                 Tool::count(r.value("numTriangles", 0L), "triangle", "triangles") + " (" +
+                                 ms(r.value("elapsedMs", 0.0)) + ")";
+                      });
 }
 
 } // namespace
