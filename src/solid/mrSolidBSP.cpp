@@ -42,6 +42,23 @@ template <class Body> void forShares(bool parallel, size_t n, size_t grain, cons
     mrThreadHandoff::finished(&token);
 }
 
+// body(result, first, last) for each of up to 64 equal shares of [0, n) (one share unless
+// `parallel`), with a result of its own: their results in order, to be put together as one
+// pass over [0, n) would.
+template <class Result, class Body>
+std::vector<Result> inShares(bool parallel, size_t n, size_t grain, const Body& body)
+{
+    const size_t shares = parallel ? std::max<size_t>(1, std::min<size_t>(64, n / grain)) : 1;
+    std::vector<Result> results(shares);
+    forShares(parallel, shares, 1,
+              [&](size_t a, size_t b)
+              {
+                  for (size_t share = a; share < b; ++share)
+                      body(results[share], n * share / shares, n * (share + 1) / shares);
+              });
+    return results;
+}
+
 // Dominant axis of a plane: the first axis whose float |N_k| beats the float weight,
 // which starts at -8192; -1 only for a normal whose components are all NaN (part of the
 // reproducibility promise).
@@ -2133,34 +2150,27 @@ void buildFacts(FactTree& tree, ParallelRun* run)
             srVector3T<float> mins{99999.0f, 99999.0f, 99999.0f};
             srVector3T<float> maxs{-99999.0f, -99999.0f, -99999.0f};
         };
-        const size_t scans = wide ? std::max<size_t>(1, std::min<size_t>(64, order.size() / grain)) : 1;
-        std::vector<Scan> scan(scans);
-        forShares(wide, scans, 1,
-                  [&](size_t a, size_t b)
-                  {
-                      for (size_t share = a; share < b; ++share)
-                      {
-                          Scan& sc = scan[share];
-                          const size_t last = order.size() * (share + 1) / scans;
-                          for (size_t i = order.size() * share / scans; i < last; ++i)
-                          {
-                              const SurfaceFact& f = facts[order[i]];
-                              if (!f.onNode)
-                              {
-                                  ++sc.candidates;
-                                  sc.last = (int)i;
-                                  sc.faces += f.faces;
-                              }
-                              for (int k = 0; k < 3; ++k)
-                              {
-                                  if (f.mins[k] < sc.mins[k])
-                                      sc.mins[k] = f.mins[k];
-                                  if (f.maxs[k] > sc.maxs[k])
-                                      sc.maxs[k] = f.maxs[k];
-                              }
-                          }
-                      }
-                  });
+        const std::vector<Scan> scan = inShares<Scan>(wide, order.size(), grain,
+                                                      [&](Scan& sc, size_t first, size_t last)
+                                                      {
+                                                          for (size_t i = first; i < last; ++i)
+                                                          {
+                                                              const SurfaceFact& f = facts[order[i]];
+                                                              if (!f.onNode)
+                                                              {
+                                                                  ++sc.candidates;
+                                                                  sc.last = (int)i;
+                                                                  sc.faces += f.faces;
+                                                              }
+                                                              for (int k = 0; k < 3; ++k)
+                                                              {
+                                                                  if (f.mins[k] < sc.mins[k])
+                                                                      sc.mins[k] = f.mins[k];
+                                                                  if (f.maxs[k] > sc.maxs[k])
+                                                                      sc.maxs[k] = f.maxs[k];
+                                                              }
+                                                          }
+                                                      });
         int candidates = 0, last = -1;
         srVector3T<float> mins(99999.0f, 99999.0f, 99999.0f);
         srVector3T<float> maxs(-99999.0f, -99999.0f, -99999.0f);
@@ -2415,32 +2425,25 @@ void buildFacts(FactTree& tree, ParallelRun* run)
                 continue;
             // Sums over the child's list, a long one's shares on all threads.
             const bool wideSide = wide && v.size() >= share->minList;
-            const size_t shares = wideSide ? std::max<size_t>(1, std::min<size_t>(64, v.size() / grain)) : 1;
             struct Sums
             {
                 int64_t unchanged = 0, made = 0;
                 bool bounded = false;
             };
-            std::vector<Sums> sums(shares);
-            forShares(wideSide, shares, 1,
-                      [&](size_t a, size_t b)
-                      {
-                          for (size_t share = a; share < b; ++share)
-                          {
-                              Sums& sum = sums[share];
-                              const size_t last = v.size() * (share + 1) / shares;
-                              for (size_t j = v.size() * share / shares; j < last; ++j)
-                              {
-                                  const SurfaceFact& f = facts[v[j]];
-                                  if (!f.onNode)
-                                  {
-                                      sum.unchanged += f.faces - f.fresh;
-                                      sum.made += f.fresh;
-                                  }
-                                  sum.bounded = sum.bounded || f.lower > 0;
-                              }
-                          }
-                      });
+            const std::vector<Sums> sums = inShares<Sums>(wideSide, v.size(), grain,
+                                                          [&](Sums& sum, size_t first, size_t last)
+                                                          {
+                                                              for (size_t j = first; j < last; ++j)
+                                                              {
+                                                                  const SurfaceFact& f = facts[v[j]];
+                                                                  if (!f.onNode)
+                                                                  {
+                                                                      sum.unchanged += f.faces - f.fresh;
+                                                                      sum.made += f.fresh;
+                                                                  }
+                                                                  sum.bounded = sum.bounded || f.lower > 0;
+                                                              }
+                                                          });
             int64_t unchanged = 0, made = 0;
             bool bounded = false;
             for (const Sums& sum : sums)
