@@ -35,8 +35,8 @@ test-asan: deps
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
-# ThreadSanitizer on the tests that build on several threads (the parallel collision
-# build against the single-threaded one).
+# ThreadSanitizer on the tests that build on several threads (the parallel collision and
+# visibility builds against the single-threaded ones).
 TSAN_TESTS ?= AnyNumberOfThreads|ClipPipeline|HostileMeshes
 test-tsan: deps
 	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMERIDBSP_SANITIZE=thread \
