@@ -42,20 +42,24 @@ def thread_counts(runs, prefix):
 
 
 def scaling_rows(runs, mesh):
-    """Wall-time speed-ups over one thread: the parallel build (against clip_build, the
-    single-threaded import) and the queries answered from several threads at once."""
+    """Wall-time speed-ups over one thread: the parallel builds (against clip_build and
+    vis_build, the single-threaded ones) and the queries answered from several threads at
+    once."""
     rows = []
 
     def wall(run):
         return run["real_time"] * TO_SECONDS[run.get("time_unit", "ns")]
 
-    base = runs.get("clip_build/%s" % mesh)
-    for k in thread_counts(runs, "clip_build/%s" % mesh):
-        run = runs.get("clip_build/%s/threads:%d" % (mesh, k))
-        if not base or not run or base.get("error_occurred") or run.get("error_occurred"):
-            continue
-        rows.append(["clip_build", "1 -> %d" % k, "%s -> %s" % (fmt_time(wall(base)), fmt_time(wall(run))),
-                     "%.2fx" % (wall(base) / wall(run))])
+    for label, prefix in [("clip_build", "clip_build/%s" % mesh),
+                          ("vis_build mid_split", "vis_build/%s/mid_split" % mesh),
+                          ("vis_build normal", "vis_build/%s/normal" % mesh)]:
+        base = runs.get(prefix)
+        for k in thread_counts(runs, prefix):
+            run = runs.get("%s/threads:%d" % (prefix, k))
+            if not base or not run or base.get("error_occurred") or run.get("error_occurred"):
+                continue
+            rows.append([label, "1 -> %d" % k, "%s -> %s" % (fmt_time(wall(base)), fmt_time(wall(run))),
+                         "%.2fx" % (wall(base) / wall(run))])
     for family in ("point_info_threads", "check_collision_threads"):
         prefix = "%s/%s" % (family, mesh)
         one = runs.get(prefix + "/threads:1")
