@@ -100,35 +100,27 @@ TEST(ClipBSPObject, NewClonedAndInstancedClipBSPsAreEmptyAndTheirSevenFieldsMirr
         ClipPtr b(dynamic_cast<mrClipBSP*>(made));
         ASSERT_NE(b, nullptr);
         EXPECT_NE(b.get(), source.get());
-        EXPECT_EQ(b->m_numnodes + b->m_numplanes, 0u);
-        EXPECT_EQ(b->m_nodes, nullptr);
-        EXPECT_EQ(b->m_planes, nullptr);
-        EXPECT_EQ(b->getContents(), 1u);
-        EXPECT_EQ(b->getClassID(), 0x60000u);
-        EXPECT_STREQ(b->getClassName(), "srClass");
+        EXPECT_EQ(std::make_tuple(b->m_numnodes + b->m_numplanes, b->m_nodes, b->m_planes, b->getContents(),
+                                  b->getClassID(), std::string(b->getClassName())),
+                  std::make_tuple(0u, nullptr, nullptr, 1u, 0x60000ul, std::string("srClass")));
         const char* names[] = {"Contents", "Mins", "Maxs", "NumNodes", "Nodes", "NumPlanes", "Planes"};
         ASSERT_EQ(b->numFields(), 7u);
         for (size_t i = 0; i < 7; ++i)
-        {
-            EXPECT_EQ(b->fieldAt(i).m_id, 0xF001u + i);
-            EXPECT_EQ(b->fieldAt(i).m_name, names[i]);
-            EXPECT_EQ(b->fieldAt(i).m_access, mrParamBlock::ACCESS_READWRITE);
-        }
-        EXPECT_EQ(b->findField(0xF005u)->m_kind, mrParamBlock::FIELD_BYTEARRAYPTR);
-        EXPECT_EQ(b->getDWordField(0xF001), 1u);
-        EXPECT_EQ(b->getDWordField(0xF004) + b->getDWordField(0xF006), 0u);
-        EXPECT_EQ(fieldPtr(*b, 0xF005), std::make_pair((const void*)nullptr, 0ul));
-        EXPECT_EQ(fieldPtr(*b, 0xF007), std::make_pair((const void*)nullptr, 0ul));
-        EXPECT_EQ(b->numDependants(), 1u); // the self-reference
+            EXPECT_EQ(std::make_tuple(b->fieldAt(i).m_id, std::string(b->fieldAt(i).m_name), b->fieldAt(i).m_access),
+                      std::make_tuple(0xF001u + i, std::string(names[i]), mrParamBlock::ACCESS_READWRITE));
+        // The byte arrays hand out nothing; one dependant: the self-reference.
+        const std::pair<const void*, unsigned long> none(nullptr, 0);
+        EXPECT_EQ(std::make_tuple(b->findField(0xF005u)->m_kind, b->getDWordField(0xF001),
+                                  b->getDWordField(0xF004) + b->getDWordField(0xF006), fieldPtr(*b, 0xF005),
+                                  fieldPtr(*b, 0xF007), b->numDependants()),
+                  std::make_tuple(mrParamBlock::FIELD_BYTEARRAYPTR, 1ul, 0ul, none, none, 1ul));
         // setContents does not publish; values set from outside reach the members.
         b->setContents(7);
         EXPECT_EQ(b->getDWordField(0xF001), 1u);
         b->setDWordField(0xF001, 5);
         b->setVector3Field(0xF002, V(1, 2, 3));
         b->setVector3Field(0xF003, V(4, 5, 6));
-        EXPECT_EQ(b->getContents(), 5u);
-        EXPECT_EQ(b->m_mins, V(1, 2, 3));
-        EXPECT_EQ(b->m_maxs, V(4, 5, 6));
+        EXPECT_EQ(std::make_tuple(b->getContents(), b->m_mins, b->m_maxs), std::make_tuple(5u, V(1, 2, 3), V(4, 5, 6)));
     }
     EXPECT_TRUE(rec.reports().empty());
 }
@@ -143,10 +135,8 @@ TEST(ClipBSPObject, ClassEntersRegistryWithFirstInstance)
         ClipPtr a = emptyClip();
         srRegistry::ClassNode* n = reg.getClassNode(0x60000);
         ASSERT_NE(n, nullptr);
-        EXPECT_EQ(n->m_name, "srClass");
-        EXPECT_EQ(n->m_parent, srClass::sGetClassNode());
-        EXPECT_EQ(n->m_flag, 1);
-        EXPECT_EQ(a->getClassNode(), n);
+        EXPECT_EQ(std::make_tuple(std::string(n->m_name), n->m_parent, n->m_flag, a->getClassNode()),
+                  std::make_tuple(std::string("srClass"), srClass::sGetClassNode(), 1, n));
         ClipPtr b(new mrClipBSP(*a));
         EXPECT_EQ(reg.numInstances(0x60000), 2u);
         *b = *a; // assignment leaves the registry alone
@@ -159,8 +149,7 @@ TEST(ClipBSPObject, DestructionReportsArraysWithoutCountsAndStillReleasesThem)
 {
     mtest::AssertRecorder rec;
     ClipPtr b = clipBox(V(-1, -1, -1), V(1, 1, 1));
-    b->m_numnodes = 0;
-    b->m_numplanes = 0;
+    b->m_numnodes = b->m_numplanes = 0;
     b.reset();
     rec.expect({{"m_numnodes", "mrClipBSP", 33, nullptr}, {"m_numplanes", "mrClipBSP", 38, nullptr}});
 
@@ -186,14 +175,10 @@ TEST(ClipBSPObject, CopiesOwnTheirArraysAndTheirFields)
     a.reset(); // the copies must not lean on the source's storage
     for (mrClipBSP* c : {copy.get(), assigned.get()})
     {
-        EXPECT_EQ(c->getContents(), 4u);
-        EXPECT_EQ(c->m_maxs, V(32, 32, 32));
-        ASSERT_EQ(c->m_numnodes, 6u);
-        EXPECT_EQ(bytesOf(c->m_nodes, 72), nodes);
-        EXPECT_EQ(fieldPtr(*c, 0xF005), std::make_pair((const void*)c->m_nodes, 72ul));
-        EXPECT_EQ(fieldBytes(*c, 0xF007), planes);
-        EXPECT_EQ(c->pointInfo(0, V(0, 0, 0)), -2);
-        EXPECT_EQ(c->pointInfo(0, V(20, 0, 0)), -1);
+        ASSERT_EQ(std::make_tuple(c->getContents(), c->m_maxs, c->m_numnodes), std::make_tuple(4u, V(32, 32, 32), 6u));
+        EXPECT_EQ(std::make_tuple(bytesOf(c->m_nodes, 72), fieldPtr(*c, 0xF005), fieldBytes(*c, 0xF007),
+                                  c->pointInfo(0, V(0, 0, 0)), c->pointInfo(0, V(20, 0, 0))),
+                  std::make_tuple(nodes, std::make_pair((const void*)c->m_nodes, 72ul), planes, -2, -1));
     }
 }
 
@@ -240,17 +225,14 @@ TEST(ClipBSPFields, RefreshPublishesRecordsOfTwelveAndTwentyBytesIntoTheGivenBlo
     mrParamBlock other;
     b->addClassParameters(&other);
     b->refreshPBlock(&other);
-    EXPECT_EQ(other.getDWordField(0xF004), 6u);
-    EXPECT_EQ(fieldBytes(other, 0xF005), bytesOf(b->m_nodes, 72));
-    EXPECT_EQ(fieldBytes(other, 0xF007), planeRecords(cubePlanes()));
-    EXPECT_EQ(b->getDWordField(0xF004), 0u);
-    EXPECT_EQ(fieldBytes(*b, 0xF005).size(), 0u);
+    EXPECT_EQ(std::make_tuple(other.getDWordField(0xF004), fieldBytes(other, 0xF005), fieldBytes(other, 0xF007),
+                              b->getDWordField(0xF004), fieldBytes(*b, 0xF005).size()),
+              std::make_tuple(6ul, bytesOf(b->m_nodes, 72), planeRecords(cubePlanes()), 0ul, (size_t)0));
 
     b->refreshPBlock(nullptr);
-    EXPECT_EQ(b->getDWordField(0xF004), 6u);
-    EXPECT_EQ(b->getDWordField(0xF006), 6u);
-    EXPECT_EQ(b->getVector3Field(0xF002), V(-32, -32, -32));
-    EXPECT_EQ(fieldPtr(*b, 0xF005), std::make_pair((const void*)b->m_nodes, 72ul));
+    EXPECT_EQ(std::make_tuple(b->getDWordField(0xF004), b->getDWordField(0xF006), b->getVector3Field(0xF002),
+                              fieldPtr(*b, 0xF005)),
+              std::make_tuple(6ul, 6ul, V(-32, -32, -32), std::make_pair((const void*)b->m_nodes, 72ul)));
     Bytes planes = fieldBytes(*b, 0xF007);
     ASSERT_EQ(planes.size(), 120u);
     const unsigned char plane1[20] = {0, 0, 0, 0, 0, 0, 0x80, 0xBF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x41};
@@ -260,10 +242,9 @@ TEST(ClipBSPFields, RefreshPublishesRecordsOfTwelveAndTwentyBytesIntoTheGivenBlo
     // Into another clip BSP's block: that one takes copies of everything.
     ClipPtr c = emptyClip();
     b->refreshPBlock(c.get());
-    EXPECT_EQ(c->m_numnodes, 6u);
     EXPECT_NE(c->m_nodes, b->m_nodes);
-    EXPECT_EQ(c->m_maxs, V(32, 32, 32));
-    EXPECT_EQ(c->pointInfo(0, V(0, 0, 0)), -2);
+    EXPECT_EQ(std::make_tuple(c->m_numnodes, c->m_maxs, c->pointInfo(0, V(0, 0, 0))),
+              std::make_tuple(6u, V(32, 32, 32), -2));
 }
 
 TEST(ClipBSPFields, UnknownNotificationsWriteALineAndTheRefreshingBitMakesThemNoOps)
@@ -365,13 +346,9 @@ TEST(ClipBSPQueries, TracesFillTheWholeRecord)
         mrTrace t;
         t.m_reservedFlag = 77;
         EXPECT_EQ(b->checkCollision(start, end, t), result);
-        EXPECT_EQ(t.m_fraction, fraction);
-        EXPECT_EQ(t.m_endPos, endPos);
-        EXPECT_EQ(std::make_tuple(t.m_allSolid, t.m_startSolid, t.m_inOpen, t.m_reservedFlag),
-                  std::make_tuple(allSolid, startSolid, inOpen, 77));
-        EXPECT_EQ(t.m_planeNormal, normal);
-        EXPECT_EQ(t.m_planeDist, dist);
-        EXPECT_EQ(b->pointInfo(0, t.m_endPos), endContents);
+        EXPECT_EQ(std::make_tuple(t.m_fraction, t.m_endPos, t.m_allSolid, t.m_startSolid, t.m_inOpen, t.m_reservedFlag,
+                                  t.m_planeNormal, t.m_planeDist, b->pointInfo(0, t.m_endPos)),
+                  std::make_tuple(fraction, endPos, allSolid, startSolid, inOpen, 77, normal, dist, endContents));
     }
 }
 
@@ -395,25 +372,20 @@ TEST(ClipBSPQueries, TraceMayStartAtItsOwnEndPointAndNonFinitePointsEndTheQuery)
 TEST(ClipBSPBoxes, MakeFromBBoxBuildsTheSixPlaneChainInsidePaddedBounds)
 {
     ClipPtr b = cube();
-    ASSERT_EQ(b->m_numplanes, 6u);
-    ASSERT_EQ(b->m_numnodes, 6u);
-    expectPlanes(*b, cubePlanes());
-    EXPECT_EQ(bytesOf(b->m_nodes, 72), nodeRecords(boxNodes()));
-    EXPECT_EQ(b->m_mins, V(-32, -32, -32));
-    EXPECT_EQ(b->m_maxs, V(32, 32, 32));
-    EXPECT_EQ(b->getContents(), 1u);
+    ASSERT_EQ(std::make_pair(b->m_numplanes, b->m_numnodes), std::make_pair(6u, 6u));
     // Offset changes nothing at all.
-    V delta(5, 6, 7);
-    b->offset(delta);
-    EXPECT_EQ(bytesOf(b->m_nodes, 72), nodeRecords(boxNodes()));
-    expectPlanes(*b, cubePlanes());
-    EXPECT_EQ(b->m_maxs, V(32, 32, 32));
+    for (int pass = 0; pass < 2; ++pass)
+    {
+        expectPlanes(*b, cubePlanes());
+        EXPECT_EQ(std::make_tuple(bytesOf(b->m_nodes, 72), b->m_mins, b->m_maxs, b->getContents()),
+                  std::make_tuple(nodeRecords(boxNodes()), V(-32, -32, -32), V(32, 32, 32), 1u));
+        V delta(5, 6, 7);
+        b->offset(delta);
+    }
 
     ClipPtr off = clipBox(V(0, 0, 0), V(10, 20, 30));
-    EXPECT_EQ(off->pointInfo(0, V(5, 5, 5)), -2);
-    EXPECT_EQ(off->pointInfo(0, V(-1, 5, 5)), -1);
-    EXPECT_EQ(off->m_mins, V(-16, -16, -16));
-    EXPECT_EQ(off->m_maxs, V(26, 36, 46));
+    EXPECT_EQ(std::make_tuple(off->pointInfo(0, V(5, 5, 5)), off->pointInfo(0, V(-1, 5, 5)), off->m_mins, off->m_maxs),
+              std::make_tuple(-2, -1, V(-16, -16, -16), V(26, 36, 46)));
     // Rebuilding releases the old arrays (the leak checker watches) and starts afresh.
     off->makeFromBBox(V(-1, -1, -1), V(1, 1, 1));
     EXPECT_EQ(off->pointInfo(0, V(5, 5, 5)), -1);
@@ -426,22 +398,17 @@ TEST(ClipBSPBoxes, SetFromBBoxMovesThePlanes)
     expectPlanes(*b, cubePlanes());
     b->setFromBBox(V(100, 0, 0), V(110, 10, 10));
     expectPlanes(*b, axisPlanes({110, -100, 10, 0, 10, 0}));
-    EXPECT_EQ(b->pointInfo(0, V(0, 0, 0)), -1);
-    EXPECT_EQ(b->pointInfo(0, V(105, 5, 5)), -2);
-    EXPECT_EQ(b->m_mins, V(84, -16, -16));
-    EXPECT_EQ(b->m_maxs, V(126, 26, 26));
+    EXPECT_EQ(std::make_tuple(b->pointInfo(0, V(0, 0, 0)), b->pointInfo(0, V(105, 5, 5)), b->m_mins, b->m_maxs),
+              std::make_tuple(-1, -2, V(84, -16, -16), V(126, 26, 26)));
 
     // The extended form turns the corners only.
     V mins(-1, -2, -3), maxs(1, 2, 3), origin(10, 0, 0);
     srMatrix3T<float> m(0, 1, 0, -1, 0, 0, 0, 0, 1);
     ClipPtr c = cube();
     c->setFromBBoxExt(mins, maxs, origin, m);
-    EXPECT_EQ(mins, V(8, -1, -3));
-    EXPECT_EQ(maxs, V(12, 1, 3));
     expectPlanes(*c, axisPlanes({12, -8, 1, 1, 3, 3}));
-    EXPECT_EQ(c->m_mins, V(-9992, -10001, -10003));
-    EXPECT_EQ(c->m_maxs, V(10012, 10001, 10003));
-    EXPECT_EQ(c->pointInfo(0, V(10, 0, 0)), -2);
+    EXPECT_EQ(std::make_tuple(mins, maxs, c->m_mins, c->m_maxs, c->pointInfo(0, V(10, 0, 0))),
+              std::make_tuple(V(8, -1, -3), V(12, 1, 3), V(-9992, -10001, -10003), V(10012, 10001, 10003), -2));
 }
 
 TEST(ClipBSPBoxes, RotateStartsFromTheAxesEachTime)
@@ -472,9 +439,9 @@ TEST(ClipBSPBoxes, SettersRefuseClipBSPsThatAreNotBoxes)
     empty->setFromBBox(V(0, 0, 0), V(1, 1, 1));
     V mins(-1, -1, -1), maxs(1, 1, 1), origin(3, 3, 3);
     empty->setFromBBoxExt(mins, maxs, origin, m);
-    EXPECT_EQ(mins, V(-1, -1, -1)) << "nothing touched";
-    EXPECT_EQ(maxs, V(1, 1, 1));
-    EXPECT_EQ(empty->m_planes, nullptr);
+    EXPECT_EQ(std::make_tuple(mins, maxs, empty->m_planes), std::make_tuple(V(-1, -1, -1), V(1, 1, 1), nullptr))
+        << "nothing touched";
+
     ASSERT_EQ(rec.reports().size(), 3u);
     const char* ops[3] = {"rotate", "setFromBBox", "setFromBBoxExt"};
     for (int i = 0; i < 3; ++i)
