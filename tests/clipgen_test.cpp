@@ -281,13 +281,11 @@ TEST(ClipGenImport, TrianglePlaneFollowsWindingAndIsComputedInFloat)
         addTriangle(mesh, c.a, c.b, c.c);
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
-        ASSERT_EQ(1u, gen.m_faces.size());
+        ASSERT_EQ(std::make_tuple(gen.m_faces.size(), gen.m_numplanes), std::make_tuple(1u, 1));
         const V4& p = gen.m_faces[0]->m_plane;
         EXPECT_TRUE(p == c.plane) << p.x << " " << p.y << " " << p.z << " " << p.w;
-        EXPECT_EQ(3, gen.m_faces[0]->m_numpoints);
-        ASSERT_EQ(1, gen.m_numplanes);
-        EXPECT_EQ(gen.m_planes[0].m_normal, V(c.plane.x, c.plane.y, c.plane.z));
-        EXPECT_EQ(c.plane.w, gen.m_planes[0].m_dist);
+        EXPECT_EQ(std::make_tuple(gen.m_faces[0]->m_numpoints, gen.m_planes[0].m_normal, gen.m_planes[0].m_dist),
+                  std::make_tuple(3, V(c.plane.x, c.plane.y, c.plane.z), c.plane.w));
     }
 }
 
@@ -298,11 +296,9 @@ TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
     mesh.addVertex(V(100, 100, 100)); // used by no triangle: does not count
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
-    EXPECT_EQ(bsp->m_mins, V(-3, -1, -1));
-    EXPECT_EQ(bsp->m_maxs, V(4, 2, 8));
     ASSERT_EQ(1u, gen.m_nodes.size());
-    EXPECT_EQ(gen.m_nodes[0]->m_mins, V(-2, 0, 0));
-    EXPECT_EQ(gen.m_nodes[0]->m_maxs, V(3, 1, 7));
+    EXPECT_EQ(std::make_tuple(bsp->m_mins, bsp->m_maxs, gen.m_nodes[0]->m_mins, gen.m_nodes[0]->m_maxs),
+              std::make_tuple(V(-3, -1, -1), V(4, 2, 8), V(-2, 0, 0), V(3, 1, 7)));
 
     // Quarter turn about z: (x, y, z) -> (-y, x, z); then the offset. The caller's mesh
     // stays as it was.
@@ -311,9 +307,8 @@ TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
     mrClipBSPGen moved;
     BSPPtr m = import(moved, tri, V(10, 20, 30), srMatrix3T<float>(0, 1, 0, -1, 0, 0, 0, 0, 1));
     const V* points = moved.m_faces[0]->m_points;
-    EXPECT_EQ(std::vector<V>(points, points + 3), (std::vector<V>{V(10, 21, 30), V(9, 20, 30), V(10, 20, 31)}));
-    EXPECT_EQ(tri.getVertexLoc()[0], V(1, 0, 0));
-    EXPECT_EQ(m->m_mins, V(8, 19, 29));
+    EXPECT_EQ(std::make_tuple(std::vector<V>(points, points + 3), tri.getVertexLoc()[0], m->m_mins),
+              std::make_tuple(std::vector<V>{V(10, 21, 30), V(9, 20, 30), V(10, 20, 31)}, V(1, 0, 0), V(8, 19, 29)));
 }
 
 TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBoundsNullModelIsReported)
@@ -322,14 +317,10 @@ TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBoundsNullModelIsReported)
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
     ASSERT_TRUE(bsp);
-    EXPECT_EQ(0u, bsp->m_numnodes + bsp->m_numplanes);
-    EXPECT_EQ(nullptr, bsp->m_nodes);
-    EXPECT_EQ(nullptr, bsp->m_planes);
-    EXPECT_EQ(bsp->m_mins, V(999998, 999998, 999998));
-    EXPECT_EQ(bsp->m_maxs, V(-999998, -999998, -999998));
-    EXPECT_EQ(counts(gen), (std::vector<int>{0, 0, 1, 0}));
-    EXPECT_EQ(0, gen.m_numplanes);
-    EXPECT_EQ(nullptr, gen.m_planes);
+    EXPECT_EQ(std::make_tuple(bsp->m_numnodes + bsp->m_numplanes, bsp->m_nodes, bsp->m_planes, bsp->m_mins, bsp->m_maxs,
+                              counts(gen), gen.m_numplanes, gen.m_planes),
+              std::make_tuple(0u, nullptr, nullptr, V(999998, 999998, 999998), V(-999998, -999998, -999998),
+                              std::vector<int>{0, 0, 1, 0}, 0, nullptr));
 
     mtest::AssertRecorder rec;
     mrClipBSPGen other;
@@ -368,10 +359,9 @@ TEST(ClipGenTree, OneTriangleIsOnePlaneWithSolidBehind)
     addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
     mrClipBSPGen gen;
     BSPPtr bsp = import(gen, mesh);
-    EXPECT_EQ(1u, bsp->m_numplanes);
-    EXPECT_EQ(nodesOf(*bsp), (std::vector<int>{0, -1, -2}));
-    EXPECT_EQ(-1, bsp->pointInfo(0, V(0.2f, 0.2f, 1)));
-    EXPECT_EQ(-2, bsp->pointInfo(0, V(0.2f, 0.2f, -1)));
+    EXPECT_EQ(std::make_tuple(bsp->m_numplanes, nodesOf(*bsp), bsp->pointInfo(0, V(0.2f, 0.2f, 1)),
+                              bsp->pointInfo(0, V(0.2f, 0.2f, -1))),
+              std::make_tuple(1u, std::vector<int>{0, -1, -2}, -1, -2));
 }
 
 TEST(ClipGenTree, ClosedBoxIsAChainOfSixNodes)
@@ -386,15 +376,13 @@ TEST(ClipGenTree, ClosedBoxIsAChainOfSixNodes)
             mesh.setPolyTexture(i, i == 1 && mark ? marked.p : other.p);
         mrClipBSPGen gen;
         BSPPtr bsp = import(gen, mesh);
-        EXPECT_EQ(12u, bsp->m_numplanes);
-        EXPECT_EQ(nodesOf(*bsp),
-                  (std::vector<int>{11, -1, 1, 9, -1, 2, 7, -1, 3, 5, -1, 4, 3, -1, 5, 1, -1, mark ? -3 : -2}));
-        EXPECT_EQ(counts(gen), (std::vector<int>{6, 6, 1, 12}));
-        EXPECT_EQ(12u, gen.m_allfaces.size()); // nothing was cut
+        // Nothing was cut; the clip BSP object's own contents stay at the constructor's value.
+        EXPECT_EQ(std::make_tuple(bsp->m_numplanes, nodesOf(*bsp), counts(gen), gen.m_allfaces.size(), bsp->m_contents),
+                  std::make_tuple(
+                      12u, std::vector<int>{11, -1, 1, 9, -1, 2, 7, -1, 3, 5, -1, 4, 3, -1, 5, 1, -1, mark ? -3 : -2},
+                      std::vector<int>{6, 6, 1, 12}, 12u, 1u));
         for (const mrFace* f : gen.m_faces)
             EXPECT_EQ(1, f->m_used);
-        // Contents of the clip BSP object itself stay at the constructor's value.
-        EXPECT_EQ(1u, bsp->m_contents);
     }
 }
 
@@ -463,22 +451,16 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
     V4 plane(1, 0, 0, 4);
     gen.splitFace(f, plane, &front, &back);
     EXPECT_EQ(gen.m_allfaces, (std::vector<mrFace*>{keep, back, front}));
-    ASSERT_EQ(3, front->m_numpoints);
-    ASSERT_EQ(3, back->m_numpoints);
     // Pieces get room for exactly the points they hold.
-    EXPECT_EQ(3, front->capacity());
-    EXPECT_EQ(3, back->capacity());
+    ASSERT_EQ(std::make_tuple(front->m_numpoints, back->m_numpoints, front->capacity(), back->capacity()),
+              std::make_tuple(3, 3, 3, 3));
     const V cut = front->m_points[2];
     EXPECT_EQ(4.0f, cut.x);
     EXPECT_NEAR(1.8f, cut.y, 1e-6);
     EXPECT_EQ(std::vector<V>(front->m_points, front->m_points + 3), (std::vector<V>{V(4, 0, 0), V(6, 1, 0), cut}));
     EXPECT_EQ(std::vector<V>(back->m_points, back->m_points + 3), (std::vector<V>{V(4, 0, 0), cut, V(1, 3, 0)}));
     for (mrFace* piece : {front, back})
-    {
-        EXPECT_EQ(t.p, piece->m_texture);
-        EXPECT_EQ(1, piece->m_used);
-        EXPECT_TRUE(piece->m_plane == V4(0, 0, 1, 0));
-    }
+        EXPECT_TRUE(piece->m_texture == t.p && piece->m_used == 1 && piece->m_plane == V4(0, 0, 1, 0));
 }
 
 TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
@@ -495,8 +477,7 @@ TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
             addFace(gen, {V(s + 6.7f, 0.3f, 0.1f), V(s - 2.1f, 2.1f, 0.7f), V(s + 7.3f, 5.3f, -0.9f)}, V4(0, 0, 1, 0));
         V4 plane(c.sign, 0, 0, c.at * c.sign);
         gen.splitFace(f, plane, &front, &back);
-        ASSERT_NE(nullptr, front);
-        ASSERT_NE(nullptr, back);
+        ASSERT_TRUE(front && back);
         int cuts = 0;
         for (int i = 0; i < back->m_numpoints; ++i)
             if (hasPoint(front, back->m_points[i]))
@@ -520,11 +501,8 @@ TEST_F(ClipGenSplit, PointDistancesAreTakenInDouble)
     mrFace* f = addFace(gen, {p, q1, q2}, V4(0, 0, 1, 1));
     V4 plane(nx, ny, 0, -0x1.7da01ap+6f);
     gen.splitFace(f, plane, &front, &back);
-    ASSERT_NE(nullptr, front);
-    ASSERT_NE(nullptr, back);
-    EXPECT_EQ(front->m_points[0], p);
-    EXPECT_EQ(3, front->m_numpoints);
-    EXPECT_EQ(4, back->m_numpoints);
+    ASSERT_TRUE(front && back);
+    EXPECT_EQ(std::make_tuple(front->m_points[0], front->m_numpoints, back->m_numpoints), std::make_tuple(p, 3, 4));
 }
 
 TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
@@ -538,9 +516,7 @@ TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
     mtest::AssertRecorder rec;
     gen.splitFace(f, plane, &front, &back);
     rec.expect({{"face->m_numpoints < MAX_POINTS", "mrClipBSPGen", 0, "face piece exceeds 64 points; point dropped"}});
-    EXPECT_EQ(64, front->m_numpoints);
-    EXPECT_EQ(64, front->capacity());
-    EXPECT_EQ(3, back->m_numpoints);
+    EXPECT_EQ(std::make_tuple(front->m_numpoints, front->capacity(), back->m_numpoints), std::make_tuple(64, 64, 3));
 }
 
 // ---- splitter choice and partitioning on hand-made lists ----
@@ -556,10 +532,9 @@ TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeaf)
     f->m_used = 1;
     std::vector<mrFace*> used = {f, f};
     gen.partitionFaces(used, &empty);
-    EXPECT_EQ(-1, empty.m_contents);
-    EXPECT_EQ(counts(gen), (std::vector<int>{0, 1, 1, 2}));
-    EXPECT_TRUE(gen.m_nodes.empty());
-    EXPECT_EQ(2u, used.size()); // the caller's list is left as it was
+    // The caller's list is left as it was.
+    EXPECT_EQ(std::make_tuple(empty.m_contents, counts(gen), gen.m_nodes.size(), used.size()),
+              std::make_tuple(-1, std::vector<int>{0, 1, 1, 2}, 0u, 2u));
 }
 
 TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLaterAndNoCandidateIsReported)
@@ -613,14 +588,12 @@ TEST(ClipGenPartition, DegenerateSplitterSendsEverythingBack)
     std::vector<mrFace*> list = {t, d};
     mrBSPGenNode root;
     gen.partitionFaces(list, &root);
-    ASSERT_EQ(2u, gen.m_nodes.size());
-    EXPECT_EQ(&root, gen.m_nodes[0]);
+    ASSERT_EQ(std::make_tuple(gen.m_nodes.size(), gen.m_nodes[0], root.m_children[1]),
+              std::make_tuple(2u, &root, gen.m_nodes.back()));
     EXPECT_TRUE(root.m_plane == V4(0, 0, 0, 0));
-    EXPECT_EQ(-2, root.m_children[0]->m_contents);
-    EXPECT_EQ(root.m_children[1], gen.m_nodes[1]);
-    EXPECT_EQ(-1, gen.m_nodes[1]->m_children[0]->m_contents);
-    EXPECT_EQ(-1, gen.m_nodes[1]->m_children[1]->m_contents);
-    EXPECT_EQ(2u, gen.m_allfaces.size());
+    EXPECT_EQ(std::make_tuple(root.m_children[0]->m_contents, gen.m_nodes[1]->m_children[0]->m_contents,
+                              gen.m_nodes[1]->m_children[1]->m_contents, gen.m_allfaces.size()),
+              std::make_tuple(-2, -1, -1, 2u));
 }
 
 TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
@@ -642,16 +615,14 @@ TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
     BSPPtr bsp(gen.convertToClipBSP());
     rec.expect({{"found", "mrClipBSPGen", 696, nullptr},
                 {"child", "mrClipBSPGen", 0, "interior child missing from the node list"}});
-    EXPECT_EQ(-3, bsp->m_nodes[0].child[0]);
-    EXPECT_EQ(-2, bsp->m_nodes[0].child[1]);
+    EXPECT_EQ(std::make_pair(bsp->m_nodes[0].child[0], bsp->m_nodes[0].child[1]), std::make_pair(-3, -2));
     // Negative zero matches zero exactly.
     rec.clear();
     gen.m_nodes = {&stray};
     BSPPtr bsp2(gen.convertToClipBSP());
     EXPECT_TRUE(rec.reports().empty());
-    EXPECT_EQ(1, bsp2->m_nodes[0].planeIndex);
-    EXPECT_EQ(2u, bsp2->m_numplanes);
-    EXPECT_EQ(4.0f, bsp2->m_planes[0].m_dist);
+    EXPECT_EQ(std::make_tuple(bsp2->m_nodes[0].planeIndex, bsp2->m_numplanes, bsp2->m_planes[0].m_dist),
+              std::make_tuple(1, 2u, 4.0f));
 }
 
 // ---- end to end: collision queries against the brute-force reference ----
@@ -685,9 +656,9 @@ TEST(ClipGenEndToEnd, ClosedMeshesAnswerPointsAndTracesLikeTheReference)
         BSPPtr bsp = import(gen, mesh);
         if (c.nodes)
         {
-            EXPECT_EQ(c.nodes, bsp->m_numnodes);
-            EXPECT_EQ(c.nodes, bsp->m_numplanes);
+            EXPECT_EQ(std::make_pair(bsp->m_numnodes, bsp->m_numplanes), std::make_pair(c.nodes, c.nodes));
         }
+
         Poly poly(mesh);
         expectPointsMatch(*bsp, poly, c.extent, c.points, seed++);
         if (c.traces)
