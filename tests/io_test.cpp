@@ -198,9 +198,8 @@ TEST_F(ModuleStartup, LoadRegistersTheHandlerAndUnloadRemovesIt)
     size_t handlers = manager().numHandlers();
     EXPECT_EQ(loader.notify(mrModuleLoader::REASON_THREAD_ATTACH), 1);
     EXPECT_EQ(loader.notify(mrModuleLoader::REASON_THREAD_DETACH), 1);
-    EXPECT_EQ(log.text(), "Registering MeridBSP ClassIO Handlers\n");
-    EXPECT_EQ(manager().getHandler(kClipClass), handler);
-    EXPECT_EQ(manager().numHandlers(), handlers);
+    EXPECT_EQ(std::make_tuple(log.text(), manager().getHandler(kClipClass), manager().numHandlers()),
+              std::make_tuple("Registering MeridBSP ClassIO Handlers\n", handler, handlers));
 
     // The handler works: a clip BSP made now brings the class node with it.
     ClipPtr box = makeBox(V(-1, -1, -1), V(1, 1, 1));
@@ -210,9 +209,9 @@ TEST_F(ModuleStartup, LoadRegistersTheHandlerAndUnloadRemovesIt)
     EXPECT_EQ(back->m_numplanes, 6u);
 
     loader.unload();
-    EXPECT_EQ(log.text(), "Registering MeridBSP ClassIO Handlers\nUnregistering Meridane ClassIO Handlers\n");
-    EXPECT_EQ(manager().getHandler(kClipClass), nullptr);
-    EXPECT_FALSE(loader.isLoaded());
+    EXPECT_EQ(std::make_tuple(log.text(), manager().getHandler(kClipClass), loader.isLoaded()),
+              std::make_tuple("Registering MeridBSP ClassIO Handlers\nUnregistering Meridane ClassIO Handlers\n",
+                              nullptr, false));
 }
 
 TEST_F(ModuleStartup, UninitialisedCoreIsReportedAtAttachAndDetach)
@@ -280,10 +279,8 @@ TEST(ClipIO, EmptyClipBSPRoundTripsWithNullArraysInAPinnedLayout)
     EXPECT_EQ(0, std::memcmp(file.data() + file.size() - 12, anim, sizeof anim));
     ClipPtr back = loadOne(file);
     ASSERT_NE(back, nullptr);
-    EXPECT_STREQ(back->getName(), "a");
-    EXPECT_EQ(back->m_nodes, nullptr);
-    EXPECT_EQ(back->m_planes, nullptr);
-    EXPECT_EQ(back->getContents(), 1u);
+    EXPECT_EQ(std::make_tuple(std::string(back->getName()), back->m_nodes, back->m_planes, back->getContents()),
+              std::make_tuple(std::string("a"), nullptr, nullptr, 1u));
     expectSameRecord(empty.get(), back.get());
     empty.reset();
     EXPECT_TRUE(asserts.reports().empty());
@@ -314,20 +311,17 @@ TEST(ClipIO, BoxesHandMadeTreesAndAnimationKeysRoundTrip)
     }
     // The loaded object's members and own fields are set.
     mrClipBSP* back = dynamic_cast<mrClipBSP*>(loaded[1]);
-    EXPECT_EQ(back->m_contents, 9u);
-    EXPECT_EQ(back->m_maxs, V(10, 1, 1));
-    ASSERT_EQ(back->m_numplanes, 2u);
-    EXPECT_EQ(back->m_planes[1].m_normal, V(-1, 0, 0));
-    EXPECT_EQ(back->m_planes[1].m_dist, 2.0f);
-    EXPECT_EQ(back->m_nodes[1].child[1], -3);
-    EXPECT_EQ(back->getDWordField(0xF004), 2u);
-    EXPECT_EQ(back->pointInfo(0, V(0, 0, 0)), -3);
+    ASSERT_EQ(std::make_tuple(back->m_numplanes, back->m_numnodes), std::make_tuple(2u, 2u));
     std::vector<std::tuple<float, unsigned long, V>> keys;
     for (const auto& k : back->m_keys)
         keys.emplace_back(k.m_time, k.m_fieldID, k.m_value);
-    EXPECT_EQ(keys, (std::vector<std::tuple<float, unsigned long, V>>{{2.5f, 0xF002, V(1, 2, 3)},
-                                                                      {-1.0f, 0xF002, V(1, 2, 3)}}));
-    EXPECT_EQ(back->getMaxTime(), 2.5f);
+    EXPECT_EQ(std::make_tuple(back->m_contents, back->m_maxs, back->m_planes[1].m_normal, back->m_planes[1].m_dist,
+                              back->m_nodes[1].child[1], back->getDWordField(0xF004), back->pointInfo(0, V(0, 0, 0)),
+                              keys, back->getMaxTime()),
+              std::make_tuple(9u, V(10, 1, 1), V(-1, 0, 0), 2.0f, -3, 2ul, -3,
+                              std::vector<std::tuple<float, unsigned long, V>>{{2.5f, 0xF002, V(1, 2, 3)},
+                                                                               {-1.0f, 0xF002, V(1, 2, 3)}},
+                              2.5f));
     releaseAll(objects);
     releaseAll(loaded);
 }
@@ -338,9 +332,8 @@ TEST(ClipIO, SavedBytesArePinnedAndDeterministic)
     ClipPtr box = makeBox(V(-16, -16, -16), V(16, 16, 16));
     box->setName("box");
     Bytes file = save({box.get()});
-    EXPECT_EQ(file.size(), 475u);
-    EXPECT_EQ(mtest::fnv1a(std::string(file.begin(), file.end())), 8029269248357534007ull);
-    EXPECT_EQ(save({box.get()}), file);
+    EXPECT_EQ(std::make_tuple(file.size(), mtest::fnv1a(std::string(file.begin(), file.end())), save({box.get()})),
+              std::make_tuple(475u, 8029269248357534007ull, file));
     // Same contents in two objects give the same record bytes.
     EXPECT_EQ(save({makeSlab().get()}), save({makeSlab().get()}));
 }
@@ -375,8 +368,7 @@ TEST(ClipIO, PlaneCountIsCheckedAgainstTheArraySizeAndReservedBytesIgnored)
         ASSERT_NE(bsp, nullptr);
         EXPECT_TRUE(asserts.reports().empty());
         ASSERT_EQ(bsp->m_numplanes, 3u);
-        EXPECT_EQ(bsp->m_planes[2].m_normal, V(0, 0, 1));
-        EXPECT_EQ(bsp->m_planes[2].m_dist, 3.0f);
+        EXPECT_EQ(std::make_pair(bsp->m_planes[2].m_normal, bsp->m_planes[2].m_dist), std::make_pair(V(0, 0, 1), 3.0f));
         expectSameRecord(bsp.get(), loadOne(fileWithRecord(zero)).get()); // reserved bytes written back as zero
     }
 }
@@ -717,8 +709,7 @@ TEST(ChunkStreams, ReaderChecksEveryReadAndKeepsTheFirstError)
     EXPECT_EQ(s.readU32(), 1u);
     uint32_t id = 0;
     ASSERT_TRUE(s.openChunk(id));
-    EXPECT_EQ(id, 0x41414141u);
-    EXPECT_EQ(s.remaining(), 2u);
+    EXPECT_EQ(std::make_pair(id, s.remaining()), std::make_pair(0x41414141u, (size_t)2));
     EXPECT_EQ(s.readU32(), 0u);
     EXPECT_EQ(s.error(), "unexpected end of chunk 0x41414141 (\"AAAA\") at offset 12: a 32-bit value needs 4 bytes, "
                          "2 left");
@@ -738,7 +729,6 @@ TEST(ChunkStreams, ReaderChecksEveryReadAndKeepsTheFirstError)
     EXPECT_FALSE(v.skip(20));
     EXPECT_EQ(v.error(), "unexpected end of file at offset 0: skipping needs 20 bytes, 14 left");
     mrChunkIFStream w(nullptr, 100);
-    EXPECT_EQ(w.size(), 0u);
-    EXPECT_EQ(w.readU32(), 0u);
+    EXPECT_EQ(std::make_pair(w.size(), w.readU32()), std::make_pair((size_t)0, 0u));
     EXPECT_TRUE(w.failed());
 }
