@@ -48,26 +48,22 @@ TEST(ParamBlock, FieldsByIdAndNameNotifyDependantsWrongKindsAndMissingFieldsRead
     block.setDWordField(0xF00F, 1);            // undeclared: ignored, no notification
     block.setVector3Field(0xF001, V(1, 1, 1)); // kind mismatch: ignored, no notification
 
-    EXPECT_EQ(block.getDWordField(0xF001), 42u);
-    EXPECT_EQ(block.getVector3Field(0xF002), V(1, 2, 3));
-    unsigned long size = 0;
-    EXPECT_EQ(block.getByteArrayPtrField(0xF003, size), bytes); // the address, not a copy
-    EXPECT_EQ(size, 5u);
     ASSERT_NE(block.findField("Where"), nullptr);
-    EXPECT_EQ(block.findField("Where")->m_id, 0xF002u);
-    EXPECT_EQ(listener.heard, (std::vector<std::pair<int, unsigned long>>{{0, 0xF001}, {0, 0xF002}, {0, 0xF003}}));
-    size = 99;
-    EXPECT_EQ(block.getByteArrayField(0xF001, size), nullptr);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(block.getVector3Field(0xF001), V());
-    EXPECT_EQ(block.getDWordField(0xF00F), 0u);
+    EXPECT_EQ(
+        std::make_tuple(block.getDWordField(0xF001), block.getVector3Field(0xF002), block.findField("Where")->m_id,
+                        listener.heard, block.getVector3Field(0xF001), block.getDWordField(0xF00F)),
+        std::make_tuple(42ul, V(1, 2, 3), 0xF002ul,
+                        std::vector<std::pair<int, unsigned long>>{{0, 0xF001}, {0, 0xF002}, {0, 0xF003}}, V(), 0ul));
+    unsigned long size = 0, wrongSize = 99;
+    EXPECT_EQ(block.getByteArrayPtrField(0xF003, size), bytes); // the address, not a copy
+    EXPECT_EQ(block.getByteArrayField(0xF001, wrongSize), nullptr);
+    EXPECT_EQ(std::make_pair(size, wrongSize), std::make_pair(5ul, 0ul));
 
     // A copy keeps the fields but not the dependants.
     mrParamBlock copy(block);
     copy.setDWordField(0xF001, 7);
-    EXPECT_EQ(listener.heard.size(), 3u);
-    EXPECT_EQ(copy.getDWordField(0xF001), 7u);
-    EXPECT_EQ(block.getDWordField(0xF001), 42u);
+    EXPECT_EQ(std::make_tuple(listener.heard.size(), copy.getDWordField(0xF001), block.getDWordField(0xF001)),
+              std::make_tuple((size_t)3, 7ul, 42ul));
 }
 
 TEST(Output, GoesToStandardErrorByDefaultAndPrintfAndStreamGoToTheCapturedTarget)
@@ -111,8 +107,8 @@ TEST(OutputFile, ReplacesFilesFollowsLinksAndRefusesTheRest)
     ASSERT_TRUE(write("link", "via link")) << error;
     ASSERT_TRUE(write("dangling", "made")) << error;
     EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link")));
-    EXPECT_EQ(mtest::readFile(dir.file("old")), "via link");
-    EXPECT_EQ(mtest::readFile(dir.file("later")), "made");
+    EXPECT_EQ(std::make_pair(mtest::readFile(dir.file("old")), mtest::readFile(dir.file("later"))),
+              std::make_pair(std::string("via link"), std::string("made")));
 
     // A descriptor the caller holds, written through once the bytes are complete.
     int fds[2];
@@ -184,8 +180,9 @@ TEST(Progress, StagesReportStartRisingWorkAndEndAndNobodyListensOutsideThem)
     }
     ASSERT_GE(heard.size(), 900u);
     EXPECT_LE(heard.size(), 1002u);
-    EXPECT_EQ(heard.front(), "known 0/1000000");
-    EXPECT_EQ(heard.back(), "known 1000000/1000000");
+    EXPECT_EQ(std::make_pair(heard.front(), heard.back()),
+              std::make_pair(std::string("known 0/1000000"), std::string("known 1000000/1000000")));
+
     heard.clear();
     {
         mrProgress::Stage stage(record, "unknown", 0);

@@ -97,13 +97,11 @@ TEST(PlaneTable, DegenerateTrianglesEachGetTheAllZeroPlaneAndTheirOwnSurface)
     addTriangle(mesh, V(5, 5, 0), V(6, 5, 0), V(5, 6, 0));
     mrBSPSurfaceBuilder b;
     std::vector<mrBSPSurface*> list = build(b, mesh);
-    ASSERT_EQ(b.m_numplanes, 3u);
+    ASSERT_EQ(std::make_pair(b.m_numplanes, list.size()), std::make_pair(3u, (size_t)3));
     for (uint32_t i = 1; i < 3; ++i)
         EXPECT_EQ(nd(b.m_planes[i]), std::make_tuple(V(0, 0, 0), 0.0f));
-    ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(polys(list[0]), (Ints{3, 0}));
-    EXPECT_EQ(polys(list[1]), Ints{1});
-    EXPECT_EQ(polys(list[2]), Ints{2});
+    EXPECT_EQ(std::make_tuple(polys(list[0]), polys(list[1]), polys(list[2])),
+              std::make_tuple(Ints{3, 0}, Ints{1}, Ints{2}));
     releaseAll(b, list);
 }
 
@@ -125,9 +123,9 @@ TEST(BuildSurfaces, EmptyMeshGivesNoSurfacesOneTriangleOneFace)
     mrBSPFace* f = list[0]->m_faces;
     std::vector<V> pts(f->m_winding->m_points.m_data, f->m_winding->m_points.m_data + f->m_winding->m_numpoints);
     EXPECT_EQ(pts, (std::vector<V>{V(0, 0, 0), V(4, 0, 0), V(0, 2, 0)}));
-    EXPECT_EQ(std::make_tuple(f->m_next, f->m_plane, f->m_polyIndex, f->m_original, f->m_mesh),
-              std::make_tuple((mrBSPFace*)nullptr, b.m_planes[0], 0, f, &mesh));
-    EXPECT_EQ(std::make_tuple(f->m_contents, f->m_backContents), std::make_tuple(0, 1));
+    EXPECT_EQ(std::make_tuple(f->m_next, f->m_plane, f->m_polyIndex, f->m_original, f->m_mesh, f->m_contents,
+                              f->m_backContents),
+              std::make_tuple((mrBSPFace*)nullptr, b.m_planes[0], 0, f, &mesh, 0, 1));
     releaseAll(b, list);
 }
 
@@ -139,17 +137,17 @@ TEST(BuildSurfaces, ClosedBoxGivesSixPlanesInFirstUseOrderAndASurfacePerPlaneFac
     std::string log;
     std::vector<mrBSPSurface*> list = build(b, mesh, &log);
     EXPECT_EQ(log, "Importing mesh with 12 polys...\nGenerated 6 planes\n");
-    ASSERT_EQ(b.m_numplanes, 6u);
-    ASSERT_EQ(list.size(), 6u);
+    ASSERT_EQ(std::make_pair(b.m_numplanes, list.size()), std::make_pair(6u, (size_t)6));
     const V normals[6] = {V(1, 0, 0), V(-1, 0, 0), V(0, 1, 0), V(0, -1, 0), V(0, 0, 1), V(0, 0, -1)};
     const float dists[6] = {10, 0, 20, 0, 30, 0};
     for (uint32_t i = 0; i < 6; ++i)
     {
-        EXPECT_EQ(nd(b.m_planes[i]), std::make_tuple(normals[i], dists[i])) << i;
-        EXPECT_EQ(b.m_polyPlanes[2 * i], (int32_t)i);
-        EXPECT_EQ(b.m_polyPlanes[2 * i + 1], (int32_t)i);
-        EXPECT_EQ(list[i]->m_plane, b.m_planes[i]);
-        EXPECT_EQ(polys(list[i]), (Ints{2 * (int)i + 1, 2 * (int)i})); // highest polygon first
+        // Highest polygon first.
+        EXPECT_EQ(std::make_tuple(nd(b.m_planes[i]), b.m_polyPlanes[2 * i], b.m_polyPlanes[2 * i + 1], list[i]->m_plane,
+                                  polys(list[i])),
+                  std::make_tuple(std::make_tuple(normals[i], dists[i]), (int32_t)i, (int32_t)i, b.m_planes[i],
+                                  Ints{2 * (int)i + 1, 2 * (int)i}))
+            << i;
         for (mrBSPFace* f = list[i]->m_faces; f; f = f->m_next)
             EXPECT_EQ(f->m_plane, list[i]->m_plane);
     }
@@ -162,10 +160,8 @@ TEST(BuildSurfaces, ClosedBoxGivesSixPlanesInFirstUseOrderAndASurfacePerPlaneFac
     addTriangle(tri, V(0, 0, 7), V(0, 1, 7), V(1, 0, 7));
     b.m_mesh = &tri;
     b.generatePlanes();
-    EXPECT_EQ(b.m_numplanes, 1u);
-    EXPECT_EQ(b.m_polyPlanes[0], 0);
-    EXPECT_EQ(b.m_planes[0]->m_normal, V(0, 0, -1));
-    EXPECT_EQ(first[0]->m_normal, V(1, 0, 0));
+    EXPECT_EQ(std::make_tuple(b.m_numplanes, b.m_polyPlanes[0], b.m_planes[0]->m_normal, first[0]->m_normal),
+              std::make_tuple(1u, 0, V(0, 0, -1), V(1, 0, 0)));
     b.releasePlanes();
     for (mrPlane* p : first)
         delete p;
@@ -189,7 +185,9 @@ TEST(BuildSurfaces, TexturesPerPolygonOrFromTheMesh)
     polyTex->release();
     list = build(b, mesh);
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0]->m_faces->m_texture, nullptr); // polygon 0 has no texture of its own
-    EXPECT_EQ(list[1]->m_faces->m_texture, polyTex);
+    // Polygon 0 has no texture of its own.
+    EXPECT_EQ(std::make_tuple(list[0]->m_faces->m_texture, list[1]->m_faces->m_texture),
+              std::make_tuple(nullptr, polyTex));
+
     releaseAll(b, list);
 }
