@@ -119,23 +119,17 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
 {
     mrPlane plane(0, 0, 1, 0);
     mrBSPFace* src = makeFace(&plane, {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0)});
-    src->m_contents = 3;
-    src->m_backContents = 4;
-    src->m_polyIndex = 7;
-    src->m_linked = 1;
-    src->m_reserved = 5;
+    std::tie(src->m_contents, src->m_backContents, src->m_polyIndex, src->m_linked, src->m_reserved) =
+        std::make_tuple(3, 4, 7, 1, 5);
     mrBSPFace other;
     src->m_next = &other;
 
     mrBSPFace dst; // not listed, not linked
     mrWinding* ownWinding = dst.m_winding;
     dst = *src;
-    EXPECT_EQ(dst.m_winding, ownWinding);
-    EXPECT_EQ(points(&dst), points(src));
-    EXPECT_EQ(std::make_tuple(dst.m_plane, dst.m_original, dst.m_contents, dst.m_backContents, dst.m_polyIndex),
-              std::make_tuple(&plane, src, 3, 4, 7));
-    EXPECT_EQ(dst.m_next, nullptr);
-    EXPECT_EQ(dst.m_linked + dst.m_reserved, 0);
+    EXPECT_EQ(std::make_tuple(dst.m_winding, points(&dst), dst.m_plane, dst.m_original, dst.m_contents,
+                              dst.m_backContents, dst.m_polyIndex, dst.m_next, dst.m_linked + dst.m_reserved),
+              std::make_tuple(ownWinding, points(src), &plane, src, 3, 4, 7, nullptr, 0));
     // A change to the source's points does not reach the copy.
     src->m_winding->m_points[0] = V(9, 9, 9);
     EXPECT_EQ(points(&dst)[0], V(0, 0, 0));
@@ -144,8 +138,7 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
     {
         mrBSPFace copy(*src);
         EXPECT_NE(copy.m_winding, src->m_winding);
-        EXPECT_EQ(points(&copy), points(src));
-        EXPECT_EQ(std::make_tuple(copy.m_linked, copy.m_original), std::make_tuple(1, src));
+        EXPECT_EQ(std::make_tuple(points(&copy), copy.m_linked, copy.m_original), std::make_tuple(points(src), 1, src));
     }
     EXPECT_EQ(src->m_winding->m_numpoints, 3);
     delete src;
@@ -168,9 +161,9 @@ TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchanged)
         mrBSPFace* f = withPoints(&split, pts);
         mrBSPFace *front = f, *back = f;
         mrBSPFace::splitFace(f, &split, &front, &back);
-        EXPECT_EQ(front, toFront ? f : nullptr) << pts[0].z;
-        EXPECT_EQ(back, toFront ? nullptr : f) << pts[0].z;
-        EXPECT_EQ(points(f), pts);
+        EXPECT_EQ(std::make_tuple(front, back, points(f)),
+                  std::make_tuple(toFront ? f : nullptr, toFront ? nullptr : f, pts))
+            << pts[0].z;
         delete f;
     }
 }
@@ -185,8 +178,9 @@ TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
     mrBSPFace *front, *back;
     mrBSPFace::splitFace(sq, &x1, &front, &back);
     ASSERT_TRUE(front && back);
-    EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(1, 0, 0), V(1, 4, 0), V(0, 4, 0)}));
-    EXPECT_EQ(points(front), (std::vector<V>{V(1, 0, 0), V(4, 0, 0), V(4, 4, 0), V(1, 4, 0)}));
+    EXPECT_EQ(std::make_pair(points(back), points(front)),
+              std::make_pair(std::vector<V>{V(0, 0, 0), V(1, 0, 0), V(1, 4, 0), V(0, 4, 0)},
+                             std::vector<V>{V(1, 0, 0), V(4, 0, 0), V(4, 4, 0), V(1, 4, 0)}));
     for (mrBSPFace* piece : {front, back})
     {
         EXPECT_EQ(std::make_tuple(piece->m_plane, piece->m_original, piece->m_backContents, piece->m_polyIndex,
@@ -199,8 +193,9 @@ TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
     mrBSPFace* tri = makeFace(&facePlane, {V(0, 0, 0), V(2, -1, 0), V(2, 1, 0)});
     mrBSPFace::splitFace(tri, &y0, &front, &back);
     ASSERT_TRUE(front && back);
-    EXPECT_EQ(points(back), (std::vector<V>{V(0, 0, 0), V(2, -1, 0), V(2, 0, 0)}));
-    EXPECT_EQ(points(front), (std::vector<V>{V(0, 0, 0), V(2, 0, 0), V(2, 1, 0)}));
+    EXPECT_EQ(std::make_pair(points(back), points(front)),
+              std::make_pair(std::vector<V>{V(0, 0, 0), V(2, -1, 0), V(2, 0, 0)},
+                             std::vector<V>{V(0, 0, 0), V(2, 0, 0), V(2, 1, 0)}));
     deleteAll({front, back, tri});
 }
 
@@ -225,19 +220,17 @@ TEST(SplitFace, CrossingsAreSnappedOnAxialPlanesAndInterpolatedInFloatOtherwise)
     mrBSPFace* tri = makeFace(&facePlane, {V(3.68f, 4.74f, 2.04f), V(0.09f, -1.22f, -1.53f), V(0.09f, -1.22f, 3)});
     mrBSPFace *front, *back;
     mrBSPFace::splitFace(tri, &split, &front, &back);
-    ASSERT_TRUE(front && back);
-    ASSERT_EQ(front->m_winding->m_numpoints, 3);
+    ASSERT_TRUE(front && back && front->m_winding->m_numpoints == 3);
     // Distances kept in double would give (1.24240971, 0.693192601, -0.384010404).
-    EXPECT_EQ(points(front)[1], V(1.242409586906433f, 0.6931924819946289f, -0.3840104937553406f));
-    EXPECT_EQ(points(back)[0], points(front)[1]);
+    const V cut(1.242409586906433f, 0.6931924819946289f, -0.3840104937553406f);
+    EXPECT_EQ(std::make_pair(points(front)[1], points(back)[0]), std::make_pair(cut, cut));
+
     deleteAll({front, back, tri});
 }
 
 TEST(SplitFace, OriginalSurvivesItsCutAPieceDoesNot)
 {
-    mrPlane facePlane(0, 0, 1, 0);
-    mrPlane split1(1, 0, 0, 1);
-    mrPlane split2(1, 0, 0, 3);
+    mrPlane facePlane(0, 0, 1, 0), split1(1, 0, 0, 1), split2(1, 0, 0, 3);
     bool originalGone = false;
     TrackedFace* original = new TrackedFace(&originalGone);
     original->m_plane = &facePlane;
@@ -275,8 +268,7 @@ TEST(SplitFace, MissingOrReleasedWindingIsReportedAndGoesBackWhole)
     {
         mrBSPFace *front = f, *back = nullptr;
         mrBSPFace::splitFace(f, &split, &front, &back);
-        EXPECT_EQ(front, nullptr);
-        EXPECT_EQ(back, f);
+        EXPECT_EQ(std::make_pair(front, back), std::make_pair((mrBSPFace*)nullptr, f));
         delete f;
     }
     rec.expect({{"inw", "mrBSPFace", 0, nullptr}, {"0", "mrBSPFace", 0, "SplitFace: freed face"}});
