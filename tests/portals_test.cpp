@@ -253,10 +253,11 @@ TEST(OneSplit, CrossSectionJoinsTheLeavesOuterPortalsGoDownAndOpenLeavesAreWritt
         // Only open leaves are numbered and joined by a portal line.
         std::string log;
         const std::string file = portalFileOf(head, &log);
-        EXPECT_EQ(std::make_pair(front->m_leafnum, back->m_leafnum), std::make_pair(0, backContents ? -1 : 1));
-        EXPECT_EQ(file,
-                  backContents ? "PRT\n1\n0\n" : "PRT\n2\n1\n4 0 1 (0 88 88 ) (0 -88 88 ) (0 -88 -88 ) (0 88 -88 ) \n");
-        EXPECT_EQ(log, backContents ? "Writing 1 visleafs 0 visportals\n" : "Writing 2 visleafs 1 visportals\n");
+        EXPECT_EQ(std::make_tuple(front->m_leafnum, back->m_leafnum, file, log),
+                  backContents
+                      ? std::make_tuple(0, -1, "PRT\n1\n0\n", "Writing 1 visleafs 0 visportals\n")
+                      : std::make_tuple(0, 1, "PRT\n2\n1\n4 0 1 (0 88 88 ) (0 -88 88 ) (0 -88 -88 ) (0 88 -88 ) \n",
+                                        "Writing 2 visleafs 1 visportals\n"));
         EXPECT_EQ(portalFileOf(head), file) << "the counters are reset for every file";
 
         // Open front, solid back: every portal of the front leaf makes a polygon, its points backwards.
@@ -388,9 +389,8 @@ TEST(PortalLinks, RemovingFromTheBackNodeClearsOnlyThatSlotAndBrokenListsAreRepo
     pz.addPortalToNodes(&p2, a, b);
     EXPECT_EQ(portalsOf(a), (Portals{&p2, &p1}));
     mrBSPPortalizer::removePortalFromNode(&p1, b);
-    EXPECT_EQ(std::make_tuple(p1.m_nodes[0], p1.m_nodes[1]), std::make_tuple(a, nullptr));
-    EXPECT_EQ(portalsOf(b), Portals{&p2});
-    EXPECT_EQ(portalsOf(a), (Portals{&p2, &p1}));
+    EXPECT_EQ(std::make_tuple(p1.m_nodes[0], p1.m_nodes[1], portalsOf(b), portalsOf(a)),
+              std::make_tuple(a, nullptr, Portals{&p2}, Portals{&p2, &p1}));
     mrBSPPortalizer::removePortalFromNode(&p1, a);
     mrBSPPortalizer::removePortalFromNode(&p2, a);
     mrBSPPortalizer::removePortalFromNode(&p2, b);
@@ -502,8 +502,7 @@ TEST(PortalFile, FailuresAreReportedAndLeaveNoFile)
     mtest::AssertRecorder rec;
     mtest::LogCapture log;
     std::string out = mtest::stdoutOf([&] { EXPECT_FALSE(mrBSPPortalizer::writePortalfile(head, missing.c_str())); });
-    EXPECT_EQ(out, "writing " + missing + "\n");
-    EXPECT_EQ(log.text(), ""); // no counts line without a file
+    EXPECT_EQ(std::make_pair(out, log.text()), std::make_pair("writing " + missing + "\n", std::string())); // no counts
     mtest::stdoutOf([&] { EXPECT_FALSE(mrBSPPortalizer::writePortalfile(head, taken.c_str())); });
     rec.expect({{"0", "mrBSPPortalizer", 0, "Error opening %s"}, {"0", "mrBSPPortalizer", 0, "Error opening %s"}});
     EXPECT_TRUE(std::filesystem::is_directory(taken) && !std::filesystem::exists(taken + ".tmp"));
@@ -537,14 +536,14 @@ TEST(LeafMesh, PolygonsComeFromOwnedPortalsFacingOtherContents)
 
     mtest::LogCapture log;
     srMeshModel* mesh = mrBSPPortalizer::createMeshModel(open);
-    EXPECT_EQ(log.text(), " mrBSPPortalizer::createMeshModel -> polys:\n2\n");
     // Three owned portals count a material each; the one facing open space is skipped.
-    EXPECT_EQ(std::make_pair(mrBSPPortalizer::m_polycount, mrBSPPortalizer::m_materialCounter), std::make_pair(2, 3u));
-    EXPECT_EQ(std::make_pair(std::string(mesh->getName()), mesh->m_outlineSizes),
-              std::make_pair(std::string("portalizer created mesh"), std::vector<int>{3, 4}));
     // Points in reverse winding order.
-    EXPECT_EQ(mesh->m_verts,
-              (Points{V(0, 1, 0), V(1, 0, 0), V(0, 0, 0), V(0, 1, 3), V(1, 1, 3), V(1, 0, 3), V(0, 0, 3)}));
+    EXPECT_EQ(
+        std::make_tuple(log.text(), mrBSPPortalizer::m_polycount, mrBSPPortalizer::m_materialCounter,
+                        std::string(mesh->getName()), mesh->m_outlineSizes, mesh->m_verts),
+        std::make_tuple(" mrBSPPortalizer::createMeshModel -> polys:\n2\n", 2, 3u, "portalizer created mesh",
+                        std::vector<int>{3, 4},
+                        Points{V(0, 1, 0), V(1, 0, 0), V(0, 0, 0), V(0, 1, 3), V(1, 1, 3), V(1, 0, 3), V(0, 0, 3)}));
     ASSERT_EQ(mesh->m_numpolys, 3);
     mrMaterial** table = mrBSPPortalizer::m_materials.m_data;
     EXPECT_EQ(mesh->m_polyMaterials, (std::vector<srMaterialIFace*>{table[0], table[2], table[2]}));
@@ -601,10 +600,8 @@ TEST(Modeler, ConvertFansPolygonsAndKeepsOutlines)
     mrMaterial m1, m2;
     poly.reAllocate(5);
     for (int k = 0; k < 5; ++k)
-    {
-        poly[k].m_pos = V((float)k, 0, 0);
-        poly[k].m_material = k == 0 ? &m1 : &m2;
-    }
+        std::tie(poly[k].m_pos, poly[k].m_material) = std::make_tuple(V((float)k, 0, 0), k == 0 ? &m1 : &m2);
+
     modeler.addPolygon(poly);
     poly.reset();
     EXPECT_EQ(poly.numVertices(), 0);
@@ -612,10 +609,9 @@ TEST(Modeler, ConvertFansPolygonsAndKeepsOutlines)
     modeler.addPolygon(poly);
     srMeshModel mesh(0, 0), plain(0, 0);
     modeler.convert(mesh, 1);
-    EXPECT_EQ(std::make_pair(mesh.m_numpolys, mesh.getNumVerts()), std::make_pair(3L, 7L));
-    EXPECT_EQ(mesh.m_outlineSizes, (std::vector<int>{5, 2}));
-    EXPECT_EQ(std::make_tuple(mesh.m_polyVerts[2].x, mesh.m_polyVerts[2].y, mesh.m_polyVerts[2].z),
-              std::make_tuple(0, 3, 4));
+    EXPECT_EQ(std::make_tuple(mesh.m_numpolys, mesh.getNumVerts(), mesh.m_outlineSizes, mesh.m_polyVerts[2].x,
+                              mesh.m_polyVerts[2].y, mesh.m_polyVerts[2].z),
+              std::make_tuple(3L, 7L, std::vector<int>{5, 2}, 0, 3, 4));
     modeler.convert(plain, 0);
     EXPECT_EQ(std::make_pair(mesh.m_polyMaterials, plain.m_outlineSizes.empty()),
               std::make_pair(std::vector<srMaterialIFace*>(3, &m1), true));
@@ -770,8 +766,8 @@ TEST(Leaks, ClosedLevelsAreEnclosedPropsOpenOutsideAndAMissingWallLeaksThroughTh
         mtest::addBox(prop, V(0, 0, 0), V(64, 64, 64), true);
         r = leaksOf(prop, midSplit, {V(32, 32, 32)});
         EXPECT_GT(r.openLeaves, 0);
-        EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed), std::make_tuple(r.openLeaves, 0L));
-        EXPECT_FALSE(r.points[0].inOpenLeaf);
+        EXPECT_EQ(std::make_tuple(r.reachable, r.enclosed, r.points.at(0).inOpenLeaf),
+                  std::make_tuple(r.openLeaves, 0L, false));
 
         // Room A's end wall at x = 0 (y and z 0 to 64) is gone; ask from room B too.
         removeWallAtX(level, 0.0f, false);
