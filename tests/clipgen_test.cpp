@@ -209,13 +209,11 @@ void expectTracesStopShort(const mrClipBSP& bsp, const Poly& poly, V centre, flo
         double hit = poly.firstHit(start, end);
         ASSERT_LT(hit, 1.0);
         mrTrace tr;
-        int r = bsp.checkCollision(start, end, tr);
-        ASSERT_EQ(0, r);
-        EXPECT_EQ(0, tr.m_startSolid);
-        EXPECT_EQ(0, tr.m_allSolid);
+        ASSERT_EQ(0, bsp.checkCollision(start, end, tr));
+        EXPECT_EQ(std::make_tuple(tr.m_startSolid, tr.m_allSolid, bsp.pointInfo(0, tr.m_endPos)),
+                  std::make_tuple(0, 0, -1));
         EXPECT_LT((double)tr.m_fraction, hit);
         EXPECT_LT(poly.distance(tr.m_endPos), 0.05) << "trace " << i;
-        EXPECT_EQ(-1, bsp.pointInfo(0, tr.m_endPos));
     }
 }
 } // namespace
@@ -228,10 +226,10 @@ TEST(ClipGenRecords, CheckFaceChangesNothing)
     mrFace* f = addFace(gen, {V(1, 2, 3), V(4, 5, 6), V(7, 8, 9)}, V4(0, 0, 1, 2));
     const mrFace before = *f;
     gen.checkFace(f);
-    EXPECT_EQ(std::vector<V>(before.m_points, before.m_points + 3), std::vector<V>(f->m_points, f->m_points + 3));
     EXPECT_EQ(0, std::memcmp(&before.m_plane, &f->m_plane, sizeof f->m_plane));
-    EXPECT_EQ(std::make_tuple(before.m_numpoints, before.m_used, before.m_texture),
-              std::make_tuple(f->m_numpoints, f->m_used, f->m_texture));
+    EXPECT_EQ(std::make_tuple(std::vector<V>(before.m_points, before.m_points + 3), before.m_numpoints, before.m_used,
+                              before.m_texture),
+              std::make_tuple(std::vector<V>(f->m_points, f->m_points + 3), f->m_numpoints, f->m_used, f->m_texture));
     // A face made outside the generator has room for 64 points; a copy has its own.
     EXPECT_EQ(64, f->capacity());
     f->m_points[0] = V(7, 7, 7);
@@ -446,8 +444,7 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
     mrFace* keep = addFace(gen, {V(0, 0, 9), V(1, 0, 9), V(0, 1, 9)}, V4(0, 0, 1, 9));
     // One point on x = 4, one in front, one behind.
     mrFace* f = addFace(gen, {V(4, 0, 0), V(6, 1, 0), V(1, 3, 0)}, V4(0, 0, 1, 0));
-    f->m_texture = t.p;
-    f->m_used = 1;
+    std::tie(f->m_texture, f->m_used) = std::make_tuple(t.p, 1);
     V4 plane(1, 0, 0, 4);
     gen.splitFace(f, plane, &front, &back);
     EXPECT_EQ(gen.m_allfaces, (std::vector<mrFace*>{keep, back, front}));
@@ -459,6 +456,7 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
     EXPECT_NEAR(1.8f, cut.y, 1e-6);
     EXPECT_EQ(std::vector<V>(front->m_points, front->m_points + 3), (std::vector<V>{V(4, 0, 0), V(6, 1, 0), cut}));
     EXPECT_EQ(std::vector<V>(back->m_points, back->m_points + 3), (std::vector<V>{V(4, 0, 0), cut, V(1, 3, 0)}));
+
     for (mrFace* piece : {front, back})
         EXPECT_TRUE(piece->m_texture == t.p && piece->m_used == 1 && piece->m_plane == V4(0, 0, 1, 0));
 }
@@ -588,12 +586,12 @@ TEST(ClipGenPartition, DegenerateSplitterSendsEverythingBack)
     std::vector<mrFace*> list = {t, d};
     mrBSPGenNode root;
     gen.partitionFaces(list, &root);
-    ASSERT_EQ(std::make_tuple(gen.m_nodes.size(), gen.m_nodes[0], root.m_children[1]),
-              std::make_tuple(2u, &root, gen.m_nodes.back()));
+    ASSERT_EQ(2u, gen.m_nodes.size());
     EXPECT_TRUE(root.m_plane == V4(0, 0, 0, 0));
-    EXPECT_EQ(std::make_tuple(root.m_children[0]->m_contents, gen.m_nodes[1]->m_children[0]->m_contents,
-                              gen.m_nodes[1]->m_children[1]->m_contents, gen.m_allfaces.size()),
-              std::make_tuple(-2, -1, -1, 2u));
+    EXPECT_EQ(std::make_tuple(gen.m_nodes[0], root.m_children[1], root.m_children[0]->m_contents,
+                              gen.m_nodes[1]->m_children[0]->m_contents, gen.m_nodes[1]->m_children[1]->m_contents,
+                              gen.m_allfaces.size()),
+              std::make_tuple(&root, gen.m_nodes[1], -2, -1, -1, 2u));
 }
 
 TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
