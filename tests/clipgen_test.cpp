@@ -287,7 +287,7 @@ TEST(ClipGenImport, TrianglePlaneFollowsWindingAndIsComputedInFloat)
     }
 }
 
-TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
+TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffsetAreUntouchedWithoutTrianglesNullModelReported)
 {
     srMeshModel mesh;
     addTriangle(mesh, V(-2, 0, 0), V(3, 0, 0), V(0, 1, 7));
@@ -307,24 +307,22 @@ TEST(ClipGenImport, BoundsReachOneUnitBeyondTheMeshAfterMatrixThenOffset)
     const V* points = moved.m_faces[0]->m_points;
     EXPECT_EQ(std::make_tuple(std::vector<V>(points, points + 3), tri.getVertexLoc()[0], m->m_mins),
               std::make_tuple(std::vector<V>{V(10, 21, 30), V(9, 20, 30), V(10, 20, 31)}, V(1, 0, 0), V(8, 19, 29)));
-}
 
-TEST(ClipGenImport, EmptyMeshGivesNoNodesAndUntouchedBoundsNullModelIsReported)
-{
-    srMeshModel mesh;
-    mrClipBSPGen gen;
-    BSPPtr bsp = import(gen, mesh);
-    ASSERT_TRUE(bsp);
-    EXPECT_EQ(std::make_tuple(bsp->m_numnodes + bsp->m_numplanes, bsp->m_nodes, bsp->m_planes, bsp->m_mins, bsp->m_maxs,
-                              counts(gen), gen.m_numplanes, gen.m_planes),
+    // An empty mesh: no nodes, and the bounds keep their starting values.
+    srMeshModel none;
+    mrClipBSPGen emptyGen;
+    BSPPtr empty = import(emptyGen, none);
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(std::make_tuple(empty->m_numnodes + empty->m_numplanes, empty->m_nodes, empty->m_planes, empty->m_mins,
+                              empty->m_maxs, counts(emptyGen), emptyGen.m_numplanes, emptyGen.m_planes),
               std::make_tuple(0u, nullptr, nullptr, V(999998, 999998, 999998), V(-999998, -999998, -999998),
                               std::vector<int>{0, 0, 1, 0}, 0, nullptr));
 
     mtest::AssertRecorder rec;
     mrClipBSPGen other;
     V offset;
-    srMatrix3T<float> m;
-    EXPECT_EQ(nullptr, other.importMeshModel(nullptr, offset, m));
+    srMatrix3T<float> identity;
+    EXPECT_EQ(nullptr, other.importMeshModel(nullptr, offset, identity));
     rec.expect({{"model", "mrClipBSPGen", 36, nullptr}});
 }
 
@@ -461,7 +459,7 @@ TEST_F(ClipGenSplit, CutReplacesTheFaceByBackThenFrontPiece)
         EXPECT_TRUE(piece->m_texture == t.p && piece->m_used == 1 && piece->m_plane == V4(0, 0, 1, 0));
 }
 
-TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
+TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnItAndPointDistancesAreTakenInDouble)
 {
     // On x = 0 the interpolated x of the edge from 6.7 to -2.1 comes out as -2^-50.
     struct Case
@@ -486,10 +484,7 @@ TEST_F(ClipGenSplit, AxialPlanePutsCutPointsExactlyOnIt)
         EXPECT_EQ(2, cuts);
         EXPECT_EQ(4, c.sign > 0 ? front->m_numpoints : back->m_numpoints);
     }
-}
 
-TEST_F(ClipGenSplit, PointDistancesAreTakenInDouble)
-{
     // p lies 0.0010016 in front of the plane in double, but within 0.001 in float; the
     // other two points are well behind, so only the double distance cuts the face.
     const float nx = 0x1.a89bf2p-2f, ny = 0x1.d1e896p-1f;
