@@ -146,7 +146,7 @@ TEST(BSPFace, AssignmentCopiesPointsNotTheWindingAndKeepsListState)
 
 // ---------------------------------------------------------------- splitFace
 
-TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchanged)
+TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchangedAndWithoutAWindingGoBackWholeAndAreReported)
 {
     mrPlane split(0, 0, 1, 0);
     const std::pair<std::vector<V>, bool> cases[] = {
@@ -166,6 +166,20 @@ TEST(SplitFace, FacesOnOneSideOrInThePlaneComeBackUnchanged)
             << pts[0].z;
         delete f;
     }
+
+    // Without a winding, or with a released one: reported, and the face goes back whole.
+    mtest::AssertRecorder rec;
+    mrBSPFace* bare = withoutWinding();
+    mrBSPFace* freed = makeFace(&split, {V(0, 0, 1), V(1, 0, -1), V(0, 1, 1)});
+    freed->m_winding->m_numpoints = -1;
+    for (mrBSPFace* f : {bare, freed})
+    {
+        mrBSPFace *front = f, *back = nullptr;
+        mrBSPFace::splitFace(f, &split, &front, &back);
+        EXPECT_EQ(std::make_pair(front, back), std::make_pair((mrBSPFace*)nullptr, f));
+        delete f;
+    }
+    rec.expect({{"inw", "mrBSPFace", 0, nullptr}, {"0", "mrBSPFace", 0, "SplitFace: freed face"}});
 }
 
 TEST(SplitFace, CutsKeepThePointOrderAndShareCrossingsAndOnPlaneVertices)
@@ -257,26 +271,9 @@ TEST(SplitFace, OriginalSurvivesItsCutAPieceDoesNot)
     EXPECT_TRUE(originalGone);
 }
 
-TEST(SplitFace, MissingOrReleasedWindingIsReportedAndGoesBackWhole)
-{
-    mtest::AssertRecorder rec;
-    mrPlane split(0, 0, 1, 0);
-    mrBSPFace* bare = withoutWinding();
-    mrBSPFace* freed = makeFace(&split, {V(0, 0, 1), V(1, 0, -1), V(0, 1, 1)});
-    freed->m_winding->m_numpoints = -1;
-    for (mrBSPFace* f : {bare, freed})
-    {
-        mrBSPFace *front = f, *back = nullptr;
-        mrBSPFace::splitFace(f, &split, &front, &back);
-        EXPECT_EQ(std::make_pair(front, back), std::make_pair((mrBSPFace*)nullptr, f));
-        delete f;
-    }
-    rec.expect({{"inw", "mrBSPFace", 0, nullptr}, {"0", "mrBSPFace", 0, "SplitFace: freed face"}});
-}
-
 // ---------------------------------------------------------------- surface bounds
 
-TEST(SurfaceBounds, BoxEnclosesEveryPointOfEveryFace)
+TEST(SurfaceBounds, BoxEnclosesEveryPointOfEveryFaceAndMissingFacesAndWindingsAreReported)
 {
     mrPlane plane(0, 0, 1, 0);
     const std::tuple<std::vector<std::vector<V>>, V, V> cases[] = {
@@ -299,10 +296,8 @@ TEST(SurfaceBounds, BoxEnclosesEveryPointOfEveryFace)
         s.calcBounds();
         EXPECT_EQ(std::make_pair(s.m_mins, s.m_maxs), std::make_pair(mins, maxs)) << faces[0][0].x;
     }
-}
 
-TEST(SurfaceBounds, MissingFacesAndWindingsAreReported)
-{
+    // No face at all, and a face without a winding: reported.
     mtest::AssertRecorder rec;
     mrBSPSurface none;
     none.calcBounds();
@@ -313,7 +308,6 @@ TEST(SurfaceBounds, MissingFacesAndWindingsAreReported)
 
     // A face without a winding is skipped.
     rec.clear();
-    mrPlane plane(0, 0, 1, 0);
     mrBSPFace* bare = withoutWinding();
     mrBSPFace* tri = makeFace(&plane, {V(1, 1, 0), V(2, 1, 0), V(1, 3, 0)});
     bare->m_next = tri;
