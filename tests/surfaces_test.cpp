@@ -56,7 +56,7 @@ void releaseAll(mrBSPSurfaceBuilder& builder, const std::vector<mrBSPSurface*>& 
 
 // ---------------------------------------------------------------- plane table
 
-TEST(PlaneTable, MatchesWithinTheDistanceAndNormalTolerances)
+TEST(PlaneTable, MatchesWithinTheDistanceAndNormalTolerancesAndDegenerateTrianglesGetTheAllZeroPlane)
 {
     // cos = 0.99998 (below 0.99999): new plane; cos = 0.999995: shared.
     const float tilt1 = std::sqrt(1.0f - 0.99998f * 0.99998f) / 0.99998f;
@@ -86,23 +86,21 @@ TEST(PlaneTable, MatchesWithinTheDistanceAndNormalTolerances)
     EXPECT_EQ(nd(b.m_planes[0]), std::make_tuple(V(0, 0, 1), 5.0f));
     EXPECT_EQ(nd(b.m_planes[2]), std::make_tuple(V(0, 0, -1), -5.0f));
     b.releasePlanes();
-}
 
-TEST(PlaneTable, DegenerateTrianglesEachGetTheAllZeroPlaneAndTheirOwnSurface)
-{
+    // Degenerate triangles each get the all-zero plane, and a surface of their own.
     srMeshModel mesh;
     addTriangle(mesh, V(0, 0, 0), V(1, 0, 0), V(0, 1, 0));
     addTriangle(mesh, V(0, 0, 0), V(1, 1, 1), V(2, 2, 2));
     addTriangle(mesh, V(3, 3, 3), V(3, 3, 3), V(3, 3, 3));
     addTriangle(mesh, V(5, 5, 0), V(6, 5, 0), V(5, 6, 0));
-    mrBSPSurfaceBuilder b;
-    std::vector<mrBSPSurface*> list = build(b, mesh);
-    ASSERT_EQ(std::make_pair(b.m_numplanes, list.size()), std::make_pair(3u, (size_t)3));
+    mrBSPSurfaceBuilder degenerate;
+    std::vector<mrBSPSurface*> list = build(degenerate, mesh);
+    ASSERT_EQ(std::make_pair(degenerate.m_numplanes, list.size()), std::make_pair(3u, (size_t)3));
     for (uint32_t i = 1; i < 3; ++i)
-        EXPECT_EQ(nd(b.m_planes[i]), std::make_tuple(V(0, 0, 0), 0.0f));
+        EXPECT_EQ(nd(degenerate.m_planes[i]), std::make_tuple(V(0, 0, 0), 0.0f));
     EXPECT_EQ(std::make_tuple(polys(list[0]), polys(list[1]), polys(list[2])),
               std::make_tuple(Ints{3, 0}, Ints{1}, Ints{2}));
-    releaseAll(b, list);
+    releaseAll(degenerate, list);
 }
 
 // ---------------------------------------------------------------- faces and surfaces
