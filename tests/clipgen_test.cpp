@@ -514,7 +514,7 @@ TEST_F(ClipGenSplit, PieceBeyondSixtyFourPointsIsReportedAndTruncated)
 
 // ---- splitter choice and partitioning on hand-made lists ----
 
-TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeaf)
+TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeafADegenerateSplitterSendsEverythingBack)
 {
     mrClipBSPGen gen;
     mrBSPGenNode solid, empty;
@@ -528,6 +528,20 @@ TEST(ClipGenPartition, EmptyListIsSolidLeafAllUsedIsEmptyLeaf)
     // The caller's list is left as it was.
     EXPECT_EQ(std::make_tuple(empty.m_contents, counts(gen), gen.m_nodes.size(), used.size()),
               std::make_tuple(-1, std::vector<int>{0, 1, 1, 2}, 0u, 2u));
+
+    // A degenerate splitter sends everything back.
+    mrClipBSPGen other;
+    mrFace* t = addFace(other, {V(-1, -1, 1), V(1, -1, 1), V(-1, 1, 1)}, V4(0, 0, 1, 1));
+    mrFace* d = addFace(other, {V(-1, -1, -1), V(0, 0, 0), V(1, 1, 1)}, V4(0, 0, 0, 0));
+    std::vector<mrFace*> list = {t, d};
+    mrBSPGenNode root;
+    other.partitionFaces(list, &root);
+    ASSERT_EQ(2u, other.m_nodes.size());
+    EXPECT_TRUE(root.m_plane == V4(0, 0, 0, 0));
+    EXPECT_EQ(std::make_tuple(other.m_nodes[0], root.m_children[1], root.m_children[0]->m_contents,
+                              other.m_nodes[1]->m_children[0]->m_contents, other.m_nodes[1]->m_children[1]->m_contents,
+                              other.m_allfaces.size()),
+              std::make_tuple(&root, other.m_nodes[1], -2, -1, -1, 2u));
 }
 
 TEST(ClipGenPartition, MidPlaneChoiceNearestCentreTiesToLaterAndNoCandidateIsReported)
@@ -571,22 +585,6 @@ TEST(ClipGenPartition, SelectPartitionBoundsUseFirstThreePointsOfAllFaces)
     EXPECT_EQ(y, gen.selectPartition(list)); // tie: the later face
     far->m_points[2] = V(40, 0, 0);
     EXPECT_EQ(x, gen.selectPartition(list)); // x = 1 is now nearer the middle
-}
-
-TEST(ClipGenPartition, DegenerateSplitterSendsEverythingBack)
-{
-    mrClipBSPGen gen;
-    mrFace* t = addFace(gen, {V(-1, -1, 1), V(1, -1, 1), V(-1, 1, 1)}, V4(0, 0, 1, 1));
-    mrFace* d = addFace(gen, {V(-1, -1, -1), V(0, 0, 0), V(1, 1, 1)}, V4(0, 0, 0, 0));
-    std::vector<mrFace*> list = {t, d};
-    mrBSPGenNode root;
-    gen.partitionFaces(list, &root);
-    ASSERT_EQ(2u, gen.m_nodes.size());
-    EXPECT_TRUE(root.m_plane == V4(0, 0, 0, 0));
-    EXPECT_EQ(std::make_tuple(gen.m_nodes[0], root.m_children[1], root.m_children[0]->m_contents,
-                              gen.m_nodes[1]->m_children[0]->m_contents, gen.m_nodes[1]->m_children[1]->m_contents,
-                              gen.m_allfaces.size()),
-              std::make_tuple(&root, gen.m_nodes[1], -2, -1, -1, 2u));
 }
 
 TEST(ClipGenConvert, MissingPlaneAndUnnumberedChildAreReported)
