@@ -190,9 +190,9 @@ TEST_F(ModuleStartup, LoadRegistersTheHandlerAndUnloadRemovesIt)
     EXPECT_EQ(log.text(), "Registering MeridBSP ClassIO Handlers\n");
     mrClassIOHandler* handler = manager().getHandler(kClipClass);
     ASSERT_NE(handler, nullptr);
-    EXPECT_EQ(handler->getClassID(), kClipClass);
     // Loading registers the handler only, not the class.
-    EXPECT_EQ(srCore::instance().getRegistry().getClassNode(kClipClass), nullptr);
+    EXPECT_EQ(std::make_tuple(handler->getClassID(), srCore::instance().getRegistry().getClassNode(kClipClass)),
+              std::make_tuple(kClipClass, nullptr));
 
     // Thread notifications change nothing.
     size_t handlers = manager().numHandlers();

@@ -104,8 +104,7 @@ TEST(OutputFile, ReplacesFilesFollowsLinksAndRefusesTheRest)
     EXPECT_EQ(st.st_mode & 0777, 0640u);
     std::filesystem::create_symlink("old", dir.file("link"));
     std::filesystem::create_symlink("later", dir.file("dangling"));
-    ASSERT_TRUE(write("link", "via link")) << error;
-    ASSERT_TRUE(write("dangling", "made")) << error;
+    ASSERT_TRUE(write("link", "via link") && write("dangling", "made")) << error;
     EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link")));
     EXPECT_EQ(std::make_pair(mtest::readFile(dir.file("old")), mtest::readFile(dir.file("later"))),
               std::make_pair(std::string("via link"), std::string("made")));
@@ -116,8 +115,7 @@ TEST(OutputFile, ReplacesFilesFollowsLinksAndRefusesTheRest)
     ASSERT_EQ(::pipe(fds), 0);
     mrOutputFile out;
     ASSERT_TRUE(out.openDescriptor(fds[1], "-", error)) << error;
-    ASSERT_TRUE(out.write("abc", 3, error));
-    ASSERT_TRUE(out.commit(error)) << error;
+    ASSERT_TRUE(out.write("abc", 3, error) && out.commit(error)) << error;
     ::close(fds[1]);
     EXPECT_EQ(::read(fds[0], buf, sizeof buf), 3);
     ::close(fds[0]);
@@ -153,8 +151,7 @@ TEST(OutputFile, ReplacesFilesFollowsLinksAndRefusesTheRest)
     // Abandoned half-way: the earlier file stays, and no temporary file is left.
     {
         mrOutputFile half;
-        ASSERT_TRUE(half.open(dir.file("old"), error));
-        ASSERT_TRUE(half.write("partial", 7, error));
+        ASSERT_TRUE(half.open(dir.file("old"), error) && half.write("partial", 7, error)) << error;
     }
     EXPECT_EQ(mtest::readFile(dir.file("old")), "via link");
     for (const auto& e : std::filesystem::directory_iterator(dir.path()))
