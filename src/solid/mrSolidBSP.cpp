@@ -1955,22 +1955,37 @@ struct FactTree
         bsp.m_numEmptyLeafs += from.m_numEmptyLeafs;
         bsp.m_numLinkedFaces += from.m_numLinkedFaces;
     }
-    // Adds in the counters of every subtree below.
+    // Adds in the counters of every subtree below and takes them all over from their
+    // parents, so that they are released one by one: subtrees nest as deep as the tree may
+    // go, and nothing here recurses.
     void addSubtreeCounts()
     {
-        for (const std::unique_ptr<FactTree>& sub : subtrees)
+        std::vector<std::unique_ptr<FactTree>> all = std::move(subtrees);
+        for (size_t i = 0; i < all.size(); ++i)
         {
-            sub->addSubtreeCounts();
-            addCounts(sub->bsp);
+            addCounts(all[i]->bsp);
+            std::vector<std::unique_ptr<FactTree>> below = std::move(all[i]->subtrees);
+            for (std::unique_ptr<FactTree>& sub : below)
+                all.push_back(std::move(sub));
         }
+        subtrees = std::move(all);
     }
-    // Files the reports, those of the subtrees in their places.
+    // Files the reports, those of the subtrees in their places (without recursion).
     void fileReports() const
     {
-        for (const Report& r : reports)
+        std::vector<std::pair<const FactTree*, size_t>> stack(1, {this, 0});
+        while (!stack.empty())
         {
+            const FactTree* tree = stack.back().first;
+            const size_t at = stack.back().second++;
+            if (at == tree->reports.size())
+            {
+                stack.pop_back();
+                continue;
+            }
+            const Report& r = tree->reports[at];
             if (r.subtree)
-                r.subtree->fileReports();
+                stack.push_back({r.subtree, 0});
             else
                 srAssertFail(r.expression.c_str(), r.source.c_str(), r.line,
                              r.message.empty() ? nullptr : r.message.c_str());
