@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include <meridbsp/clip/mrClipBSP.h>
+#include <meridbsp/clip/mrThreadCount.h>
 #include <meridbsp/clip/mrThreadHandoff.h>
 #include <meridbsp/clipgen/mrClipBSPGen.h>
 #include <meridbsp/platform/core/mrProgress.h>
@@ -15,8 +16,6 @@
 #include <meridbsp/platform/dx/srMeshModel.h>
 #include <meridbsp/platform/dx/srTexture.h>
 #include <oneapi/tbb/blocked_range.h>
-#include <oneapi/tbb/global_control.h>
-#include <oneapi/tbb/info.h>
 #include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
@@ -1674,21 +1673,12 @@ mrClipBSP* mrClipBSPGen::importMeshModel(srMeshModel* model, srVector3T<float>& 
     return import(model, offset, matrix, 1);
 }
 
-int mrClipBSPGen::availableThreads()
-{
-    // The cores of the process's affinity mask.
-    return std::max(1, tbb::info::default_concurrency());
-}
+int mrClipBSPGen::availableThreads() { return mrThreadCount::available(); }
 
 mrClipBSP* mrClipBSPGen::importMeshModelParallel(srMeshModel* model, srVector3T<float>& offset,
                                                  srMatrix3T<float>& matrix, int threads)
 {
-    if (threads <= 0)
-        threads = availableThreads();
-    // No more than the process lets the thread pool have (the cores, unless the program
-    // set another limit): more would only wait for each other.
-    threads = (int)std::min<size_t>((size_t)threads,
-                                    tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    threads = mrThreadCount::resolve(threads);
     if (threads <= 1)
         return importMeshModel(model, offset, matrix);
     tbb::task_arena arena(threads);

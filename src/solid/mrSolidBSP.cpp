@@ -5,19 +5,19 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include <meridbsp/clip/mrThreadCount.h>
 #include <meridbsp/clip/mrThreadHandoff.h>
 #include <meridbsp/geometry/mrMedianTree.h>
 #include <meridbsp/platform/core/mrProgress.h>
 #include <meridbsp/platform/dx/srAssert.h>
 #include <meridbsp/solid/mrSolidBSP.h>
 #include <oneapi/tbb/blocked_range.h>
-#include <oneapi/tbb/global_control.h>
-#include <oneapi/tbb/info.h>
 #include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
@@ -1591,15 +1591,9 @@ mrBSPNode* mrSolidBSP::generate(mrBSPSurface* surfaces, int midSplit)
     return head;
 }
 
-int mrSolidBSP::availableThreads() { return std::max(1, tbb::info::default_concurrency()); }
-
 mrBSPNode* mrSolidBSP::generateParallel(mrBSPSurface* surfaces, int midSplit, int threads, const ParallelShare& share)
 {
-    if (threads <= 0)
-        threads = availableThreads();
-    // No more than the process lets the thread pool have: more would only wait.
-    threads = (int)std::min<size_t>((size_t)threads,
-                                    tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism));
+    threads = mrThreadCount::resolve(threads);
     if (threads <= 1)
         return generate(surfaces, midSplit);
     mrBSPNode* head = new mrBSPNode;
@@ -1946,14 +1940,15 @@ struct FactTree
         bsp.m_numSplitNodes = bsp.m_numLeafFaces = bsp.m_numNodeFaces = 0;
         bsp.m_numSolidLeafs = bsp.m_numEmptyLeafs = bsp.m_numLinkedFaces = 0;
     }
-    void addCounts(const mrSolidBSP& from)
+    // Adds a generator's counters into another's.
+    static void addCounts(mrSolidBSP& into, const mrSolidBSP& from)
     {
-        bsp.m_numSplitNodes += from.m_numSplitNodes;
-        bsp.m_numLeafFaces += from.m_numLeafFaces;
-        bsp.m_numNodeFaces += from.m_numNodeFaces;
-        bsp.m_numSolidLeafs += from.m_numSolidLeafs;
-        bsp.m_numEmptyLeafs += from.m_numEmptyLeafs;
-        bsp.m_numLinkedFaces += from.m_numLinkedFaces;
+        into.m_numSplitNodes += from.m_numSplitNodes;
+        into.m_numLeafFaces += from.m_numLeafFaces;
+        into.m_numNodeFaces += from.m_numNodeFaces;
+        into.m_numSolidLeafs += from.m_numSolidLeafs;
+        into.m_numEmptyLeafs += from.m_numEmptyLeafs;
+        into.m_numLinkedFaces += from.m_numLinkedFaces;
     }
     // Adds in the counters of every subtree below and takes them all over from their
     // parents, so that they are released one by one: subtrees nest as deep as the tree may
@@ -1963,7 +1958,7 @@ struct FactTree
         std::vector<std::unique_ptr<FactTree>> all = std::move(subtrees);
         for (size_t i = 0; i < all.size(); ++i)
         {
-            addCounts(all[i]->bsp);
+            addCounts(bsp, all[i]->bsp);
             std::vector<std::unique_ptr<FactTree>> below = std::move(all[i]->subtrees);
             for (std::unique_ptr<FactTree>& sub : below)
                 all.push_back(std::move(sub));
@@ -2044,9 +2039,9 @@ void buildFacts(FactTree& tree, ParallelRun* run)
     std::vector<Work> stack;
     stack.push_back({std::move(tree.list), tree.node, nullptr, nullptr});
 
-    std::unique_ptr<KeptReports> kept;
+    std::optional<KeptReports> kept;
     if (share)
-        kept.reset(new KeptReports(&tree.reports));
+        kept.emplace(&tree.reports);
     // Progress from the calling thread only, on the leaves' faces linked anywhere.
     int32_t linkedHere = 0;
     auto progress = [&]
@@ -2580,10 +2575,5 @@ void mrSolidBSP::partitionByFacts(mrBSPSurface* list, mrBSPNode* head, const Par
     }
     else
         buildFacts(tree, nullptr);
-    m_numSplitNodes += tree.bsp.m_numSplitNodes;
-    m_numLeafFaces += tree.bsp.m_numLeafFaces;
-    m_numNodeFaces += tree.bsp.m_numNodeFaces;
-    m_numSolidLeafs += tree.bsp.m_numSolidLeafs;
-    m_numEmptyLeafs += tree.bsp.m_numEmptyLeafs;
-    m_numLinkedFaces += tree.bsp.m_numLinkedFaces;
+    FactTree::addCounts(*this, tree.bsp);
 }

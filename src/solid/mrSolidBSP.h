@@ -65,8 +65,6 @@ public:
     // every count.
     mrBSPNode* generateParallel(mrBSPSurface* surfaces, int midSplit, int threads,
                                 const ParallelShare& share = ParallelShare());
-    // The cores of the process's CPU affinity, as the thread count 0 takes them.
-    static int availableThreads();
     // Builds the whole subtree under node from list (iteratively: any depth is safe).
     void partitionSurfaces(mrBSPSurface* list, mrBSPNode* node);
     void dividePlane(mrBSPSurface* in, mrPlane* split, mrBSPSurface** front, mrBSPSurface** back);
